@@ -1,0 +1,311 @@
+#include "core.h"
+
+#include "datasetlog.h"
+#include "idatasource.h"
+#include "iprocessor.h"
+#include "itarget.h"
+#include "limit.h"
+#include "logcategories.h"
+#include "logcli.h"
+#include "logfile.h"
+#include "messagehandler.h"
+#include "opcuatommmapper.h"
+#include "unitoverwrite.h"
+#include "validator.h"
+#include "xmloverwrite.h"
+
+#include <QDirIterator>
+#include <QJsonObject>
+#include <QLoggingCategory>
+#include <QMetaEnum>
+#include <QPluginLoader>
+#include <QSettings>
+
+#include <algorithm>
+
+namespace {
+
+const char *const DataSignal = SIGNAL(dataReceived(QDateTime, QString, QString, QVariant));
+const char *const ProcessedSignal = SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant));
+const char *const ProcessSlot = SLOT(processData(QDateTime, QString, QString, QVariant));
+const char *const WriteConfigSignal = SIGNAL(writeConfig(QString, QVariant));
+const char *const WriteConfigSlot = SLOT(writeConfig(QString, QVariant));
+const char *const RequestSignal = SIGNAL(machineRequest(QString, QVariant));
+const char *const RequestSlot = SLOT(machineRequest(QString, QVariant));
+
+// The sinks outlive every Core: messages may still arrive while the process ends.
+std::unique_ptr<LogCli> s_logCli;
+std::unique_ptr<LogFile> s_logFile;
+
+QVariantMap readGroup(QSettings &settings)
+{
+    QVariantMap map;
+    // Groups first, so that a key of the same name replaces the group's map.
+    const QStringList groups = settings.childGroups();
+    for (const QString &group : groups) {
+        settings.beginGroup(group);
+        map.insert(group, readGroup(settings));
+        settings.endGroup();
+    }
+    const QStringList keys = settings.childKeys();
+    for (const QString &key : keys)
+        map.insert(key, settings.value(key));
+    return map;
+}
+
+template<typename Interface>
+QObject *objectOf(Interface *plugin)
+{
+    return dynamic_cast<QObject *>(plugin);
+}
+
+} // namespace
+
+Core::Core(bool service, QObject *parent, const QString &configFile, const QString &logFileName,
+           const QString &logOldCopy)
+    : QObject(parent)
+    , m_service(service)
+{
+    s_logCli = std::make_unique<LogCli>();
+    s_logFile = std::make_unique<LogFile>(logFileName, logOldCopy);
+    MessageHandler::install(s_logFile.get(), s_logCli.get());
+
+    openConfig(configFile);
+
+    QString rules = m_config.value(QStringLiteral("core")).toMap()
+                        .value(QStringLiteral("log"), QStringLiteral("*.debug=false"))
+                        .toString();
+    rules.replace(QLatin1Char(';'), QLatin1Char('\n'));
+    QLoggingCategory::setFilterRules(rules);
+
+    s_logFile->configure(m_config);
+
+    qCInfo(lcCore) << QStringLiteral("starting %1 %2 %3")
+                          .arg(QStringLiteral("orvix"), QStringLiteral("dev"),
+                               m_service ? QStringLiteral("as service") : QStringLiteral("as normal process"));
+    qCInfo(lcCore) << QStringLiteral("orvix connects woodworking machines to the systems above them");
+    qCDebug(lcCore) << "read configfile:" << m_config;
+
+    m_disabledPlugins = m_config.value(QStringLiteral("core")).toMap()
+                            .value(QStringLiteral("disabledPlugins"))
+                            .toStringList();
+
+    m_processors.append(new Validator(this));
+    m_processors.append(new UnitOverwrite(this));
+    m_processors.append(new XmlOverwrite(this));
+    m_processors.append(new DatasetLog(this));
+    m_processors.append(new Limit(this));
+    m_processors.append(new OpcUaToMMMapper());
+    std::stable_sort(m_processors.begin(), m_processors.end(), [](IProcessor *a, IProcessor *b) {
+        return a->orderNumber() < b->orderNumber();
+    });
+}
+
+Core::~Core()
+{
+    if (lcCore().isInfoEnabled())
+        qCInfo(lcCore).noquote() << "Shutting down";
+    MessageHandler::restore();
+
+    for (IDatasource *datasource : qAsConst(m_datasources))
+        delete datasource;
+    for (ITarget *target : qAsConst(m_targets))
+        delete target;
+    for (IProcessor *processor : qAsConst(m_processors))
+        delete processor;
+    m_datasources.clear();
+    m_targets.clear();
+    m_processors.clear();
+}
+
+QString Core::pluginDirectory()
+{
+    const QByteArray fromEnvironment = qgetenv("ORVIX_PLUGINPATH");
+    if (!fromEnvironment.isEmpty())
+        return QString::fromUtf8(fromEnvironment);
+    return QStringLiteral(ORVIX_DEFAULT_PLUGIN_DIR);
+}
+
+void Core::openConfig(const QString &configFile)
+{
+    m_settings = std::make_unique<QSettings>(configFile, QSettings::IniFormat);
+    m_settings->setIniCodec("UTF-8");
+    qCInfo(lcCore) << QStringLiteral("Using configfile: %1").arg(m_settings->fileName());
+    m_config = readGroup(*m_settings);
+}
+
+void Core::run()
+{
+    loadPlugins();
+    connectDatasources();
+    connectProcessors();
+    initProcessors();
+    initTargets();
+    initDatasources();
+
+    if (m_datasources.isEmpty())
+        qCWarning(lcCore) << QStringLiteral("At least one datasource plugin has to be used.");
+    if (m_targets.isEmpty())
+        qCWarning(lcCore) << QStringLiteral("At least one target plugin has to be used.");
+}
+
+void Core::writeConfig(QString key, QVariant value)
+{
+    if (!m_settings)
+        return;
+    m_settings->setValue(key, value);
+    m_settings->sync();
+}
+
+void Core::loadPlugins()
+{
+    const QString directory = pluginDirectory();
+    qCDebug(lcCore) << QStringLiteral("Loading plugins from %1").arg(directory);
+
+    const QMetaEnum pluginTypes = QMetaEnum::fromType<PluginType>();
+    QDirIterator it(directory, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        if (!path.endsWith(QLatin1String("so"), Qt::CaseInsensitive))
+            continue;
+        qCDebug(lcCore) << QStringLiteral("Trying to load plugin: %1").arg(path);
+
+        QPluginLoader loader(path);
+        const QString type = loader.metaData()
+                                 .value(QStringLiteral("MetaData"))
+                                 .toObject()
+                                 .value(QStringLiteral("TYPE"))
+                                 .toString();
+        bool known = false;
+        const int pluginType = pluginTypes.keyToValue(type.toUtf8().constData(), &known);
+        if (!known) {
+            qCWarning(lcCore) << QStringLiteral("PluginType \"%1\" not valid for %2").arg(type, path);
+            continue;
+        }
+
+        QObject *root = loader.instance();
+        if (!root) {
+            qCWarning(lcCore) << QStringLiteral("Can't get instance of %1. Error: %2").arg(path, loader.errorString());
+            continue;
+        }
+        qCDebug(lcCore) << QStringLiteral("Successfully loaded: %1").arg(path);
+
+        if (pluginType == DATASOURCE) {
+            if (auto *datasource = qobject_cast<IDatasource *>(root))
+                m_datasources.append(datasource);
+            else
+                qCWarning(lcCore) << QStringLiteral("%1 is no IDatasource and is not used").arg(path);
+        } else if (auto *target = qobject_cast<ITarget *>(root)) {
+            m_targets.append(target);
+        } else {
+            qCWarning(lcCore) << QStringLiteral("%1 is no ITarget and is not used").arg(path);
+        }
+    }
+}
+
+void Core::connectDatasources()
+{
+    for (IDatasource *datasource : qAsConst(m_datasources)) {
+        QObject *source = objectOf(datasource);
+        if (m_processors.isEmpty()) {
+            for (ITarget *target : qAsConst(m_targets)) {
+                QObject::connect(source, DataSignal, objectOf(target), ProcessSlot, Qt::UniqueConnection);
+                qCDebug(lcCore) << QStringLiteral("Connect %1 to %2").arg(target->name(), datasource->name());
+            }
+        } else {
+            IProcessor *first = m_processors.first();
+            QObject::connect(source, DataSignal, objectOf(first), ProcessSlot, Qt::UniqueConnection);
+            qCDebug(lcCore) << QStringLiteral("Connect %1 to %2").arg(datasource->name(), first->name());
+        }
+    }
+}
+
+void Core::connectProcessors()
+{
+    for (int i = 0; i < m_processors.size(); ++i) {
+        IProcessor *processor = m_processors.at(i);
+        QObject *sender = objectOf(processor);
+        if (i == m_processors.size() - 1) {
+            for (ITarget *target : qAsConst(m_targets)) {
+                QObject::connect(sender, ProcessedSignal, objectOf(target), ProcessSlot, Qt::UniqueConnection);
+                qCDebug(lcCore) << QStringLiteral("Connect %1 to %2").arg(processor->name(), target->name());
+            }
+        } else {
+            IProcessor *next = m_processors.at(i + 1);
+            QObject::connect(sender, ProcessedSignal, objectOf(next), ProcessSlot, Qt::UniqueConnection);
+            qCDebug(lcCore) << QStringLiteral("Connect %1 to %2").arg(processor->name(), next->name());
+        }
+    }
+}
+
+bool Core::connectWriteConfig(QObject *object, const QString &name, bool signalOnly)
+{
+    const QMetaObject *meta = object->metaObject();
+    const QByteArray signature = QMetaObject::normalizedSignature("writeConfig(QString,QVariant)");
+    const int index = signalOnly ? meta->indexOfSignal(signature.constData()) : meta->indexOfMethod(signature.constData());
+    if (index < 0)
+        return false;
+    QObject::connect(object, WriteConfigSignal, this, WriteConfigSlot);
+    qCDebug(lcCore) << QStringLiteral("%1 provides writeConfig").arg(name);
+    return true;
+}
+
+void Core::initProcessors()
+{
+    for (IProcessor *processor : qAsConst(m_processors)) {
+        connectWriteConfig(objectOf(processor), processor->name(), true);
+        // A processor stays in the chain whatever its init says.
+        processor->init(m_config, m_shared);
+    }
+}
+
+void Core::initTargets()
+{
+    const QByteArray requestSignature = QMetaObject::normalizedSignature("machineRequest(QString,QVariant)");
+    const QList<ITarget *> targets = m_targets;
+    for (ITarget *target : targets) {
+        const QString name = target->name();
+        if (m_disabledPlugins.contains(name, Qt::CaseSensitive)) {
+            qCInfo(lcCore) << QStringLiteral("Ignoring target %1, because it's disabled in the config.").arg(name);
+            continue;
+        }
+        qCDebug(lcCore) << QStringLiteral("Initializing target %1").arg(name);
+        QObject *object = objectOf(target);
+        connectWriteConfig(object, name, false);
+        if (object->metaObject()->indexOfMethod(requestSignature.constData()) >= 0) {
+            for (IDatasource *datasource : qAsConst(m_datasources)) {
+                QObject *receiver = objectOf(datasource);
+                if (receiver->metaObject()->indexOfSlot(requestSignature.constData()) < 0)
+                    continue;
+                QObject::connect(object, RequestSignal, receiver, RequestSlot);
+                qCDebug(lcCore)
+                    << QStringLiteral("Connect %1 machineRequest to %2").arg(name, datasource->name());
+            }
+        }
+        if (!target->init(m_config, m_shared)) {
+            qCWarning(lcCore) << QStringLiteral("Disabling target %1").arg(name);
+            m_targets.removeOne(target);
+            object->deleteLater();
+        }
+    }
+}
+
+void Core::initDatasources()
+{
+    const QList<IDatasource *> datasources = m_datasources;
+    for (IDatasource *datasource : datasources) {
+        const QString name = datasource->name();
+        if (m_disabledPlugins.contains(name, Qt::CaseSensitive)) {
+            qCInfo(lcCore) << QStringLiteral("Ignoring datasource %1, because it's disabled in the config.").arg(name);
+            continue;
+        }
+        qCDebug(lcCore) << QStringLiteral("Initializing datasource %1").arg(name);
+        QObject *object = objectOf(datasource);
+        connectWriteConfig(object, name, true);
+        if (!datasource->init(m_config, m_shared)) {
+            qCWarning(lcCore) << QStringLiteral("Disabling datasource %1").arg(name);
+            m_datasources.removeOne(datasource);
+            object->deleteLater();
+        }
+    }
+}

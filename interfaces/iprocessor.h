@@ -1,0 +1,31 @@
+#ifndef ORVIX_IPROCESSOR_H
+#define ORVIX_IPROCESSOR_H
+
+#include <QtPlugin>
+#include <QString>
+#include <QVariantMap>
+
+/**
+ * The interface of the built-in dataset processors. An implementation derives from QObject first and IProcessor
+ * second and declares, after its overrides, the signal
+ * dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data) and the slot
+ * processData(QDateTime timestamp, QString machine, QString source, QVariant data).
+ */
+class IProcessor
+{
+public:
+    virtual ~IProcessor() = default;
+
+    /** Reads the processor's own group of the configuration; the service ignores the result. */
+    virtual bool init(const QVariantMap &config, QVariantMap &shared) = 0;
+
+    /** The processor's name, shown in log lines. */
+    virtual QString name() const = 0;
+
+    /** The processor's place in the chain: lower numbers run first. */
+    virtual unsigned int orderNumber() const = 0;
+};
+
+Q_DECLARE_INTERFACE(IProcessor, "IProcessor")
+
+#endif

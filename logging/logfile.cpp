@@ -1,0 +1,79 @@
+#include "logfile.h"
+
+#include "logcategories.h"
+#include "messagehandler.h"
+
+#include <QDate>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTextStream>
+
+LogFile::LogFile(const QString &defaultFileName, const QString &defaultOldCopy, QObject *parent)
+    : QObject(parent)
+    , m_defaultFileName(defaultFileName)
+    , m_defaultOldCopy(defaultOldCopy)
+    , m_fileName(defaultFileName)
+    , m_oldCopy(defaultOldCopy)
+{
+}
+
+LogFile::~LogFile()
+{
+    delete m_file;
+}
+
+void LogFile::configure(const QVariantMap &config)
+{
+    const QVariantMap group = config.value(QStringLiteral("logfile")).toMap();
+    m_fileName = group.value(QStringLiteral("filename"), m_defaultFileName).toString();
+    m_oldCopy = group.value(QStringLiteral("oldcopy"), m_defaultOldCopy).toString();
+    m_maxSize = group.value(QStringLiteral("maxSize"), quint64(52428800)).toULongLong();
+    openAndRotate();
+}
+
+void LogFile::openAndRotate()
+{
+    if (m_file) {
+        m_file->close();
+        delete m_file;
+        m_file = nullptr;
+    }
+
+    if (QFile::exists(m_fileName)) {
+        QString oldName = m_oldCopy;
+        oldName.replace(QStringLiteral("[date]"), QDate::currentDate().toString(QStringLiteral("yyyy-MM-dd")));
+        if (QFile::exists(oldName))
+            QFile::remove(oldName);
+        QFile::rename(m_fileName, oldName);
+    }
+
+    m_file = new QFile(m_fileName);
+    const QString dirPath = QFileInfo(m_fileName).absolutePath();
+    if (!QDir(dirPath).exists() && !QDir().mkpath(dirPath))
+        qCWarning(lcLogFile) << "Creating" << dirPath << "failed.";
+
+    // An unopenable file only costs the file's lines; the console keeps working.
+    m_file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text);
+    m_written = 0;
+}
+
+void LogFile::write(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (!m_file || !m_file->isOpen())
+        return;
+
+    // The counter is never advanced by writing, so only a single message longer than the limit rotates.
+    if (quint64(message.length()) + m_written > m_maxSize)
+        openAndRotate();
+    if (!m_file->isOpen())
+        return;
+
+    QTextStream stream(m_file);
+    stream.setCodec("UTF-8");
+    stream << QStringLiteral("%1 %2 %3: %4\n")
+                  .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                       MessageHandler::levelWord(type), QString::fromUtf8(context.category ? context.category : ""),
+                       message);
+}

@@ -96,9 +96,7 @@ Core::Core(bool service, QObject *parent, const QString &configFile, const QStri
     m_processors.append(new DatasetLog(this));
     m_processors.append(new Limit(this));
     m_processors.append(new OpcUaToMMMapper());
-    std::stable_sort(m_processors.begin(), m_processors.end(), [](IProcessor *a, IProcessor *b) {
-        return a->orderNumber() < b->orderNumber();
-    });
+    sortProcessors();
 }
 
 Core::~Core()
@@ -134,11 +132,37 @@ void Core::openConfig(const QString &configFile)
     m_config = readGroup(*m_settings);
 }
 
-void Core::run()
+void Core::setProcessors(const QList<IProcessor *> &processors)
 {
-    loadPlugins();
+    for (IProcessor *processor : qAsConst(m_processors))
+        delete processor;
+    m_processors = processors;
+    sortProcessors();
+}
+
+void Core::sortProcessors()
+{
+    // Stable, so that equal order numbers keep the order in which the processors were added.
+    std::stable_sort(m_processors.begin(), m_processors.end(), [](IProcessor *a, IProcessor *b) {
+        return a->orderNumber() < b->orderNumber();
+    });
+}
+
+void Core::connectPipeline()
+{
     connectDatasources();
     connectProcessors();
+}
+
+void Core::run()
+{
+    // The pipeline is built once; a second call would load every plugin again into the same lists.
+    if (m_running)
+        return;
+    m_running = true;
+
+    loadPlugins();
+    connectPipeline();
     initProcessors();
     initTargets();
     initDatasources();

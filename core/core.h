@@ -37,6 +37,15 @@ public:
     /** The plugin directory: ORVIX_PLUGINPATH when set and not empty, else the one below the install prefix. */
     static QString pluginDirectory();
 
+    /**
+     * Replaces the built-in processor chain before run(), for a chain that differs from the service's own (one that
+     * includes MmToOpcUaMapper, or none at all). Core takes ownership and sorts the list by order number.
+     */
+    void setProcessors(const QList<IProcessor *> &processors);
+
+    /** Connects datasources, processors and targets for data; connecting again adds nothing. */
+    void connectPipeline();
+
     const QList<IDatasource *> &datasources() const { return m_datasources; }
     const QList<ITarget *> &targets() const { return m_targets; }
     const QList<IProcessor *> &processors() const { return m_processors; }
@@ -54,12 +63,14 @@ private:
     void loadPlugins();
     void connectDatasources();
     void connectProcessors();
+    void sortProcessors();
     void initProcessors();
     void initTargets();
     void initDatasources();
     bool connectWriteConfig(QObject *object, const QString &name, bool signalOnly);
 
     bool m_service;
+    bool m_running = false;
     QList<IDatasource *> m_datasources;
     QList<ITarget *> m_targets;
     QList<IProcessor *> m_processors;

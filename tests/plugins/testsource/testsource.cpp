@@ -1,0 +1,57 @@
+#include "idatasource.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QObject>
+#include <QVariant>
+
+/** A datasource driven by the test: it sends what it is told and records requests and its own life. */
+class TestSource : public QObject, public IDatasource
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID "IDatasource" FILE "testsource.json")
+    Q_INTERFACES(IDatasource)
+    Q_PROPERTY(int initCalls MEMBER m_initCalls)
+    Q_PROPERTY(QVariantList requests MEMBER m_requests)
+public:
+    ~TestSource() override
+    {
+        QStringList log = qApp->property("destroyed").toStringList();
+        log.append(name());
+        qApp->setProperty("destroyed", log);
+    }
+
+    bool init(const QVariantMap &config, QVariantMap &shared) override
+    {
+        ++m_initCalls;
+        shared.insert(QStringLiteral("testsource"), true);
+        const QVariantMap group = config.value(QStringLiteral("testsource")).toMap();
+        if (group.contains(QStringLiteral("writeOnInit")))
+            emit writeConfig(QStringLiteral("testsource/written"), group.value(QStringLiteral("writeOnInit")));
+        return group.value(QStringLiteral("init"), true).toBool();
+    }
+
+    QString name() const override { return QStringLiteral("testsource"); }
+
+    Q_INVOKABLE void send(const QDateTime &timestamp, const QString &machine, const QString &source,
+                          const QVariant &data)
+    {
+        emit dataReceived(timestamp, machine, source, data);
+    }
+
+signals:
+    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void writeConfig(QString key, QVariant value);
+
+public slots:
+    void machineRequest(QString machine, QVariant request)
+    {
+        m_requests.append(QVariant(QVariantList { machine, request }));
+    }
+
+private:
+    int m_initCalls = 0;
+    QVariantList m_requests;
+};
+
+#include "testsource.moc"

@@ -1,0 +1,203 @@
+#include "logcategories.h"
+#include "logfile.h"
+#include "testsupport.h"
+
+#include <QDate>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace TestSupport;
+
+namespace {
+
+QStringList s_captured;
+
+void capture(QtMsgType, const QMessageLogContext &context, const QString &message)
+{
+    s_captured.append(QString::fromUtf8(context.category) + QLatin1Char(' ') + message);
+}
+
+struct Context : QMessageLogContext
+{
+    explicit Context(const char *category)
+        : QMessageLogContext(nullptr, 0, nullptr, category)
+    {
+    }
+};
+
+} // namespace
+
+class tst_LogFile : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void nothingBeforeConfigure();
+    void defaultsFromConstructor();
+    void lineFormat_data();
+    void lineFormat();
+    void rotatesAtStart();
+    void startWithoutPreviousFile();
+    void datedOldCopy();
+    void datedOldCopyReplacesSameDay();
+    void createsMissingDirectories();
+    void warnsWhenDirectoryCannotBeCreated();
+    void longMessageRotatesBeforeWriting();
+    void manyShortMessagesNeverRotate();
+
+private:
+    QVariantMap config(const QString &oldCopy = QString(), qint64 maxSize = -1) const
+    {
+        QVariantMap group { { "filename", m_dir->filePath("orvix.log") },
+                            { "oldcopy", oldCopy.isEmpty() ? m_dir->filePath("orvix.lastlog") : oldCopy } };
+        if (maxSize >= 0)
+            group.insert("maxSize", maxSize);
+        return QVariantMap { { "logfile", group } };
+    }
+    QScopedPointer<QTemporaryDir> m_dir;
+};
+
+void tst_LogFile::init()
+{
+    m_dir.reset(new QTemporaryDir);
+    QVERIFY(m_dir->isValid());
+}
+
+void tst_LogFile::nothingBeforeConfigure()
+{
+    LogFile file(m_dir->filePath("orvix.log"), m_dir->filePath("orvix.lastlog"));
+    file.write(QtInfoMsg, Context("core"), "dropped");
+    QVERIFY(!QFile::exists(m_dir->filePath("orvix.log")));
+}
+
+void tst_LogFile::defaultsFromConstructor()
+{
+    LogFile file(m_dir->filePath("a/default.log"), m_dir->filePath("a/default.old"));
+    file.configure(QVariantMap());
+    file.write(QtInfoMsg, Context("core"), "hello");
+    QCOMPARE(logLines(m_dir->filePath("a/default.log")), QStringList { "INFO core: hello" });
+}
+
+void tst_LogFile::lineFormat_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("debug") << int(QtDebugMsg) << "DEBUG core: text";
+    QTest::newRow("info") << int(QtInfoMsg) << "INFO core: text";
+    QTest::newRow("warning") << int(QtWarningMsg) << "WARNING core: text";
+    QTest::newRow("critical") << int(QtCriticalMsg) << "CRITICAL core: text";
+    QTest::newRow("fatal") << int(QtFatalMsg) << "FATAL core: text";
+    QTest::newRow("unknown") << 17 << " core: text";
+}
+
+void tst_LogFile::lineFormat()
+{
+    QFETCH(int, type);
+    QFETCH(QString, expected);
+    LogFile file;
+    file.configure(config());
+    file.write(QtMsgType(type), Context("core"), "text");
+    const QString raw = QString::fromUtf8(readFile(m_dir->filePath("orvix.log")));
+    QVERIFY(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d ").match(raw).hasMatch());
+    QCOMPARE(raw.mid(20), expected + QLatin1Char('\n'));
+}
+
+void tst_LogFile::rotatesAtStart()
+{
+    writeFile(m_dir->filePath("orvix.log"), "previous run\n");
+    writeFile(m_dir->filePath("orvix.lastlog"), "the run before\n");
+    LogFile file;
+    file.configure(config());
+    QCOMPARE(readFile(m_dir->filePath("orvix.lastlog")), QByteArray("previous run\n"));
+    QVERIFY(QFile::exists(m_dir->filePath("orvix.log")));
+    QCOMPARE(QFileInfo(m_dir->filePath("orvix.log")).size(), 0);
+}
+
+void tst_LogFile::startWithoutPreviousFile()
+{
+    LogFile file;
+    file.configure(config());
+    QVERIFY(QFile::exists(m_dir->filePath("orvix.log")));
+    QVERIFY(!QFile::exists(m_dir->filePath("orvix.lastlog")));
+}
+
+void tst_LogFile::datedOldCopy()
+{
+    writeFile(m_dir->filePath("orvix.log"), "yesterday\n");
+    LogFile file;
+    file.configure(config(m_dir->filePath("orvix-[date].log")));
+    const QString today = QDate::currentDate().toString("yyyy-MM-dd");
+    QCOMPARE(readFile(m_dir->filePath(QStringLiteral("orvix-%1.log").arg(today))), QByteArray("yesterday\n"));
+}
+
+void tst_LogFile::datedOldCopyReplacesSameDay()
+{
+    const QString today = QDate::currentDate().toString("yyyy-MM-dd");
+    writeFile(m_dir->filePath(QStringLiteral("%1-orvix-%1.log").arg(today)), "earlier today\n");
+    writeFile(m_dir->filePath("orvix.log"), "latest\n");
+    LogFile file;
+    // Every occurrence of the marker is replaced; "[DATE]" is not the marker.
+    file.configure(config(m_dir->filePath("[date]-orvix-[date].log")));
+    QCOMPARE(readFile(m_dir->filePath(QStringLiteral("%1-orvix-%1.log").arg(today))), QByteArray("latest\n"));
+
+    writeFile(m_dir->filePath("orvix.log"), "upper\n");
+    LogFile other;
+    other.configure(config(m_dir->filePath("[DATE].log")));
+    QCOMPARE(readFile(m_dir->filePath("[DATE].log")), QByteArray("upper\n"));
+}
+
+void tst_LogFile::createsMissingDirectories()
+{
+    LogFile file;
+    QVariantMap settings { { "logfile",
+                             QVariantMap { { "filename", m_dir->filePath("x/y/z/orvix.log") },
+                                           { "oldcopy", m_dir->filePath("x/y/z/orvix.lastlog") } } } };
+    file.configure(settings);
+    file.write(QtWarningMsg, Context("limit"), "deep");
+    QCOMPARE(logLines(m_dir->filePath("x/y/z/orvix.log")), QStringList { "WARNING limit: deep" });
+}
+
+void tst_LogFile::warnsWhenDirectoryCannotBeCreated()
+{
+    writeFile(m_dir->filePath("plainfile"), "in the way");
+    const QString directory = m_dir->filePath("plainfile/logs");
+    s_captured.clear();
+    QtMessageHandler previous = qInstallMessageHandler(capture);
+    {
+        LogFile file;
+        file.configure(QVariantMap { { "logfile", QVariantMap { { "filename", QString(directory + "/orvix.log") } } } });
+        file.write(QtInfoMsg, Context("core"), "lost");
+    }
+    qInstallMessageHandler(previous);
+    QCOMPARE(s_captured, QStringList { QStringLiteral("logfile Creating \"%1\" failed.").arg(directory) });
+}
+
+void tst_LogFile::longMessageRotatesBeforeWriting()
+{
+    LogFile file;
+    file.configure(config(QString(), 10));
+    file.write(QtInfoMsg, Context("core"), "short");
+    file.write(QtInfoMsg, Context("core"), "exactly10!");
+    QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: short", "INFO core: exactly10!" }));
+
+    file.write(QtInfoMsg, Context("core"), "eleven char");
+    file.write(QtInfoMsg, Context("core"), "after");
+    QCOMPARE(logLines(m_dir->filePath("orvix.lastlog")),
+             (QStringList { "INFO core: short", "INFO core: exactly10!" }));
+    QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: eleven char", "INFO core: after" }));
+}
+
+void tst_LogFile::manyShortMessagesNeverRotate()
+{
+    LogFile file;
+    file.configure(config(QString(), 10));
+    for (int i = 0; i < 50; ++i)
+        file.write(QtInfoMsg, Context("core"), "123456789");
+    QCOMPARE(logLines(m_dir->filePath("orvix.log")).size(), 50);
+    QVERIFY(!QFile::exists(m_dir->filePath("orvix.lastlog")));
+}
+
+QTEST_GUILESS_MAIN(tst_LogFile)
+#include "tst_logfile.moc"

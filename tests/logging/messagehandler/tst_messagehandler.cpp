@@ -1,0 +1,137 @@
+#include "logcategories.h"
+#include "logcli.h"
+#include "logfile.h"
+#include "messagehandler.h"
+#include "testsupport.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace TestSupport;
+
+class tst_MessageHandler : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void levelWords_data();
+    void levelWords();
+    void messageReachesBothSinks();
+    void filterRulesDecide();
+    void restoreDetachesSinks();
+    void fatalReachesBothSinksBeforeExit();
+};
+
+void tst_MessageHandler::levelWords_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("word");
+    QTest::newRow("debug") << int(QtDebugMsg) << "DEBUG";
+    QTest::newRow("warning") << int(QtWarningMsg) << "WARNING";
+    QTest::newRow("critical") << int(QtCriticalMsg) << "CRITICAL";
+    QTest::newRow("fatal") << int(QtFatalMsg) << "FATAL";
+    QTest::newRow("info") << int(QtInfoMsg) << "INFO";
+    QTest::newRow("other") << 5 << "";
+}
+
+void tst_MessageHandler::levelWords()
+{
+    QFETCH(int, type);
+    QFETCH(QString, word);
+    QCOMPARE(MessageHandler::levelWord(QtMsgType(type)), word);
+}
+
+void tst_MessageHandler::messageReachesBothSinks()
+{
+    QTemporaryDir dir;
+    FILE *console = tmpfile();
+    LogCli cli(console);
+    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
+    file.configure(QVariantMap());
+    MessageHandler::install(&file, &cli);
+    qCWarning(lcCore) << QStringLiteral("Disabling target %1").arg("x");
+    MessageHandler::restore();
+
+    QCOMPARE(logLines(dir.filePath("orvix.log")), QStringList { "WARNING core: \"Disabling target x\"" });
+    rewind(console);
+    char line[256] = {};
+    QVERIFY(fgets(line, sizeof line, console));
+    QCOMPARE(QString::fromUtf8(line).mid(8), QStringLiteral("  WARNING                core \"Disabling target x\"\n"));
+    fclose(console);
+}
+
+void tst_MessageHandler::filterRulesDecide()
+{
+    QTemporaryDir dir;
+    FILE *console = tmpfile();
+    LogCli cli(console);
+    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
+    file.configure(QVariantMap());
+    MessageHandler::install(&file, &cli);
+    QLoggingCategory::setFilterRules("*.debug=false");
+    qCDebug(lcDataset) << "hidden";
+    QLoggingCategory::setFilterRules("*.debug=true");
+    qCDebug(lcDataset) << "shown";
+    QLoggingCategory::setFilterRules(QString());
+    MessageHandler::restore();
+    QCOMPARE(logLines(dir.filePath("orvix.log")), QStringList { "DEBUG dataset: shown" });
+    fclose(console);
+}
+
+void tst_MessageHandler::restoreDetachesSinks()
+{
+    QTemporaryDir dir;
+    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
+    file.configure(QVariantMap());
+    FILE *console = tmpfile();
+    LogCli cli(console);
+    MessageHandler::install(&file, &cli);
+    MessageHandler::restore();
+    qCWarning(lcCore) << "nobody";
+    QVERIFY(logLines(dir.filePath("orvix.log")).isEmpty());
+    QCOMPARE(ftell(console), 0L);
+    fclose(console);
+}
+
+void tst_MessageHandler::fatalReachesBothSinksBeforeExit()
+{
+    QTemporaryDir dir;
+    QProcess child;
+    child.setProgram(QCoreApplication::applicationFilePath());
+    child.setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("ORVIX_FATAL_CHILD_LOG", dir.filePath("orvix.log"));
+    // The sanitizers would otherwise report the intended abort as an error of their own.
+    environment.insert("ASAN_OPTIONS", "handle_abort=0");
+    child.setProcessEnvironment(environment);
+    child.start();
+    QVERIFY(child.waitForFinished(30000));
+    QVERIFY(child.exitStatus() == QProcess::CrashExit || child.exitCode() != 0);
+    QCOMPARE(logLines(dir.filePath("orvix.log")), QStringList { "FATAL core: the end" });
+    QVERIFY(child.readAllStandardOutput().contains("    FATAL                core the end\n"));
+}
+
+// Run as a child process, the test binary logs one fatal message through the handler and dies.
+static int fatalChild(const QString &logPath)
+{
+    static LogCli cli;
+    static LogFile file(logPath, logPath + ".old");
+    file.configure(QVariantMap());
+    MessageHandler::install(&file, &cli);
+    QMessageLogger(nullptr, 0, nullptr, "core").fatal("the end");
+    return 0;
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QByteArray childLog = qgetenv("ORVIX_FATAL_CHILD_LOG");
+    if (!childLog.isEmpty())
+        return fatalChild(QString::fromUtf8(childLog));
+    tst_MessageHandler test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_messagehandler.moc"

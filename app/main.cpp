@@ -4,16 +4,12 @@
 #include <QCoreApplication>
 #include <QTimer>
 
-#include <cstring>
-
 int main(int argc, char *argv[])
 {
     // Checked before anything is constructed, so the notices print even without configuration or log folder.
-    for (int i = 0; i < argc; ++i) {
-        if (std::strcmp(argv[i], "-l") == 0) {
-            LicenceNotices::print();
-            return 0;
-        }
+    if (LicenceNotices::requested(argc, argv)) {
+        LicenceNotices::print();
+        return 0;
     }
 
     QCoreApplication app(argc, argv);

@@ -1,0 +1,72 @@
+#ifndef ORVIX_CONDITIONDEFINITIONV2_H
+#define ORVIX_CONDITIONDEFINITIONV2_H
+
+#include "recordsupport.h"
+
+#include <QMetaType>
+#include <QString>
+
+/** Describes one condition value of a machine; its values come as ConditionDataV2 with the same id. */
+struct ConditionDefinitionV2
+{
+    /** Key of the condition within its machine. */
+    QString id;
+    /** The bare flag, value or field name. */
+    QString name = QLatin1String("");
+    QString text3;
+    QString text4;
+    /** Type of the values: 0 text, 1 integer, 2 floating point, 3 boolean. */
+    qint32 dataType;
+    /** Machine-readable unit code. */
+    QString unitCode = QLatin1String("");
+    /** Second unit identifier. */
+    QString unitKey = QLatin1String("");
+    /** Human-readable unit text. */
+    QString unitText = QLatin1String("");
+    double number9 = 0;
+    /** A decimal number held as text. */
+    QString lowerValue = QLatin1String("");
+    /** A decimal number held as text. */
+    QString upperValue = QLatin1String("");
+    QString text12 = QLatin1String("");
+    QString text13 = QLatin1String("");
+    bool flag14 = false;
+
+    /** Calls visit(name, member pointer) for every field, in declaration order. */
+    template <typename Visitor> static void visitFields(Visitor &&visit)
+    {
+        visit("id", &ConditionDefinitionV2::id);
+        visit("name", &ConditionDefinitionV2::name);
+        visit("text3", &ConditionDefinitionV2::text3);
+        visit("text4", &ConditionDefinitionV2::text4);
+        visit("dataType", &ConditionDefinitionV2::dataType);
+        visit("unitCode", &ConditionDefinitionV2::unitCode);
+        visit("unitKey", &ConditionDefinitionV2::unitKey);
+        visit("unitText", &ConditionDefinitionV2::unitText);
+        visit("number9", &ConditionDefinitionV2::number9);
+        visit("lowerValue", &ConditionDefinitionV2::lowerValue);
+        visit("upperValue", &ConditionDefinitionV2::upperValue);
+        visit("text12", &ConditionDefinitionV2::text12);
+        visit("text13", &ConditionDefinitionV2::text13);
+        visit("flag14", &ConditionDefinitionV2::flag14);
+    }
+};
+
+inline bool operator==(const ConditionDefinitionV2 &a, const ConditionDefinitionV2 &b)
+{
+    return orvix::recordsEqual(a, b);
+}
+
+inline bool operator!=(const ConditionDefinitionV2 &a, const ConditionDefinitionV2 &b)
+{
+    return !(a == b);
+}
+
+inline QDebug operator<<(QDebug debug, const ConditionDefinitionV2 &record)
+{
+    return orvix::debugRecord(debug, record, "ConditionDefinitionV2");
+}
+
+Q_DECLARE_METATYPE(ConditionDefinitionV2)
+
+#endif

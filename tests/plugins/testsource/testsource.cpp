@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QObject>
+#include <QTimer>
 #include <QVariant>
 
 /** A datasource driven by the test: it sends what it is told and records requests and its own life. */
@@ -26,6 +27,13 @@ public:
         ++m_initCalls;
         shared.insert(QStringLiteral("testsource"), true);
         const QVariantMap group = config.value(QStringLiteral("testsource")).toMap();
+        // Lets a test of the real binary see a dataset flow without driving the plugin from outside.
+        if (group.contains(QStringLiteral("sendOnInit"))) {
+            const QVariant payload = group.value(QStringLiteral("sendOnInit"));
+            QTimer::singleShot(0, this, [this, payload] {
+                send(QDateTime::currentDateTime(), QStringLiteral("m1"), QStringLiteral("src"), payload);
+            });
+        }
         if (group.contains(QStringLiteral("writeOnInit")))
             emit writeConfig(QStringLiteral("testsource/written"), group.value(QStringLiteral("writeOnInit")));
         return group.value(QStringLiteral("init"), true).toBool();

@@ -1,9 +1,12 @@
 #include "itarget.h"
 
 #include <QCoreApplication>
+#include <QLoggingCategory>
 #include <QDateTime>
 #include <QObject>
 #include <QVariant>
+
+Q_LOGGING_CATEGORY(lcTestTarget, "testtarget")
 
 /** A target that records what it receives and can send requests and configuration writes when told. */
 class TestTarget : public QObject, public ITarget
@@ -27,6 +30,7 @@ public:
         ++m_initCalls;
         m_sharedSeen = shared.contains(QStringLiteral("testsource"));
         const QVariantMap group = config.value(QStringLiteral("testtarget")).toMap();
+        m_logReceived = group.value(QStringLiteral("logReceived"), false).toBool();
         if (group.contains(QStringLiteral("requestOnInit")))
             emit machineRequest(QStringLiteral("m1"), group.value(QStringLiteral("requestOnInit")));
         return group.value(QStringLiteral("init"), true).toBool();
@@ -45,9 +49,12 @@ public slots:
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data)
     {
         m_received.append(QVariant(QVariantList { timestamp, machine, source, data }));
+        if (m_logReceived)
+            qCInfo(lcTestTarget) << QStringLiteral("received %1 %2 %3").arg(machine, source, data.toString());
     }
 
 private:
+    bool m_logReceived = false;
     int m_initCalls = 0;
     bool m_sharedSeen = false;
     QVariantList m_received;

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Usage: tools/run.sh
+# Installs what building needs (Debian 12, as root), builds and installs orvix below /usr/local, puts the example
+# configuration into /etc/orvix/orvix.ini unless that file exists, and runs the service in the foreground.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./tools/install-deps.sh
+cmake -S . -B build -G Ninja -DORVIX_BUILD_TESTS=OFF -DORVIX_BUILD_BENCH=OFF
+cmake --build build --parallel "$(nproc)"
+cmake --install build
+if [ ! -e /etc/orvix/orvix.ini ] && [ -f /usr/local/share/doc/orvix/orvix.ini ]; then
+    install -D -m 644 /usr/local/share/doc/orvix/orvix.ini /etc/orvix/orvix.ini
+fi
+exec /usr/local/bin/orvix

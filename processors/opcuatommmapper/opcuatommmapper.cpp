@@ -1,5 +1,54 @@
 #include "opcuatommmapper.h"
 
+#include "opcuatommmapperlogging.h"
+#include "statev1.h"
+#include "wwstate.h"
+
+namespace {
+
+bool isTrue(const WwState &state, std::optional<bool> WwStateFlags::*flag)
+{
+    return state.Flags && (*state.Flags).*flag == true;
+}
+
+bool isFalse(const WwState &state, std::optional<bool> WwStateFlags::*flag)
+{
+    return state.Flags && (*state.Flags).*flag == false;
+}
+
+bool isComplete(const WwState &state)
+{
+    if (!state.Flags)
+        return false;
+    const WwStateFlags &flags = *state.Flags;
+    return flags.WaitLoad && flags.EnergySaving && flags.Moving && flags.WaitUnload && flags.WorkpiecePresent
+        && flags.FeedRuns && flags.RecipeInRun;
+}
+
+// The first matching rule wins: the machine state codes 0, 4 and 1 before the operation mode, the operation mode
+// before the wait flags.
+qint32 stateCode(const WwState &state)
+{
+    if (state.MachineState == 0)
+        return 1;
+    if (state.MachineState == 4)
+        return 7;
+    if (state.MachineState == 1)
+        return 4;
+    if (state.OperationMode == 4)
+        return 3;
+    if (isTrue(state, &WwStateFlags::WaitUnload) || isTrue(state, &WwStateFlags::WaitLoad))
+        return 6;
+    if (state.MachineState == 3)
+        return isFalse(state, &WwStateFlags::WorkpiecePresent) ? 5 : 2;
+    if ((isTrue(state, &WwStateFlags::Moving) || isTrue(state, &WwStateFlags::FeedRuns))
+        && isFalse(state, &WwStateFlags::WorkpiecePresent))
+        return 5;
+    return 4;
+}
+
+} // namespace
+
 OpcUaToMMMapper::OpcUaToMMMapper(QObject *parent)
     : QObject(parent)
 {
@@ -7,6 +56,7 @@ OpcUaToMMMapper::OpcUaToMMMapper(QObject *parent)
 
 bool OpcUaToMMMapper::init(const QVariantMap &, QVariantMap &)
 {
+    qCInfo(lcOpcUaToMMMapper) << QStringLiteral("OpcUaToMMMapper::init");
     return true;
 }
 
@@ -22,5 +72,24 @@ unsigned int OpcUaToMMMapper::orderNumber() const
 
 void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
 {
+    qCDebug(lcOpcUaToMMMapper) << timestamp << machine << source << data;
+
+    // qvariant_cast copies a WwState straight out of the variant and otherwise runs the registered conversion,
+    // which yields a default record when it fails.
+    if (data.canConvert<WwState>()) {
+        const WwState state = qvariant_cast<WwState>(data);
+        mapState(timestamp, machine, source, state);
+        return;
+    }
     emit dataProcessed(timestamp, machine, source, data);
+}
+
+void OpcUaToMMMapper::mapState(const QDateTime &timestamp, const QString &machine, const QString &source,
+                               const WwState &state)
+{
+    if (!isComplete(state))
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing some flags, the state might be incomplete");
+    StateV1 result;
+    result.state = stateCode(state);
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(result));
 }

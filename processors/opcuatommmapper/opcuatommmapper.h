@@ -7,6 +7,8 @@
 #include <QObject>
 #include <QVariant>
 
+struct WwState;
+
 /** Turns a machine's OPC UA woodworking data into MM datasets; passes every other dataset on. */
 class OpcUaToMMMapper : public QObject, public IProcessor
 {
@@ -24,6 +26,9 @@ signals:
 
 public slots:
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    void mapState(const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
 };
 
 #endif

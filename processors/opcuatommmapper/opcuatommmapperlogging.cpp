@@ -1,0 +1,3 @@
+#include "opcuatommmapperlogging.h"
+
+Q_LOGGING_CATEGORY(lcOpcUaToMMMapper, "opcuatommmapper")

@@ -1,0 +1,8 @@
+#ifndef ORVIX_OPCUATOMMMAPPERLOGGING_H
+#define ORVIX_OPCUATOMMMAPPERLOGGING_H
+
+#include <QLoggingCategory>
+
+Q_DECLARE_LOGGING_CATEGORY(lcOpcUaToMMMapper)
+
+#endif

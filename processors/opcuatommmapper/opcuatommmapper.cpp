@@ -1,5 +1,6 @@
 #include "opcuatommmapper.h"
 
+#include "generalv1.h"
 #include "opcuatommmapperlogging.h"
 #include "statev1.h"
 #include "wwstate.h"
@@ -79,6 +80,7 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
     if (data.canConvert<WwState>()) {
         const WwState state = qvariant_cast<WwState>(data);
         mapState(timestamp, machine, source, state);
+        mapOperatingData(timestamp, machine, source, state);
         return;
     }
     emit dataProcessed(timestamp, machine, source, data);
@@ -92,4 +94,39 @@ void OpcUaToMMMapper::mapState(const QDateTime &timestamp, const QString &machin
     StateV1 result;
     result.state = stateCode(state);
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(result));
+}
+
+void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
+                                       const WwState &state)
+{
+    if (state.MachineState == 0)
+        return;
+    if (!state.Values) {
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Values are not availabe, unable to calculate GeneralV1");
+        return;
+    }
+    const WwStateValues &values = *state.Values;
+    constexpr double millisecondsPerHour = 3600000.0;
+    GeneralV1 general;
+    if (values.AbsolutePowerPresentTime)
+        general.powerOnHours = double(*values.AbsolutePowerPresentTime) / millisecondsPerHour;
+    else
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsolutePowerPresentTime is not set");
+    // The time spent waiting for a workpiece is not feed time. The sum wraps like the machine's own counters.
+    if (values.AbsoluteProductionTime && values.AbsoluteProductionWithoutWorkpieceTime)
+        general.feedOnHours =
+            double(quint64(*values.AbsoluteProductionTime + *values.AbsoluteProductionWithoutWorkpieceTime))
+            / millisecondsPerHour;
+    else
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing values for FeedOnHours");
+    if (values.AbsolutePiecesOut)
+        general.pieces = *values.AbsolutePiecesOut;
+    else
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsolutePiecesOut is not set");
+    // Whole metres only: 1999 mm are 1 m.
+    if (values.AbsoluteLength)
+        general.length = double(*values.AbsoluteLength / 1000u);
+    else
+        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsoluteLength is not set");
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(general));
 }

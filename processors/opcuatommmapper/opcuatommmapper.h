@@ -29,6 +29,8 @@ public slots:
 
 private:
     void mapState(const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
+    void mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
+                          const WwState &state);
 };
 
 #endif

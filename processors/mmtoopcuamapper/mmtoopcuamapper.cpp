@@ -1,0 +1,634 @@
+#include "mmtoopcuamapper.h"
+
+#include "generalv1.h"
+#include "mmtoopcuamapperlogging.h"
+#include "notificationsremoveallv1.h"
+#include "notificationsremovev1.h"
+#include "orderv1.h"
+#include "statev1.h"
+#include "swverv1.h"
+#include "wwbaseeventtype.h"
+#include "wwcapabilities.h"
+#include "wwmanufacturerspecific.h"
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const char *const IniSource = "orvix.ini";
+const char *const FallbackLocale = "en";
+const char *const OnPrefix = "{ON }";
+const char *const OffPrefix = "{OFF}";
+
+constexpr double MillisecondsPerHour = 3600000.0;
+constexpr double MillimetresPerMetre = 1000.0;
+
+struct TextField
+{
+    const char *key;
+    QString WwIdentification::*member;
+};
+
+struct OptionalTextField
+{
+    const char *key;
+    std::optional<QString> WwIdentification::*member;
+};
+
+// The order in which missing mandatory fields are reported.
+const TextField MandatoryTextFields[] = {
+    { "ProductInstanceUri", &WwIdentification::ProductInstanceUri },
+    { "Manufacturer", &WwIdentification::Manufacturer },
+    { "Model", &WwIdentification::Model },
+    { "SerialNumber", &WwIdentification::SerialNumber },
+    { "DeviceClass", &WwIdentification::DeviceClass },
+};
+
+const OptionalTextField OptionalTextFields[] = {
+    { "ManufacturerUri", &WwIdentification::ManufacturerUri },
+    { "ProductCode", &WwIdentification::ProductCode },
+    { "HardwareRevision", &WwIdentification::HardwareRevision },
+    { "SoftwareRevision", &WwIdentification::SoftwareRevision },
+    { "AssetId", &WwIdentification::AssetId },
+    { "ComponentName", &WwIdentification::ComponentName },
+    { "Location", &WwIdentification::Location },
+    { "LocationPlant", &WwIdentification::LocationPlant },
+    { "LocationGPS", &WwIdentification::LocationGPS },
+    { "CustomerCompanyName", &WwIdentification::CustomerCompanyName },
+};
+
+// The Relative value that each duration timer adds to, in the order of MmToOpcUaMapper::Duration.
+std::optional<quint64> WwStateValues::*const DurationValues[] = {
+    &WwStateValues::RelativeStandbyTime,
+    &WwStateValues::RelativeWorkingTime,
+    &WwStateValues::RelativeProductionTime,
+    &WwStateValues::RelativeProductionWithoutWorkpieceTime,
+    &WwStateValues::RelativeErrorTime,
+};
+
+void warnMissing(const char *key)
+{
+    qCWarning(lcMmToOpcUaMapper)
+        << QStringLiteral("Config is missing value for mandatory node '%1'").arg(QLatin1String(key));
+}
+
+// INI values arrive as text, or as a list when they hold an unquoted comma; typed maps hand in other variants.
+QString textOf(const QVariant &value)
+{
+    if (value.userType() == QMetaType::QStringList)
+        return value.toStringList().join(QStringLiteral(", "));
+    return value.toString();
+}
+
+std::optional<QDateTime> dateTimeOf(const QVariant &value)
+{
+    if (value.userType() == QMetaType::QDateTime) {
+        const QDateTime typed = value.toDateTime();
+        if (typed.isValid())
+            return typed;
+    }
+    const QString text = textOf(value);
+    QDateTime parsed = QDateTime::fromString(text, Qt::ISODateWithMs);
+    if (!parsed.isValid())
+        parsed = QDateTime::fromString(text, Qt::ISODate);
+    if (!parsed.isValid())
+        parsed = QDateTime::fromString(text, QStringLiteral("yyyy-MM-dd HH:mm:ss:zzz"));
+    if (!parsed.isValid())
+        parsed = QDateTime::fromString(text, QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
+    if (!parsed.isValid())
+        parsed = QDateTime::fromString(text, QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+    if (!parsed.isValid())
+        return std::nullopt;
+    return parsed;
+}
+
+quint64 toUnsigned64(double value)
+{
+    constexpr double TwoTo63 = 9223372036854775808.0;
+    if (std::isnan(value))
+        return 0;
+    if (value >= 2 * TwoTo63)
+        return std::numeric_limits<quint64>::max();
+    if (value >= TwoTo63)
+        return quint64(qint64(value - TwoTo63)) + (quint64(1) << 63);
+    if (value <= -TwoTo63)
+        return quint64(1) << 63;
+    return quint64(qint64(value));
+}
+
+qint32 categoryOf(qint32 level)
+{
+    switch (level) {
+    case 1:
+        return 2;
+    case 2:
+        return 3;
+    case 3:
+        return 5;
+    default:
+        return 0;
+    }
+}
+
+QStringList pathOf(const QString &id)
+{
+    const int last = id.lastIndexOf(QLatin1Char('/'));
+    if (last <= 0)
+        return QStringList();
+    return id.left(last).split(QLatin1Char('/'), Qt::KeepEmptyParts);
+}
+
+WwStateFlags &flagsOf(WwState &state)
+{
+    if (!state.Flags)
+        state.Flags = WwStateFlags();
+    return *state.Flags;
+}
+
+WwStateValues &valuesOf(WwState &state)
+{
+    if (!state.Values)
+        state.Values = WwStateValues();
+    return *state.Values;
+}
+
+// The flags that every running StateV1 row sets.
+void setRunning(WwStateFlags &flags)
+{
+    flags.MachineOn = true;
+    flags.MachineInitialized = true;
+    flags.PowerPresent = true;
+    flags.Calibrated = true;
+}
+
+} // namespace
+
+MmToOpcUaMapper::MmToOpcUaMapper(QObject *parent)
+    : QObject(parent)
+{
+    m_monotonic.start();
+    connect(&m_offlineTimer, &QTimer::timeout, this, &MmToOpcUaMapper::markSilentMachinesOffline);
+    m_offlineTimer.start(DefaultOfflineTimeout);
+}
+
+MmToOpcUaMapper::~MmToOpcUaMapper() = default;
+
+bool MmToOpcUaMapper::init(const QVariantMap &config, QVariantMap &)
+{
+    qCInfo(lcMmToOpcUaMapper) << QStringLiteral("MmToOpcUaMapper::init");
+    const auto server = config.constFind(QStringLiteral("opcuaserver"));
+    if (server != config.cend())
+        m_eventPrefix = server->toMap().value(QStringLiteral("enableWwBaseEventPrefix")).toBool();
+    readIdentification(config);
+    return true;
+}
+
+QString MmToOpcUaMapper::name() const
+{
+    return QStringLiteral("mmtoopcuamapper");
+}
+
+unsigned int MmToOpcUaMapper::orderNumber() const
+{
+    return 50;
+}
+
+void MmToOpcUaMapper::setElapsedClock(std::function<qint64()> clock)
+{
+    m_elapsedClock = std::move(clock);
+}
+
+void MmToOpcUaMapper::setDateTimeClock(std::function<QDateTime()> clock)
+{
+    m_dateTimeClock = std::move(clock);
+}
+
+void MmToOpcUaMapper::setCapabilityTimeout(qint64 msecs)
+{
+    m_capabilityTimeout = msecs;
+}
+
+void MmToOpcUaMapper::setOfflineTimeout(int msecs)
+{
+    m_offlineTimeout = msecs;
+    m_offlineTimer.start(msecs);
+}
+
+qint64 MmToOpcUaMapper::elapsedNow() const
+{
+    return m_elapsedClock ? m_elapsedClock() : m_monotonic.elapsed();
+}
+
+QDateTime MmToOpcUaMapper::currentDateTime() const
+{
+    return m_dateTimeClock ? m_dateTimeClock() : QDateTime::currentDateTime();
+}
+
+void MmToOpcUaMapper::readIdentification(const QVariantMap &config)
+{
+    if (config.isEmpty()) {
+        qCWarning(lcMmToOpcUaMapper) << QStringLiteral("No settings were provided");
+        return;
+    }
+    const QVariantMap machines = config.value(QStringLiteral("opcuawwcsidentification")).toMap();
+    for (auto it = machines.cbegin(); it != machines.cend(); ++it)
+        publishMachine(it.key(), it.value().toMap());
+}
+
+void MmToOpcUaMapper::publishMachine(const QString &machine, const QVariantMap &keys)
+{
+    QString locale = textOf(keys.value(QStringLiteral("locale")));
+    if (locale.isEmpty()) {
+        qCWarning(lcMmToOpcUaMapper) << QStringLiteral("No 'locale' set; defaulting to 'en'");
+        locale = QLatin1String(FallbackLocale);
+    }
+
+    WwIdentification identification;
+    for (const TextField &field : MandatoryTextFields) {
+        const QString text = textOf(keys.value(QLatin1String(field.key)));
+        if (text.isEmpty())
+            warnMissing(field.key);
+        identification.*field.member = text;
+    }
+    for (const OptionalTextField &field : OptionalTextFields) {
+        const auto value = keys.constFind(QLatin1String(field.key));
+        if (value != keys.cend())
+            identification.*field.member = textOf(*value);
+    }
+
+    bool ok = false;
+    const uint year = keys.value(QStringLiteral("YearOfConstruction")).toUInt(&ok);
+    if (ok) {
+        identification.YearOfConstruction = quint16(year);
+    } else {
+        identification.YearOfConstruction = 0;
+        warnMissing("YearOfConstruction");
+    }
+
+    const uint month = keys.value(QStringLiteral("MonthOfConstruction")).toUInt(&ok);
+    if (ok)
+        identification.MonthOfConstruction = quint8(month);
+    else
+        warnMissing("MonthOfConstruction");
+
+    identification.InitialOperationDate = dateTimeOf(keys.value(QStringLiteral("InitialOperationDate")));
+    if (!identification.InitialOperationDate)
+        warnMissing("InitialOperationDate");
+
+    WwState state;
+    WwStateFlags &flags = flagsOf(state);
+    flags.WorkpiecePresent = false;
+    flags.RecipeInRun = false;
+    flags.RecipeInSetup = false;
+    flags.EnergySaving = false;
+    // Machining centres and presses move; other machines, such as edge banders, feed their workpieces.
+    if (identification.DeviceClass == QLatin1String("MachiningCenter")
+        || identification.DeviceClass == QLatin1String("Press"))
+        flags.Moving = false;
+    else
+        flags.FeedRuns = false;
+
+    Machine &record = m_machines[machine];
+    record.hasIdentification = true;
+    record.locale = locale;
+    record.identification = identification;
+    record.state = state;
+
+    const QString source = QLatin1String(IniSource);
+    emit dataProcessed(currentDateTime(), machine, source, QVariant::fromValue(identification));
+    emit dataProcessed(currentDateTime(), machine, source, QVariant::fromValue(state));
+}
+
+void MmToOpcUaMapper::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+{
+    emit dataProcessed(timestamp, machine, source, data);
+
+    const qint64 now = elapsedNow();
+    Machine &record = m_machines[machine];
+    if (!record.firstSeen.running)
+        record.firstSeen.start(now);
+    record.lastSeen.start(now);
+    record.lastSource = source;
+
+    const int type = data.userType();
+    if (type == qMetaTypeId<WwCapabilities>())
+        record.capabilities = qvariant_cast<WwCapabilities>(data).Mask;
+    if (!record.capabilities && record.firstSeen.elapsed(now) >= m_capabilityTimeout)
+        record.capabilities = 0;
+    if (!record.capabilities)
+        return;
+
+    if (type == qMetaTypeId<WwIdentification>())
+        mapIdentification(record, machine, data);
+    else if (type == qMetaTypeId<SwVerV1>())
+        mapSoftwareVersion(record, timestamp, machine, source, data);
+    else if (type == qMetaTypeId<GeneralV1>())
+        mapGeneral(record, timestamp, machine, source, data);
+    else if (type == qMetaTypeId<OrderV1>())
+        mapOrder(timestamp, machine, source, data);
+    else if (type == qMetaTypeId<NotificationsAddV1>())
+        mapNotificationAdd(record, timestamp, machine, source, data);
+    else if (type == qMetaTypeId<NotificationsRemoveV1>())
+        mapNotificationRemove(record, timestamp, machine, source, data);
+    else if (type == qMetaTypeId<NotificationsRemoveAllV1>())
+        mapNotificationRemoveAll(record, timestamp, machine, source);
+    else if (type == qMetaTypeId<StateV1>())
+        mapState(record, now, timestamp, machine, source, data);
+}
+
+void MmToOpcUaMapper::mapIdentification(Machine &record, const QString &machine, const QVariant &data)
+{
+    if (!(*record.capabilities & WwCapabilities::OwnIdentification)) {
+        qCWarning(lcMmToOpcUaMapper)
+            << "Machine" << machine
+            << "did sent WwCsIdentification information without having announced the capability";
+        return;
+    }
+    record.identification = qvariant_cast<WwIdentification>(data);
+    record.hasIdentification = true;
+}
+
+void MmToOpcUaMapper::mapSoftwareVersion(
+    Machine &record, const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    if (!record.hasIdentification) {
+        qCWarning(lcMmToOpcUaMapper) << "got a SwVerv1 struct for unknown machine:" << machine;
+        return;
+    }
+    const QString version = qvariant_cast<SwVerV1>(data).version;
+    qCInfo(lcMmToOpcUaMapper) << "Updating WWIdentification - Setting SoftwareRevision to" << version;
+    record.identification.SoftwareRevision = version;
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(record.identification));
+}
+
+void MmToOpcUaMapper::mapGeneral(
+    Machine &record, const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    if (*record.capabilities & WwCapabilities::OwnState)
+        return;
+    const GeneralV1 general = qvariant_cast<GeneralV1>(data);
+    const quint64 onTime = toUnsigned64(general.powerOnHours * MillisecondsPerHour);
+    const quint64 pieces = general.pieces;
+    const quint64 length = toUnsigned64(general.length * MillimetresPerMetre);
+
+    if (!record.firstMachineOnTime)
+        record.firstMachineOnTime = onTime;
+    if (!record.firstPowerPresentTime)
+        record.firstPowerPresentTime = onTime;
+    if (!record.firstPieces)
+        record.firstPieces = pieces;
+    if (!record.firstLength)
+        record.firstLength = length;
+
+    flagsOf(record.state);
+    WwStateValues &values = valuesOf(record.state);
+    values.AbsoluteMachineOnTime = onTime;
+    values.RelativeMachineOnTime = onTime - *record.firstMachineOnTime;
+    values.AbsolutePowerPresentTime = onTime;
+    values.RelativePowerPresentTime = onTime - *record.firstPowerPresentTime;
+    values.AbsolutePiecesOut = pieces;
+    values.RelativePiecesOut = pieces - *record.firstPieces;
+    values.AbsoluteLength = length;
+    values.RelativeLength = length - *record.firstLength;
+
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(record.state));
+}
+
+void MmToOpcUaMapper::mapOrder(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    WwManufacturerSpecific specific;
+    specific.LastProgramName = qvariant_cast<OrderV1>(data).programName;
+    qCInfo(lcMmToOpcUaMapper) << "Updating WwManufacturerSpecific - Setting LastProgramName to"
+                              << specific.LastProgramName;
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(specific));
+}
+
+WwBaseEventType MmToOpcUaMapper::eventFor(
+    const Machine &record, const QString &machine, const NotificationsAddV1 &notification, bool raised) const
+{
+    QString locale = record.locale;
+    if (!record.hasIdentification || locale.isEmpty()) {
+        qCWarning(lcMmToOpcUaMapper) << "Machine" << machine << "is missing locale information; falling back to 'en'";
+        locale = QLatin1String(FallbackLocale);
+    }
+
+    WwBaseEventType event;
+    const QString prefix = m_eventPrefix ? QLatin1String(raised ? OnPrefix : OffPrefix) : QString();
+    event.Message = QStringLiteral("%1%2").arg(prefix, notification.message);
+    event.Id = notification.id;
+    event.Category = categoryOf(notification.level);
+    event.Texts.insert(locale, notification.message);
+    event.Text5 = notification.messageCode;
+    event.Text6 = notification.text7;
+    event.Text7 = notification.text8;
+    event.Path = pathOf(notification.id);
+    return event;
+}
+
+void MmToOpcUaMapper::mapNotificationAdd(
+    Machine &record, const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    const NotificationsAddV1 notification = qvariant_cast<NotificationsAddV1>(data);
+    const WwBaseEventType event = eventFor(record, machine, notification, true);
+    record.notifications.insert(notification.id, notification);
+
+    bool flagSet = false;
+    if (!(*record.capabilities & WwCapabilities::OwnState)) {
+        if (notification.level == 2) {
+            flagsOf(record.state).Warning = true;
+            flagSet = true;
+        } else if (notification.level == 3 && record.state.MachineState != 4) {
+            flagsOf(record.state).Alarm = true;
+            flagSet = true;
+        }
+    }
+    const WwState state = record.state;
+
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(event));
+    if (flagSet)
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(state));
+}
+
+void MmToOpcUaMapper::mapNotificationRemove(
+    Machine &record, const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    const QString id = qvariant_cast<NotificationsRemoveV1>(data).id;
+    qCDebug(lcMmToOpcUaMapper).nospace() << "NotificationsRemoveV1: removing " << id;
+    const auto found = record.notifications.find(id);
+    if (found == record.notifications.end()) {
+        qCDebug(lcMmToOpcUaMapper).nospace() << "NotificationsRemoveV1 for an unknown notification " << id;
+        return;
+    }
+    const WwBaseEventType event = eventFor(record, machine, *found, false);
+    record.notifications.erase(found);
+    const bool cleared = clearWithdrawnFlags(record);
+    const WwState state = record.state;
+
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(event));
+    if (cleared)
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(state));
+}
+
+void MmToOpcUaMapper::mapNotificationRemoveAll(
+    Machine &record, const QDateTime &timestamp, const QString &machine, const QString &source)
+{
+    QList<WwBaseEventType> events;
+    events.reserve(record.notifications.size());
+    for (const NotificationsAddV1 &notification : qAsConst(record.notifications))
+        events.append(eventFor(record, machine, notification, false));
+    record.notifications.clear();
+    const bool cleared = clearWithdrawnFlags(record);
+    const WwState state = record.state;
+
+    for (const WwBaseEventType &event : qAsConst(events))
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(event));
+    if (cleared)
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(state));
+}
+
+bool MmToOpcUaMapper::clearWithdrawnFlags(Machine &record)
+{
+    if (*record.capabilities & WwCapabilities::OwnState || !record.state.Flags)
+        return false;
+    bool warning = false;
+    bool alarm = false;
+    for (const NotificationsAddV1 &notification : qAsConst(record.notifications)) {
+        warning = warning || notification.level == 2;
+        alarm = alarm || notification.level == 3;
+    }
+    WwStateFlags &flags = *record.state.Flags;
+    bool cleared = false;
+    if (flags.Warning && !warning) {
+        flags.Warning = false;
+        cleared = true;
+    }
+    if (flags.Alarm && !alarm) {
+        flags.Alarm = false;
+        cleared = true;
+    }
+    return cleared;
+}
+
+void MmToOpcUaMapper::restartDuration(Machine &record, Duration duration, qint64 now)
+{
+    Stopwatch &timer = record.durations[duration];
+    if (timer.running) {
+        std::optional<quint64> &relative = valuesOf(record.state).*DurationValues[duration];
+        relative = relative.value_or(0) + quint64(timer.elapsed(now));
+    }
+    timer.start(now);
+}
+
+void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &timestamp, const QString &machine,
+    const QString &source, const QVariant &data)
+{
+    if (*record.capabilities & WwCapabilities::OwnState)
+        return;
+    const qint32 code = qvariant_cast<StateV1>(data).state;
+    WwState &state = record.state;
+    switch (code) {
+    case 0:
+        qCWarning(lcMmToOpcUaMapper) << QStringLiteral("StateV1/EvMachineStateUndefined unhandled");
+        break;
+    case 1:
+        state.MachineState = 0;
+        state.OperationMode = 0;
+        state.Flags = WwStateFlags();
+        break;
+    case 2: {
+        state.MachineState = 3;
+        state.OperationMode = 1;
+        WwStateFlags &flags = flagsOf(state);
+        setRunning(flags);
+        flags.Error = false;
+        flags.WorkpiecePresent = true;
+        flags.Moving = true;
+        flags.RecipeInRun = true;
+        flags.FeedRuns = true;
+        flags.EnergySaving = false;
+        restartDuration(record, Production, now);
+        restartDuration(record, Working, now);
+        break;
+    }
+    case 3: {
+        state.MachineState = 3;
+        state.OperationMode = 4;
+        WwStateFlags &flags = flagsOf(state);
+        setRunning(flags);
+        flags.Error = false;
+        flags.RecipeInRun = true;
+        flags.RecipeInSetup = true;
+        flags.EnergySaving = false;
+        break;
+    }
+    case 4: {
+        state.MachineState = 3;
+        state.OperationMode = 5;
+        WwStateFlags &flags = flagsOf(state);
+        setRunning(flags);
+        flags.Error = false;
+        flags.Moving = false;
+        flags.RecipeInRun = false;
+        flags.RecipeInSetup = false;
+        flags.FeedRuns = false;
+        flags.EnergySaving = true;
+        restartDuration(record, Standby, now);
+        break;
+    }
+    case 5: {
+        state.MachineState = 2;
+        state.OperationMode = 1;
+        WwStateFlags &flags = flagsOf(state);
+        setRunning(flags);
+        flags.Error = false;
+        flags.WorkpiecePresent = false;
+        flags.Moving = false;
+        flags.RecipeInRun = false;
+        flags.RecipeInSetup = false;
+        flags.FeedRuns = true;
+        flags.EnergySaving = false;
+        restartDuration(record, ProductionWithoutWorkpiece, now);
+        restartDuration(record, Working, now);
+        break;
+    }
+    case 6:
+    case 7: {
+        state.MachineState = 4;
+        WwStateFlags &flags = flagsOf(state);
+        setRunning(flags);
+        flags.Moving = false;
+        flags.RecipeInRun = false;
+        flags.RecipeInSetup = false;
+        flags.FeedRuns = false;
+        if (code == 7) {
+            flags.Error = true;
+            restartDuration(record, Error, now);
+        }
+        break;
+    }
+    default:
+        break;
+    }
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(state));
+}
+
+void MmToOpcUaMapper::markSilentMachinesOffline()
+{
+    const qint64 now = elapsedNow();
+    QStringList silent;
+    for (auto it = m_machines.cbegin(); it != m_machines.cend(); ++it) {
+        if (it->lastSeen.running && it->lastSeen.elapsed(now) >= m_offlineTimeout)
+            silent.append(it.key());
+    }
+    silent.sort();
+
+    StateV1 offline;
+    offline.state = 1;
+    const QVariant data = QVariant::fromValue(offline);
+    for (const QString &machine : qAsConst(silent)) {
+        qCDebug(lcMmToOpcUaMapper).nospace() << "Timeout: marking " << machine << " as OFFLINE";
+        processData(currentDateTime(), machine, m_machines.constFind(machine)->lastSource, data);
+    }
+}

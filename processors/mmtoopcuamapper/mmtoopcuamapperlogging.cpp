@@ -1,0 +1,3 @@
+#include "mmtoopcuamapperlogging.h"
+
+Q_LOGGING_CATEGORY(lcMmToOpcUaMapper, "mmtoopcuamapper")

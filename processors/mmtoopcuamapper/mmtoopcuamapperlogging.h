@@ -1,0 +1,8 @@
+#ifndef ORVIX_MMTOOPCUAMAPPERLOGGING_H
+#define ORVIX_MMTOOPCUAMAPPERLOGGING_H
+
+#include <QLoggingCategory>
+
+Q_DECLARE_LOGGING_CATEGORY(lcMmToOpcUaMapper)
+
+#endif

@@ -4,10 +4,18 @@
 #include "iprocessor.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QObject>
+#include <QString>
 #include <QVariant>
 
-/** Drops invalid MM datasets and repairs the ones it can. */
+struct ConditionDataV2;
+struct MaintenanceDefinitionV1;
+
+/**
+ * Drops invalid MM datasets and repairs the ones it can: it adds missing maintenance unit codes and converts
+ * condition values that arrive as text into the data type their condition definition declares.
+ */
 class Validator : public QObject, public IProcessor
 {
     Q_OBJECT
@@ -15,15 +23,48 @@ class Validator : public QObject, public IProcessor
 public:
     explicit Validator(QObject *parent = nullptr);
 
+    /** The validator has no configuration: does nothing and returns true. */
     bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "Validator". */
     QString name() const override;
+    /** 900: after the unit and maintenance text overrides, before the rate limiter. */
     unsigned int orderNumber() const override;
 
 signals:
     void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 public slots:
+    /** Checks the dataset and passes it on, repaired where needed, or drops it with a warning. */
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    using Check = bool (Validator::*)(const QString &machine, QString &reason, const QVariant &data);
+    using Repair
+        = QVariant (Validator::*)(const QString &machine, QString &reason, bool &modified, const QVariant &data);
+    using ConditionTypes = QHash<QString, qint32>;
+
+    bool checkState(const QString &machine, QString &reason, const QVariant &data);
+    bool checkNotificationAdd(const QString &machine, QString &reason, const QVariant &data);
+    bool checkNotificationRemove(const QString &machine, QString &reason, const QVariant &data);
+    bool checkNotificationRemoveAll(const QString &machine, QString &reason, const QVariant &data);
+    bool learnConditionDefinition(const QString &machine, QString &reason, const QVariant &data);
+    bool learnConditionDefinitions(const QString &machine, QString &reason, const QVariant &data);
+
+    QVariant repairMaintenanceDefinitions(
+        const QString &machine, QString &reason, bool &modified, const QVariant &data);
+    QVariant repairMaintenanceDefinition(const QString &machine, QString &reason, bool &modified, const QVariant &data);
+    QVariant repairConditionData(const QString &machine, QString &reason, bool &modified, const QVariant &data);
+    QVariant repairConditionDatas(const QString &machine, QString &reason, bool &modified, const QVariant &data);
+
+    static bool addUnitCode(MaintenanceDefinitionV1 &definition, QString &reason);
+    static bool convertConditionValue(const ConditionTypes &types, const QString &machine, const ConditionDataV2 &item,
+        QVariant &converted, QString &reason);
+
+    // Keyed by the registered type id, which stands for the type name one to one and needs no string per dataset.
+    QHash<int, Check> m_checks;
+    QHash<int, Repair> m_repairs;
+    // Machine name to condition id to the dataType of the latest definition; never cleared.
+    QHash<QString, ConditionTypes> m_conditionTypes;
 };
 
 #endif

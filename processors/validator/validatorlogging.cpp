@@ -1,0 +1,3 @@
+#include "validatorlogging.h"
+
+Q_LOGGING_CATEGORY(lcValidator, "validator")

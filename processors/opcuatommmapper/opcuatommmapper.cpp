@@ -1,11 +1,94 @@
 #include "opcuatommmapper.h"
 
+#include "conditiondatasv2.h"
+#include "conditiondefinitionsv2.h"
 #include "generalv1.h"
 #include "opcuatommmapperlogging.h"
 #include "statev1.h"
 #include "wwstate.h"
 
+#include <QVector>
+
+#include <type_traits>
+
 namespace {
+
+constexpr int FlagCount = 26;
+constexpr int ValueCount = 35;
+
+/** One flag, value or field that becomes a condition: its bare name, what follows the machine in its id, its type. */
+struct ConditionItem
+{
+    QString name;
+    QString idSuffix;
+    qint32 dataType;
+};
+
+template <typename Record, typename Field> Field fieldType(Field Record::*);
+
+template <typename T> struct PlainType
+{
+    using type = T;
+};
+
+template <typename T> struct PlainType<std::optional<T>>
+{
+    using type = T;
+};
+
+template <typename Field> constexpr qint32 conditionType()
+{
+    using T = typename PlainType<Field>::type;
+    if constexpr (std::is_same_v<T, bool>)
+        return 3;
+    else if constexpr (std::is_floating_point_v<T>)
+        return 2;
+    else if constexpr (std::is_integral_v<T>)
+        return 1;
+    else
+        return 0;
+}
+
+template <typename T> const T *presentValue(const T &value)
+{
+    return &value;
+}
+
+template <typename T> const T *presentValue(const std::optional<T> &value)
+{
+    return value ? &*value : nullptr;
+}
+
+template <typename Record> void appendItems(QVector<ConditionItem> &items, QLatin1String idPart)
+{
+    Record::visitFields([&](const char *name, auto member) {
+        const QString bareName = QString::fromLatin1(name);
+        items.append({ bareName, idPart + bareName, conditionType<decltype(fieldType(member))>() });
+    });
+}
+
+/** The flags, then the values, in the order in which their conditions are sent. */
+const QVector<ConditionItem> &stateItems()
+{
+    static const QVector<ConditionItem> items = [] {
+        QVector<ConditionItem> list;
+        appendItems<WwStateFlags>(list, QLatin1String("/State/Machine/Flags/"));
+        Q_ASSERT(list.size() == FlagCount);
+        appendItems<WwStateValues>(list, QLatin1String("/State/Machine/Values/"));
+        Q_ASSERT(list.size() == FlagCount + ValueCount);
+        return list;
+    }();
+    return items;
+}
+
+ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
+{
+    ConditionDefinitionV2 definition;
+    definition.id = id;
+    definition.name = item.name;
+    definition.dataType = item.dataType;
+    return definition;
+}
 
 bool isTrue(const WwState &state, std::optional<bool> WwStateFlags::*flag)
 {
@@ -81,9 +164,15 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
         const WwState state = qvariant_cast<WwState>(data);
         mapState(timestamp, machine, source, state);
         mapOperatingData(timestamp, machine, source, state);
+        mapStateConditions(timestamp, machine, source, state);
         return;
     }
     emit dataProcessed(timestamp, machine, source, data);
+}
+
+OpcUaToMMMapper::MachineConditions &OpcUaToMMMapper::machineConditions(const QString &source, const QString &machine)
+{
+    return m_knownConditions[source][machine];
 }
 
 void OpcUaToMMMapper::mapState(const QDateTime &timestamp, const QString &machine, const QString &source,
@@ -129,4 +218,56 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
     else
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsoluteLength is not set");
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(general));
+}
+
+void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
+                                         const WwState &state)
+{
+    if (state.MachineState == 0 || (!state.Flags && !state.Values))
+        return;
+    static_assert(FlagCount + ValueCount == StateItemCount, "one condition per flag and value");
+    const QVector<ConditionItem> &items = stateItems();
+    MachineConditions &conditions = machineConditions(source, machine);
+    // The ids are built once per source and machine, so that a steady stream of updates builds no strings.
+    if (!conditions.stateIdsBuilt) {
+        for (int i = 0; i < StateItemCount; ++i)
+            conditions.stateIds[i] = machine + items.at(i).idSuffix;
+        conditions.stateIdsBuilt = true;
+    }
+
+    ConditionDefinitionsV2 definitions;
+    definitions.timestamp = timestamp;
+    ConditionDatasV2 datas;
+    datas.timestamp = timestamp;
+    datas.items.reserve(StateItemCount);
+    int index = 0;
+    const auto addItem = [&](const auto &field) {
+        const int i = index++;
+        const auto *value = presentValue(field);
+        if (!value)
+            return;
+        const QString &id = conditions.stateIds[i];
+        if (!conditions.stateDefined.test(i)) {
+            conditions.stateDefined.set(i);
+            definitions.items.append(conditionDefinition(id, items.at(i)));
+        }
+        ConditionDataV2 data;
+        data.id = id;
+        data.value = QVariant::fromValue(*value);
+        datas.items.append(data);
+    };
+    if (state.Flags) {
+        const WwStateFlags &flags = *state.Flags;
+        WwStateFlags::visitFields([&](const char *, auto member) { addItem(flags.*member); });
+    }
+    index = FlagCount;
+    if (state.Values) {
+        const WwStateValues &values = *state.Values;
+        WwStateValues::visitFields([&](const char *, auto member) { addItem(values.*member); });
+    }
+
+    if (!definitions.items.isEmpty())
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
+    if (!datas.items.isEmpty())
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
 }

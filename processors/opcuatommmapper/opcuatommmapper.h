@@ -4,8 +4,13 @@
 #include "iprocessor.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QObject>
+#include <QString>
 #include <QVariant>
+
+#include <array>
+#include <bitset>
 
 struct WwState;
 
@@ -28,9 +33,26 @@ public slots:
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 private:
+    /** The number of flags and values of a machine state record, each of them a condition. */
+    static constexpr int StateItemCount = 61;
+
+    /** The condition ids of one machine as one source reports it, and which of them have been defined already. */
+    struct MachineConditions
+    {
+        std::array<QString, StateItemCount> stateIds;
+        std::bitset<StateItemCount> stateDefined;
+        bool stateIdsBuilt = false;
+    };
+
+    MachineConditions &machineConditions(const QString &source, const QString &machine);
     void mapState(const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
     void mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
                           const WwState &state);
+    void mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
+                            const WwState &state);
+
+    // Per source, per machine: a condition definition goes out once per source and condition id.
+    QHash<QString, QHash<QString, MachineConditions>> m_knownConditions;
 };
 
 #endif

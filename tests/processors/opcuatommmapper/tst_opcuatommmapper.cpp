@@ -157,6 +157,110 @@ bool sameRecord(const QVariant &a, const QVariant &b)
                         OrderV1>(a, b);
 }
 
+/** Every flag and value of a machine state, in the order in which their conditions are sent. */
+struct ExpectedItem
+{
+    const char *block;
+    const char *name;
+    int dataType;
+    int valueType;
+};
+
+const ExpectedItem s_stateItems[] = {
+    { "Flags", "MachineOn", 3, QMetaType::Bool },
+    { "Flags", "MachineInitialized", 3, QMetaType::Bool },
+    { "Flags", "PowerPresent", 3, QMetaType::Bool },
+    { "Flags", "AirPresent", 3, QMetaType::Bool },
+    { "Flags", "DustChipSuction", 3, QMetaType::Bool },
+    { "Flags", "Emergency", 3, QMetaType::Bool },
+    { "Flags", "Safety", 3, QMetaType::Bool },
+    { "Flags", "Calibrated", 3, QMetaType::Bool },
+    { "Flags", "Remote", 3, QMetaType::Bool },
+    { "Flags", "WorkpiecePresent", 3, QMetaType::Bool },
+    { "Flags", "Moving", 3, QMetaType::Bool },
+    { "Flags", "LoadingEnabled", 3, QMetaType::Bool },
+    { "Flags", "Alarm", 3, QMetaType::Bool },
+    { "Flags", "Warning", 3, QMetaType::Bool },
+    { "Flags", "Error", 3, QMetaType::Bool },
+    { "Flags", "Hold", 3, QMetaType::Bool },
+    { "Flags", "RecipeInRun", 3, QMetaType::Bool },
+    { "Flags", "RecipeInSetup", 3, QMetaType::Bool },
+    { "Flags", "RecipeInHold", 3, QMetaType::Bool },
+    { "Flags", "ManualActivityRequired", 3, QMetaType::Bool },
+    { "Flags", "WaitUnload", 3, QMetaType::Bool },
+    { "Flags", "WaitLoad", 3, QMetaType::Bool },
+    { "Flags", "EnergySaving", 3, QMetaType::Bool },
+    { "Flags", "ExternalEmergency", 3, QMetaType::Bool },
+    { "Flags", "MaintenanceRequired", 3, QMetaType::Bool },
+    { "Flags", "FeedRuns", 3, QMetaType::Bool },
+    { "Values", "AxisOverride", 1, QMetaType::UInt },
+    { "Values", "SpindleOverride", 1, QMetaType::UInt },
+    { "Values", "FeedSpeed", 2, QMetaType::Double },
+    { "Values", "ActualCycle", 2, QMetaType::Double },
+    { "Values", "AbsoluteMachineOffTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteStandbyTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeStandbyTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteReadyTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeReadyTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteWorkingTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeWorkingTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteErrorTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeErrorTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteMachineOnTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeMachineOnTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsolutePowerPresentTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativePowerPresentTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteProductionTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeProductionTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteProductionWithoutWorkpieceTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeProductionWithoutWorkpieceTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteProductionWaitWorkpieceTime", 1, QMetaType::ULongLong },
+    { "Values", "RelativeProductionWaitWorkpieceTime", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteRunsGood", 1, QMetaType::ULongLong },
+    { "Values", "RelativeRunsGood", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteRunsTotal", 1, QMetaType::ULongLong },
+    { "Values", "RelativeRunsTotal", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteRunsAborted", 1, QMetaType::ULongLong },
+    { "Values", "RelativeRunsAborted", 1, QMetaType::ULongLong },
+    { "Values", "AbsoluteLength", 1, QMetaType::ULongLong },
+    { "Values", "RelativeLength", 1, QMetaType::ULongLong },
+    { "Values", "AbsolutePiecesIn", 1, QMetaType::ULongLong },
+    { "Values", "RelativePiecesIn", 1, QMetaType::ULongLong },
+    { "Values", "AbsolutePiecesOut", 1, QMetaType::ULongLong },
+    { "Values", "RelativePiecesOut", 1, QMetaType::ULongLong },
+};
+
+const int s_flagCount = 26;
+
+/** The value that fullState() gives the item at this index. */
+QVariant fullStateValue(int index)
+{
+    switch (s_stateItems[index].valueType) {
+    case QMetaType::Bool:
+        return index % 2 == 0;
+    case QMetaType::UInt:
+        return uint(100 + index);
+    case QMetaType::Double:
+        return index + 0.25;
+    default:
+        return qulonglong(1000000000000ull + index);
+    }
+}
+
+/** A running machine's state with every flag and value present, each with its own value. */
+WwState fullState()
+{
+    QStringList flags;
+    QStringList values;
+    for (int i = 0; i < int(std::size(s_stateItems)); ++i) {
+        const QVariant value = fullStateValue(i);
+        const QString setting = QString::fromLatin1(s_stateItems[i].name) + QLatin1Char('=')
+            + (value.userType() == QMetaType::Bool ? QString::number(value.toBool()) : value.toString());
+        (i < s_flagCount ? flags : values).append(setting);
+    }
+    return makeState(2, 0, flagsFrom(flags.join(' ')), valuesFrom(values.join(' ')));
+}
+
 QStringList typeNames(const QSignalSpy &spy)
 {
     QStringList names;
@@ -190,6 +294,18 @@ private slots:
 
     void operatingData_data();
     void operatingData();
+
+    void stateConditionItems_data();
+    void stateConditionItems();
+    void stateEmissionOrder();
+    void offlineMachineHasNoConditions();
+    void noBlocksNoConditions();
+    void absentItemsAreSkipped();
+    void onlyValuesBlock();
+    void newFlagLaterIsDefinedAlone();
+    void knownConditionsPerSource();
+    void knownConditionsPerMachine();
+    void emptyMachineName();
 
 private:
     QtMessageHandler m_previous = nullptr;
@@ -416,12 +532,15 @@ void tst_OpcUaToMMMapper::sameStateTwiceGivesTwoEqualStates()
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     const QVariant state = QVariant::fromValue(makeState(3, 0, flagsFrom("WorkpiecePresent=0"), std::nullopt));
     mapper.processData(s_when, "m1", "s1", state);
-    const int perUpdate = spy.count();
     mapper.processData(s_when, "m1", "s1", state);
-    QCOMPARE(spy.count(), 2 * perUpdate);
-    QCOMPARE(spy.at(perUpdate).at(3).typeName(), "StateV1");
-    QCOMPARE(qvariant_cast<StateV1>(spy.at(0).at(3)), qvariant_cast<StateV1>(spy.at(perUpdate).at(3)));
-    QCOMPARE(qvariant_cast<StateV1>(spy.at(perUpdate).at(3)).state, 5);
+    QList<StateV1> states;
+    for (const QList<QVariant> &arguments : qAsConst(spy)) {
+        if (qstrcmp(arguments.at(3).typeName(), "StateV1") == 0)
+            states.append(qvariant_cast<StateV1>(arguments.at(3)));
+    }
+    QCOMPARE(states.size(), 2);
+    QCOMPARE(states.at(0).state, 5);
+    QCOMPARE(states.at(1), states.at(0));
 }
 
 void tst_OpcUaToMMMapper::stateKeepsTimestampMachineAndSource()
@@ -544,6 +663,301 @@ void tst_OpcUaToMMMapper::operatingData()
     QCOMPARE(general.length, length);
     QCOMPARE(general.counter5, 0);
     QCOMPARE(general.counter6, 0);
+}
+
+namespace {
+
+/** The signal arguments of the emitted dataset of the given type; fails the test when there is not exactly one. */
+QVariant onlyDataset(const QSignalSpy &spy, const char *typeName)
+{
+    QVariant found;
+    int count = 0;
+    for (const QList<QVariant> &arguments : spy) {
+        if (qstrcmp(arguments.at(3).typeName(), typeName) == 0) {
+            found = arguments.at(3);
+            ++count;
+        }
+    }
+    if (count != 1)
+        qWarning("expected one %s, got %d", typeName, count);
+    return count == 1 ? found : QVariant();
+}
+
+QStringList definitionIds(const ConditionDefinitionsV2 &definitions)
+{
+    QStringList ids;
+    for (const ConditionDefinitionV2 &definition : definitions.items)
+        ids.append(definition.id);
+    return ids;
+}
+
+QStringList dataIds(const ConditionDatasV2 &datas)
+{
+    QStringList ids;
+    for (const ConditionDataV2 &data : datas.items)
+        ids.append(data.id);
+    return ids;
+}
+
+QStringList stateIds(const QString &machine, bool flags, bool values)
+{
+    QStringList ids;
+    for (int i = 0; i < int(std::size(s_stateItems)); ++i) {
+        if ((i < s_flagCount && flags) || (i >= s_flagCount && values))
+            ids.append(machine + "/State/Machine/" + s_stateItems[i].block + '/' + s_stateItems[i].name);
+    }
+    return ids;
+}
+
+const QStringList s_plainFlags { "MachineOn", "MachineInitialized", "PowerPresent", "Emergency", "Calibrated",
+                                 "Alarm",     "Warning",            "Error" };
+
+} // namespace
+
+void tst_OpcUaToMMMapper::stateConditionItems_data()
+{
+    QTest::addColumn<int>("index");
+    QTest::addColumn<QString>("id");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("dataType");
+    QTest::addColumn<int>("valueType");
+    for (int i = 0; i < int(std::size(s_stateItems)); ++i) {
+        const ExpectedItem &item = s_stateItems[i];
+        QTest::newRow(item.name) << i << QString("m1/State/Machine/%1/%2").arg(item.block, item.name) << item.name
+                                 << item.dataType << item.valueType;
+    }
+}
+
+void tst_OpcUaToMMMapper::stateConditionItems()
+{
+    QFETCH(int, index);
+    QFETCH(QString, id);
+    QFETCH(QString, name);
+    QFETCH(int, dataType);
+    QFETCH(int, valueType);
+
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(fullState()));
+
+    const auto definitions = qvariant_cast<ConditionDefinitionsV2>(onlyDataset(spy, "ConditionDefinitionsV2"));
+    QCOMPARE(definitions.items.size(), int(std::size(s_stateItems)));
+    ConditionDefinitionV2 expected;
+    expected.id = id;
+    expected.name = name;
+    expected.dataType = dataType;
+    const ConditionDefinitionV2 &definition = definitions.items.at(index);
+    QCOMPARE(definition, expected);
+    // The defaults that equality does not tell apart from null texts.
+    QVERIFY(definition.text3.isNull() && definition.text4.isNull());
+    QVERIFY(!definition.unitCode.isNull() && !definition.unitKey.isNull() && !definition.unitText.isNull());
+    QVERIFY(!definition.lowerValue.isNull() && !definition.upperValue.isNull());
+    QVERIFY(!definition.text12.isNull() && !definition.text13.isNull());
+
+    const auto datas = qvariant_cast<ConditionDatasV2>(onlyDataset(spy, "ConditionDatasV2"));
+    QCOMPARE(datas.items.size(), int(std::size(s_stateItems)));
+    const ConditionDataV2 &data = datas.items.at(index);
+    QCOMPARE(data.id, id);
+    QCOMPARE(data.value.userType(), valueType);
+    QCOMPARE(data.value, fullStateValue(index));
+}
+
+void tst_OpcUaToMMMapper::stateEmissionOrder()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    const QVariant state = QVariant::fromValue(fullState());
+    mapper.processData(s_when, "m1", "s1", state);
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    for (const QList<QVariant> &arguments : qAsConst(spy)) {
+        QCOMPARE(arguments.at(0).toDateTime(), s_when);
+        QCOMPARE(arguments.at(1).toString(), QStringLiteral("m1"));
+        QCOMPARE(arguments.at(2).toString(), QStringLiteral("s1"));
+    }
+    QCOMPARE(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3)).timestamp, s_when);
+    QCOMPARE(qvariant_cast<ConditionDatasV2>(spy.at(3).at(3)).timestamp, s_when);
+    const ConditionDatasV2 firstData = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+
+    // The same items again: no definitions, the data again.
+    spy.clear();
+    const QDateTime later = s_when.addSecs(1);
+    mapper.processData(later, "m1", "s1", state);
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDatasV2" }));
+    const ConditionDatasV2 secondData = qvariant_cast<ConditionDatasV2>(spy.at(2).at(3));
+    QCOMPARE(secondData.timestamp, later);
+    QCOMPARE(secondData.items, firstData.items);
+    QVERIFY(mapperWarnings().isEmpty());
+}
+
+void tst_OpcUaToMMMapper::offlineMachineHasNoConditions()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    WwState offline = fullState();
+    offline.MachineState = 0;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(offline));
+    QCOMPARE(typeNames(spy), QStringList { "StateV1" });
+    QVERIFY(mapperWarnings().isEmpty());
+
+    // Nothing became known while the machine was offline.
+    spy.clear();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(fullState()));
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3)).items.size(), int(std::size(s_stateItems)));
+}
+
+void tst_OpcUaToMMMapper::noBlocksNoConditions()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(2, 0, std::nullopt, std::nullopt)));
+    QCOMPARE(typeNames(spy), QStringList { "StateV1" });
+    QCOMPARE(mapperWarnings(), (QStringList { quoted("Missing some flags, the state might be incomplete"),
+                                              quoted("Values are not availabe, unable to calculate GeneralV1") }));
+}
+
+void tst_OpcUaToMMMapper::absentItemsAreSkipped()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    // Every optional flag absent, two plain flags true, and two of the values.
+    WwStateFlags flags;
+    flags.MachineOn = true;
+    flags.Alarm = true;
+    WwStateValues values;
+    values.SpindleOverride = 80;
+    values.RelativePiecesOut = 3;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(2, 0, flags, values)));
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+
+    QStringList expectedIds;
+    for (const QString &name : s_plainFlags)
+        expectedIds.append("m1/State/Machine/Flags/" + name);
+    expectedIds << "m1/State/Machine/Values/SpindleOverride" << "m1/State/Machine/Values/RelativePiecesOut";
+    const auto definitions = qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3));
+    QCOMPARE(definitionIds(definitions), expectedIds);
+    const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+    QCOMPARE(dataIds(datas), expectedIds);
+    QCOMPARE(datas.items.at(0).value, QVariant(true));
+    QCOMPARE(datas.items.at(1).value, QVariant(false));
+    QCOMPARE(datas.items.at(5).value, QVariant(true));
+    QCOMPARE(datas.items.at(8).value, QVariant(uint(80)));
+    QCOMPARE(datas.items.at(9).value, QVariant(qulonglong(3)));
+}
+
+void tst_OpcUaToMMMapper::onlyValuesBlock()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    WwState state = fullState();
+    state.Flags.reset();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    const QStringList expectedIds = stateIds("m1", false, true);
+    QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3))), expectedIds);
+    const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+    QCOMPARE(dataIds(datas), expectedIds);
+    for (int i = 0; i < datas.items.size(); ++i)
+        QCOMPARE(datas.items.at(i).value, fullStateValue(s_flagCount + i));
+
+    // The flags that come later are defined then, the values not again.
+    spy.clear();
+    state.Flags = fullState().Flags;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3))), stateIds("m1", true, false));
+    QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(3).at(3))), stateIds("m1", true, true));
+}
+
+void tst_OpcUaToMMMapper::newFlagLaterIsDefinedAlone()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    WwState state = fullState();
+    state.Flags->Hold.reset();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QVERIFY(!definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3)))
+                 .contains("m1/State/Machine/Flags/Hold"));
+    QVERIFY(!dataIds(qvariant_cast<ConditionDatasV2>(spy.at(3).at(3))).contains("m1/State/Machine/Flags/Hold"));
+
+    spy.clear();
+    state.Flags->Hold = true;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    const auto definitions = qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3));
+    QCOMPARE(definitions.items.size(), 1);
+    QCOMPARE(definitions.items.first().id, QStringLiteral("m1/State/Machine/Flags/Hold"));
+    QCOMPARE(definitions.items.first().name, QStringLiteral("Hold"));
+    QCOMPARE(definitions.items.first().dataType, 3);
+    const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+    QCOMPARE(dataIds(datas), stateIds("m1", true, true));
+
+    // Gone again and back: known already.
+    spy.clear();
+    state.Flags->Hold.reset();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    state.Flags->Hold = false;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QCOMPARE(typeNames(spy).count("ConditionDefinitionsV2"), 0);
+}
+
+void tst_OpcUaToMMMapper::knownConditionsPerSource()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    const QVariant state = QVariant::fromValue(fullState());
+    mapper.processData(s_when, "m1", "s1", state);
+    const auto first = qvariant_cast<ConditionDefinitionsV2>(onlyDataset(spy, "ConditionDefinitionsV2"));
+
+    // The same machine from a second source: its definitions again, with equal ids.
+    spy.clear();
+    mapper.processData(s_when, "m1", "s2", state);
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(spy.at(2).at(2).toString(), QStringLiteral("s2"));
+    const auto second = qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3));
+    QCOMPARE(second.items, first.items);
+    QCOMPARE(definitionIds(second), stateIds("m1", true, true));
+
+    // Each source knows them now.
+    spy.clear();
+    mapper.processData(s_when, "m1", "s1", state);
+    mapper.processData(s_when, "m1", "s2", state);
+    QCOMPARE(typeNames(spy).count("ConditionDefinitionsV2"), 0);
+    QCOMPARE(typeNames(spy).count("ConditionDatasV2"), 2);
+}
+
+void tst_OpcUaToMMMapper::knownConditionsPerMachine()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    const QVariant state = QVariant::fromValue(fullState());
+    mapper.processData(s_when, "m1", "s1", state);
+    spy.clear();
+
+    // Another machine of the same source has ids of its own.
+    mapper.processData(s_when, "m2", "s1", state);
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(spy.at(2).at(1).toString(), QStringLiteral("m2"));
+    QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3))), stateIds("m2", true, true));
+    QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(3).at(3))), stateIds("m2", true, true));
+
+    // Alternating updates keep each machine's ids.
+    spy.clear();
+    mapper.processData(s_when, "m1", "s1", state);
+    mapper.processData(s_when, "m2", "s1", state);
+    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDatasV2", "StateV1", "GeneralV1",
+                                            "ConditionDatasV2" }));
+    QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(2).at(3))), stateIds("m1", true, true));
+    QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(5).at(3))), stateIds("m2", true, true));
+}
+
+void tst_OpcUaToMMMapper::emptyMachineName()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    mapper.processData(s_when, QString(), "s1", QVariant::fromValue(fullState()));
+    const auto datas = qvariant_cast<ConditionDatasV2>(onlyDataset(spy, "ConditionDatasV2"));
+    QCOMPARE(datas.items.first().id, QStringLiteral("/State/Machine/Flags/MachineOn"));
 }
 
 QTEST_GUILESS_MAIN(tst_OpcUaToMMMapper)

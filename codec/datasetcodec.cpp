@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <optional>
 #include <type_traits>
@@ -71,6 +72,33 @@ QString dateTimeText(const QDateTime &dateTime)
     return dateTime.toString(Qt::ISODateWithMs);
 }
 
+/**
+ * Appends the text of dateTimeText(), built directly from the numbers: writers stamp every dataset, and Qt's
+ * general formatter costs more than the rest of a small dataset. Years outside 0 to 9999 take Qt's way.
+ */
+void appendDateTimeText(QByteArray &out, const QDateTime &dateTime)
+{
+    const int offset = dateTime.offsetFromUtc();
+    const QDateTime shown = dateTime.timeSpec() == Qt::UTC ? dateTime : dateTime.toOffsetFromUtc(offset);
+    const QDate date = shown.date();
+    const QTime time = shown.time();
+    if (date.year() < 0 || date.year() > 9999) {
+        out += dateTimeText(dateTime).toLatin1();
+        return;
+    }
+    char text[32];
+    int length = std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", date.year(), date.month(),
+        date.day(), time.hour(), time.minute(), time.second(), time.msec());
+    if (shown.timeSpec() == Qt::UTC) {
+        text[length++] = 'Z';
+    } else {
+        const int minutes = qAbs(offset) / 60;
+        length += std::snprintf(
+            text + length, sizeof text - length, "%c%02d:%02d", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
+    }
+    out.append(text, length);
+}
+
 // ---- Writing ----
 
 /** Appends JSON text to a byte array; the caller places the commas. */
@@ -126,21 +154,28 @@ public:
         rawString(value.toUtf8());
     }
 
+    /** Writes a Latin-1 text such as a type name; it needs no conversion. */
+    void latin1String(const char *value) { rawString(QByteArray::fromRawData(value, int(qstrlen(value)))); }
+
     void dateTime(const QDateTime &value)
     {
         if (!value.isValid())
             null();
-        else
-            rawString(dateTimeText(value).toLatin1());
+        else {
+            m_out += '"';
+            appendDateTimeText(m_out, value);
+            m_out += '"';
+        }
     }
 
-    void key(const char *name, bool *first)
+    void key(const char *name, bool *first, const char *suffix = "")
     {
         if (!*first)
             m_out += ',';
         *first = false;
         m_out += '"';
         m_out += name;
+        m_out += suffix;
         m_out += "\":";
     }
 
@@ -292,8 +327,8 @@ template <typename Record> void writeRecord(JsonWriter &writer, const Record &re
             writer.key(name, &first);
             writeVariant(writer, field);
             if (field.isValid()) {
-                writer.key(QLatin1String(name) + QLatin1String("Type"), &first);
-                writer.string(QString::fromLatin1(field.typeName()));
+                writer.key(name, &first, "Type");
+                writer.latin1String(field.typeName());
             }
         } else {
             writer.key(name, &first);

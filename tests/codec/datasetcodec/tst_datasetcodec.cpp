@@ -486,6 +486,13 @@ void tst_DatasetCodec::timestamps_data()
     QTest::newRow("UTC") << someTime << "2021-03-01T08:00:00.250Z";
     QTest::newRow("offset") << QDateTime(QDate(2021, 3, 1), QTime(10, 0), Qt::OffsetFromUTC, 7200)
                             << "2021-03-01T10:00:00.000+02:00";
+    // Qt turns an offset of zero into UTC.
+    QTest::newRow("offset zero") << someTime.toOffsetFromUtc(0) << "2021-03-01T08:00:00.250Z";
+    QTest::newRow("negative offset") << someTime.toOffsetFromUtc(-(3 * 3600 + 30 * 60))
+                                     << "2021-03-01T04:30:00.250-03:30";
+    QTest::newRow("time zone") << someTime.toTimeZone(QTimeZone("America/New_York")) << "2021-03-01T03:00:00.250-05:00";
+    QTest::newRow("before 1970") << QDateTime(QDate(1969, 12, 31), QTime(23, 59, 59, 999), Qt::UTC)
+                                 << "1969-12-31T23:59:59.999Z";
     QTest::newRow("local")
         << someTime.toLocalTime()
         << someTime.toOffsetFromUtc(someTime.toLocalTime().offsetFromUtc()).toString(Qt::ISODateWithMs);
@@ -497,6 +504,8 @@ void tst_DatasetCodec::timestamps()
     QFETCH(QString, text);
     const QJsonObject object = DatasetCodec::encode(timestamp, QString(), QString(), QVariant(QStringLiteral("x")));
     QCOMPARE(object.value(QLatin1String("timestamp")).toString(), text);
+    if (timestamp.timeSpec() != Qt::LocalTime)
+        QCOMPARE(text, timestamp.toString(Qt::ISODateWithMs));
     QVERIFY(
         text.endsWith(QLatin1Char('Z')) || text.contains(QLatin1Char('+')) || text.lastIndexOf(QLatin1Char('-')) > 10);
     DatasetCodec::Dataset dataset;

@@ -1,0 +1,3 @@
+#include "unitoverwritelogging.h"
+
+Q_LOGGING_CATEGORY(lcUnitOverwrite, "unitOverwrite")

@@ -3,8 +3,11 @@
 #include "conditiondatasv2.h"
 #include "conditiondefinitionsv2.h"
 #include "generalv1.h"
+#include "notificationsaddv1.h"
+#include "notificationsremovev1.h"
 #include "opcuatommmapperlogging.h"
 #include "statev1.h"
+#include "wwbaseeventtype.h"
 #include "wwstate.h"
 
 #include <QVector>
@@ -79,6 +82,20 @@ const QVector<ConditionItem> &stateItems()
         return list;
     }();
     return items;
+}
+
+qint32 notificationLevel(qint32 category)
+{
+    switch (category) {
+    case 2:
+        return 1;
+    case 3:
+        return 2;
+    case 5:
+        return 3;
+    default:
+        return 0;
+    }
 }
 
 ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
@@ -165,6 +182,10 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
         mapState(timestamp, machine, source, state);
         mapOperatingData(timestamp, machine, source, state);
         mapStateConditions(timestamp, machine, source, state);
+        return;
+    }
+    if (data.canConvert<WwBaseEventType>()) {
+        mapEvent(timestamp, machine, source, qvariant_cast<WwBaseEventType>(data));
         return;
     }
     emit dataProcessed(timestamp, machine, source, data);
@@ -270,4 +291,25 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
     if (!datas.items.isEmpty())
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
+}
+
+void OpcUaToMMMapper::mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,
+                               const WwBaseEventType &event)
+{
+    // A withdrawal names the bare message id, while an announcement's id carries the path in front of it.
+    if (event.Message.startsWith(QLatin1String("{OFF"), Qt::CaseSensitive)) {
+        NotificationsRemoveV1 remove;
+        remove.id = event.Id;
+        remove.timestamp = timestamp;
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(remove));
+        return;
+    }
+    NotificationsAddV1 add;
+    add.id = QStringLiteral("%1/%2").arg(event.Path.join(QLatin1Char('/')), event.Id);
+    add.timestamp = timestamp;
+    add.level = notificationLevel(event.Category);
+    if (!event.Texts.isEmpty())
+        add.message = event.Texts.constBegin().value();
+    add.messageCode = event.Id;
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(add));
 }

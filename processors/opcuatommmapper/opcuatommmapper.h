@@ -12,6 +12,7 @@
 #include <array>
 #include <bitset>
 
+struct WwBaseEventType;
 struct WwState;
 
 /** Turns a machine's OPC UA woodworking data into MM datasets; passes every other dataset on. */
@@ -50,6 +51,8 @@ private:
                           const WwState &state);
     void mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
                             const WwState &state);
+    void mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,
+                  const WwBaseEventType &event);
 
     // Per source, per machine: a condition definition goes out once per source and condition id.
     QHash<QString, QHash<QString, MachineConditions>> m_knownConditions;

@@ -1,0 +1,3 @@
+#include "limitlogging.h"
+
+Q_LOGGING_CATEGORY(lcLimit, "limit")

@@ -8,6 +8,7 @@
 #include "opcuatommmapperlogging.h"
 #include "statev1.h"
 #include "wwbaseeventtype.h"
+#include "wwidentification.h"
 #include "wwstate.h"
 
 #include <QVector>
@@ -70,6 +71,15 @@ template <typename Record> void appendItems(QVector<ConditionItem> &items, QLati
     });
 }
 
+/** Whether a nameplate field becomes a condition: all but the name under which the datasource knows the machine. */
+template <typename Member> bool isIdentificationCondition([[maybe_unused]] Member member)
+{
+    if constexpr (std::is_same_v<Member, QString WwIdentification::*>)
+        return member != &WwIdentification::Name;
+    else
+        return true;
+}
+
 /** The flags, then the values, in the order in which their conditions are sent. */
 const QVector<ConditionItem> &stateItems()
 {
@@ -96,6 +106,51 @@ qint32 notificationLevel(qint32 category)
     default:
         return 0;
     }
+}
+
+/** The nameplate fields, in the order in which their conditions are sent. */
+const QVector<ConditionItem> &identificationItems()
+{
+    static const QVector<ConditionItem> items = [] {
+        QVector<ConditionItem> list;
+        WwIdentification::visitFields([&](const char *name, auto member) {
+            if (!isIdentificationCondition(member))
+                return;
+            const QString bareName = QString::fromLatin1(name);
+            list.append({ bareName, QLatin1String("/Identification/") + bareName,
+                          conditionType<decltype(fieldType(member))>() });
+        });
+        return list;
+    }();
+    return items;
+}
+
+template <std::size_t Count>
+void buildIds(std::array<QString, Count> &ids, const QString &machine, const QVector<ConditionItem> &items)
+{
+    Q_ASSERT(items.size() == int(Count));
+    for (std::size_t i = 0; i < Count; ++i)
+        ids[i] = machine + items.at(int(i)).idSuffix;
+}
+
+QVariant identificationValue(const QString &value)
+{
+    return value;
+}
+
+QVariant identificationValue(quint16 value)
+{
+    return qint32(value);
+}
+
+QVariant identificationValue(quint8 value)
+{
+    return qint32(value);
+}
+
+QVariant identificationValue(const QDateTime &value)
+{
+    return value.toString(Qt::ISODate);
 }
 
 ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
@@ -184,6 +239,10 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
         mapStateConditions(timestamp, machine, source, state);
         return;
     }
+    if (data.canConvert<WwIdentification>()) {
+        mapIdentification(timestamp, machine, source, qvariant_cast<WwIdentification>(data));
+        return;
+    }
     if (data.canConvert<WwBaseEventType>()) {
         mapEvent(timestamp, machine, source, qvariant_cast<WwBaseEventType>(data));
         return;
@@ -251,8 +310,7 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
     MachineConditions &conditions = machineConditions(source, machine);
     // The ids are built once per source and machine, so that a steady stream of updates builds no strings.
     if (!conditions.stateIdsBuilt) {
-        for (int i = 0; i < StateItemCount; ++i)
-            conditions.stateIds[i] = machine + items.at(i).idSuffix;
+        buildIds(conditions.stateIds, machine, items);
         conditions.stateIdsBuilt = true;
     }
 
@@ -291,6 +349,45 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
     if (!datas.items.isEmpty())
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
+}
+
+void OpcUaToMMMapper::mapIdentification(const QDateTime &timestamp, const QString &machine, const QString &source,
+                                        const WwIdentification &identification)
+{
+    const QVector<ConditionItem> &items = identificationItems();
+    MachineConditions &conditions = machineConditions(source, machine);
+    if (!conditions.identificationIdsBuilt) {
+        buildIds(conditions.identificationIds, machine, items);
+        conditions.identificationIdsBuilt = true;
+    }
+
+    ConditionDefinitionsV2 definitions;
+    definitions.timestamp = timestamp;
+    ConditionDatasV2 datas;
+    datas.timestamp = timestamp;
+    int index = 0;
+    WwIdentification::visitFields([&](const char *, auto member) {
+        if (!isIdentificationCondition(member))
+            return;
+        const int i = index++;
+        const auto *value = presentValue(identification.*member);
+        if (!value)
+            return;
+        const QString &id = conditions.identificationIds[i];
+        if (!conditions.identificationDefined.test(i)) {
+            conditions.identificationDefined.set(i);
+            definitions.items.append(conditionDefinition(id, items.at(i)));
+        }
+        ConditionDataV2 data;
+        data.id = id;
+        data.value = identificationValue(*value);
+        datas.items.append(data);
+    });
+
+    if (!definitions.items.isEmpty())
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
+    // Never empty: the mandatory fields are always there.
+    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
 }
 
 void OpcUaToMMMapper::mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,

@@ -13,6 +13,7 @@
 #include <bitset>
 
 struct WwBaseEventType;
+struct WwIdentification;
 struct WwState;
 
 /** Turns a machine's OPC UA woodworking data into MM datasets; passes every other dataset on. */
@@ -36,6 +37,8 @@ public slots:
 private:
     /** The number of flags and values of a machine state record, each of them a condition. */
     static constexpr int StateItemCount = 61;
+    /** The number of nameplate fields that become conditions. */
+    static constexpr int IdentificationFieldCount = 18;
 
     /** The condition ids of one machine as one source reports it, and which of them have been defined already. */
     struct MachineConditions
@@ -43,6 +46,9 @@ private:
         std::array<QString, StateItemCount> stateIds;
         std::bitset<StateItemCount> stateDefined;
         bool stateIdsBuilt = false;
+        std::array<QString, IdentificationFieldCount> identificationIds;
+        std::bitset<IdentificationFieldCount> identificationDefined;
+        bool identificationIdsBuilt = false;
     };
 
     MachineConditions &machineConditions(const QString &source, const QString &machine);
@@ -51,6 +57,8 @@ private:
                           const WwState &state);
     void mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
                             const WwState &state);
+    void mapIdentification(const QDateTime &timestamp, const QString &machine, const QString &source,
+                           const WwIdentification &identification);
     void mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,
                   const WwBaseEventType &event);
 

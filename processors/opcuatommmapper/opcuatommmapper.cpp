@@ -17,6 +17,47 @@
 
 namespace {
 
+bool isTrue(const WwState &state, std::optional<bool> WwStateFlags::*flag)
+{
+    return state.Flags && (*state.Flags).*flag == true;
+}
+
+bool isFalse(const WwState &state, std::optional<bool> WwStateFlags::*flag)
+{
+    return state.Flags && (*state.Flags).*flag == false;
+}
+
+bool isComplete(const WwState &state)
+{
+    if (!state.Flags)
+        return false;
+    const WwStateFlags &flags = *state.Flags;
+    return flags.WaitLoad && flags.EnergySaving && flags.Moving && flags.WaitUnload && flags.WorkpiecePresent
+        && flags.FeedRuns && flags.RecipeInRun;
+}
+
+// The first matching rule wins: the machine state codes 0, 4 and 1 before the operation mode, the operation mode
+// before the wait flags. An absent flag is neither true nor false.
+qint32 stateCode(const WwState &state)
+{
+    if (state.MachineState == 0)
+        return 1;
+    if (state.MachineState == 4)
+        return 7;
+    if (state.MachineState == 1)
+        return 4;
+    if (state.OperationMode == 4)
+        return 3;
+    if (isTrue(state, &WwStateFlags::WaitUnload) || isTrue(state, &WwStateFlags::WaitLoad))
+        return 6;
+    if (state.MachineState == 3)
+        return isFalse(state, &WwStateFlags::WorkpiecePresent) ? 5 : 2;
+    if ((isTrue(state, &WwStateFlags::Moving) || isTrue(state, &WwStateFlags::FeedRuns))
+        && isFalse(state, &WwStateFlags::WorkpiecePresent))
+        return 5;
+    return 4;
+}
+
 constexpr int FlagCount = 26;
 constexpr int ValueCount = 35;
 
@@ -53,6 +94,15 @@ template <typename Field> constexpr qint32 conditionType()
         return 0;
 }
 
+/** Whether a record field becomes a condition: all but the name under which the datasource knows the machine. */
+template <typename Member> bool isCondition([[maybe_unused]] Member member)
+{
+    if constexpr (std::is_same_v<Member, QString WwIdentification::*>)
+        return member != &WwIdentification::Name;
+    else
+        return true;
+}
+
 template <typename T> const T *presentValue(const T &value)
 {
     return &value;
@@ -66,18 +116,11 @@ template <typename T> const T *presentValue(const std::optional<T> &value)
 template <typename Record> void appendItems(QVector<ConditionItem> &items, QLatin1String idPart)
 {
     Record::visitFields([&](const char *name, auto member) {
+        if (!isCondition(member))
+            return;
         const QString bareName = QString::fromLatin1(name);
         items.append({ bareName, idPart + bareName, conditionType<decltype(fieldType(member))>() });
     });
-}
-
-/** Whether a nameplate field becomes a condition: all but the name under which the datasource knows the machine. */
-template <typename Member> bool isIdentificationCondition([[maybe_unused]] Member member)
-{
-    if constexpr (std::is_same_v<Member, QString WwIdentification::*>)
-        return member != &WwIdentification::Name;
-    else
-        return true;
 }
 
 /** The flags, then the values, in the order in which their conditions are sent. */
@@ -94,32 +137,12 @@ const QVector<ConditionItem> &stateItems()
     return items;
 }
 
-qint32 notificationLevel(qint32 category)
-{
-    switch (category) {
-    case 2:
-        return 1;
-    case 3:
-        return 2;
-    case 5:
-        return 3;
-    default:
-        return 0;
-    }
-}
-
 /** The nameplate fields, in the order in which their conditions are sent. */
 const QVector<ConditionItem> &identificationItems()
 {
     static const QVector<ConditionItem> items = [] {
         QVector<ConditionItem> list;
-        WwIdentification::visitFields([&](const char *name, auto member) {
-            if (!isIdentificationCondition(member))
-                return;
-            const QString bareName = QString::fromLatin1(name);
-            list.append({ bareName, QLatin1String("/Identification/") + bareName,
-                          conditionType<decltype(fieldType(member))>() });
-        });
+        appendItems<WwIdentification>(list, QLatin1String("/Identification/"));
         return list;
     }();
     return items;
@@ -131,6 +154,15 @@ void buildIds(std::array<QString, Count> &ids, const QString &machine, const QVe
     Q_ASSERT(items.size() == int(Count));
     for (std::size_t i = 0; i < Count; ++i)
         ids[i] = machine + items.at(int(i)).idSuffix;
+}
+
+ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
+{
+    ConditionDefinitionV2 definition;
+    definition.id = id;
+    definition.name = item.name;
+    definition.dataType = item.dataType;
+    return definition;
 }
 
 QVariant identificationValue(const QString &value)
@@ -153,54 +185,18 @@ QVariant identificationValue(const QDateTime &value)
     return value.toString(Qt::ISODate);
 }
 
-ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
+qint32 notificationLevel(qint32 category)
 {
-    ConditionDefinitionV2 definition;
-    definition.id = id;
-    definition.name = item.name;
-    definition.dataType = item.dataType;
-    return definition;
-}
-
-bool isTrue(const WwState &state, std::optional<bool> WwStateFlags::*flag)
-{
-    return state.Flags && (*state.Flags).*flag == true;
-}
-
-bool isFalse(const WwState &state, std::optional<bool> WwStateFlags::*flag)
-{
-    return state.Flags && (*state.Flags).*flag == false;
-}
-
-bool isComplete(const WwState &state)
-{
-    if (!state.Flags)
-        return false;
-    const WwStateFlags &flags = *state.Flags;
-    return flags.WaitLoad && flags.EnergySaving && flags.Moving && flags.WaitUnload && flags.WorkpiecePresent
-        && flags.FeedRuns && flags.RecipeInRun;
-}
-
-// The first matching rule wins: the machine state codes 0, 4 and 1 before the operation mode, the operation mode
-// before the wait flags.
-qint32 stateCode(const WwState &state)
-{
-    if (state.MachineState == 0)
+    switch (category) {
+    case 2:
         return 1;
-    if (state.MachineState == 4)
-        return 7;
-    if (state.MachineState == 1)
-        return 4;
-    if (state.OperationMode == 4)
+    case 3:
+        return 2;
+    case 5:
         return 3;
-    if (isTrue(state, &WwStateFlags::WaitUnload) || isTrue(state, &WwStateFlags::WaitLoad))
-        return 6;
-    if (state.MachineState == 3)
-        return isFalse(state, &WwStateFlags::WorkpiecePresent) ? 5 : 2;
-    if ((isTrue(state, &WwStateFlags::Moving) || isTrue(state, &WwStateFlags::FeedRuns))
-        && isFalse(state, &WwStateFlags::WorkpiecePresent))
-        return 5;
-    return 4;
+    default:
+        return 0;
+    }
 }
 
 } // namespace
@@ -255,8 +251,8 @@ OpcUaToMMMapper::MachineConditions &OpcUaToMMMapper::machineConditions(const QSt
     return m_knownConditions[source][machine];
 }
 
-void OpcUaToMMMapper::mapState(const QDateTime &timestamp, const QString &machine, const QString &source,
-                               const WwState &state)
+void OpcUaToMMMapper::mapState(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state)
 {
     if (!isComplete(state))
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing some flags, the state might be incomplete");
@@ -265,8 +261,8 @@ void OpcUaToMMMapper::mapState(const QDateTime &timestamp, const QString &machin
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(result));
 }
 
-void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
-                                       const WwState &state)
+void OpcUaToMMMapper::mapOperatingData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state)
 {
     if (state.MachineState == 0)
         return;
@@ -283,8 +279,8 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsolutePowerPresentTime is not set");
     // The time spent waiting for a workpiece is not feed time. The sum wraps like the machine's own counters.
     if (values.AbsoluteProductionTime && values.AbsoluteProductionWithoutWorkpieceTime)
-        general.feedOnHours =
-            double(quint64(*values.AbsoluteProductionTime + *values.AbsoluteProductionWithoutWorkpieceTime))
+        general.feedOnHours
+            = double(quint64(*values.AbsoluteProductionTime + *values.AbsoluteProductionWithoutWorkpieceTime))
             / millisecondsPerHour;
     else
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing values for FeedOnHours");
@@ -300,8 +296,8 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(general));
 }
 
-void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
-                                         const WwState &state)
+void OpcUaToMMMapper::mapStateConditions(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state)
 {
     if (state.MachineState == 0 || (!state.Flags && !state.Values))
         return;
@@ -351,8 +347,8 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
 }
 
-void OpcUaToMMMapper::mapIdentification(const QDateTime &timestamp, const QString &machine, const QString &source,
-                                        const WwIdentification &identification)
+void OpcUaToMMMapper::mapIdentification(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const WwIdentification &identification)
 {
     const QVector<ConditionItem> &items = identificationItems();
     MachineConditions &conditions = machineConditions(source, machine);
@@ -367,7 +363,7 @@ void OpcUaToMMMapper::mapIdentification(const QDateTime &timestamp, const QStrin
     datas.timestamp = timestamp;
     int index = 0;
     WwIdentification::visitFields([&](const char *, auto member) {
-        if (!isIdentificationCondition(member))
+        if (!isCondition(member))
             return;
         const int i = index++;
         const auto *value = presentValue(identification.*member);
@@ -390,8 +386,8 @@ void OpcUaToMMMapper::mapIdentification(const QDateTime &timestamp, const QStrin
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
 }
 
-void OpcUaToMMMapper::mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,
-                               const WwBaseEventType &event)
+void OpcUaToMMMapper::mapEvent(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const WwBaseEventType &event)
 {
     // A withdrawal names the bare message id, while an announcement's id carries the path in front of it.
     if (event.Message.startsWith(QLatin1String("{OFF"), Qt::CaseSensitive)) {

@@ -53,14 +53,14 @@ private:
 
     MachineConditions &machineConditions(const QString &source, const QString &machine);
     void mapState(const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
-    void mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
-                          const WwState &state);
-    void mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
-                            const WwState &state);
+    void mapOperatingData(
+        const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
+    void mapStateConditions(
+        const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
     void mapIdentification(const QDateTime &timestamp, const QString &machine, const QString &source,
-                           const WwIdentification &identification);
-    void mapEvent(const QDateTime &timestamp, const QString &machine, const QString &source,
-                  const WwBaseEventType &event);
+        const WwIdentification &identification);
+    void mapEvent(
+        const QDateTime &timestamp, const QString &machine, const QString &source, const WwBaseEventType &event);
 
     // Per source, per machine: a condition definition goes out once per source and condition id.
     QHash<QString, QHash<QString, MachineConditions>> m_knownConditions;

@@ -122,7 +122,7 @@ std::optional<WwStateValues> valuesFrom(const QString &description)
 }
 
 WwState makeState(quint32 machineState, quint32 operationMode, const std::optional<WwStateFlags> &flags,
-                  const std::optional<WwStateValues> &values)
+    const std::optional<WwStateValues> &values)
 {
     WwState state;
     state.MachineState = machineState;
@@ -153,8 +153,7 @@ template <typename... Records> bool sameRecordOf(const QVariant &a, const QVaria
 bool sameRecord(const QVariant &a, const QVariant &b)
 {
     return sameRecordOf<StateV1, GeneralV1, NotificationsAddV1, NotificationsRemoveV1, NotificationsRemoveAllV1,
-                        ConditionDefinitionsV2, ConditionDatasV2, MaintenanceDefinitionsV1, MaintenanceDatasV1, SwVerV1,
-                        OrderV1>(a, b);
+        ConditionDefinitionsV2, ConditionDatasV2, MaintenanceDefinitionsV1, MaintenanceDatasV1, SwVerV1, OrderV1>(a, b);
 }
 
 /** Every flag and value of a machine state, in the order in which their conditions are sent. */
@@ -397,7 +396,8 @@ void tst_OpcUaToMMMapper::initTestCase()
     QVERIFY((QMetaType::registerConverter<AnyCarrier, WwBaseEventType>(&AnyCarrier::toEvent)));
     QVERIFY((QMetaType::registerConverter<NameplateOrEventCarrier, WwIdentification>(
         &NameplateOrEventCarrier::toIdentification)));
-    QVERIFY((QMetaType::registerConverter<NameplateOrEventCarrier, WwBaseEventType>(&NameplateOrEventCarrier::toEvent)));
+    QVERIFY(
+        (QMetaType::registerConverter<NameplateOrEventCarrier, WwBaseEventType>(&NameplateOrEventCarrier::toEvent)));
 }
 
 void tst_OpcUaToMMMapper::init()
@@ -584,8 +584,8 @@ void tst_OpcUaToMMMapper::stateRules()
 
     OpcUaToMMMapper mapper;
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(machineState, operationMode, flagsFrom(flags),
-                                                                         std::nullopt)));
+    mapper.processData(s_when, "m1", "s1",
+        QVariant::fromValue(makeState(machineState, operationMode, flagsFrom(flags), std::nullopt)));
     QVERIFY(spy.count() >= 1);
     const QVariant first = spy.first().at(3);
     QCOMPARE(first.typeName(), "StateV1");
@@ -600,7 +600,7 @@ void tst_OpcUaToMMMapper::completenessNeedsEachFlag_data()
 {
     QTest::addColumn<QString>("flag");
     for (const char *flag :
-         { "WaitLoad", "EnergySaving", "Moving", "WaitUnload", "WorkpiecePresent", "FeedRuns", "RecipeInRun" })
+        { "WaitLoad", "EnergySaving", "Moving", "WaitUnload", "WorkpiecePresent", "FeedRuns", "RecipeInRun" })
         QTest::newRow(flag) << QString::fromLatin1(flag);
 }
 
@@ -636,7 +636,8 @@ void tst_OpcUaToMMMapper::stateKeepsTimestampMachineAndSource()
 {
     OpcUaToMMMapper mapper;
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    mapper.processData(s_when, "machine 7", "source 9", QVariant::fromValue(makeState(0, 0, std::nullopt, std::nullopt)));
+    mapper.processData(
+        s_when, "machine 7", "source 9", QVariant::fromValue(makeState(0, 0, std::nullopt, std::nullopt)));
     QCOMPARE(spy.count(), 1);
     QCOMPARE(spy.first(), (QVariantList { s_when, "machine 7", "source 9", spy.first().at(3) }));
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
@@ -687,20 +688,17 @@ void tst_OpcUaToMMMapper::operatingData_data()
                                    << QStringList { feed, pieces, length };
     QTest::newRow("feed sum") << 2u << "AbsoluteProductionTime=3600000 AbsoluteProductionWithoutWorkpieceTime=1800000"
                               << true << 0.0 << 1.5 << 0ull << 0.0 << QStringList { power, pieces, length };
-    QTest::newRow("feed without second addend") << 2u << "AbsoluteProductionTime=3600000" << true << 0.0 << 0.0
-                                                << 0ull << 0.0 << QStringList { power, feed, pieces, length };
-    QTest::newRow("feed without first addend") << 2u << "AbsoluteProductionWithoutWorkpieceTime=3600000" << true
-                                               << 0.0 << 0.0 << 0ull << 0.0
-                                               << QStringList { power, feed, pieces, length };
-    QTest::newRow("feed ignores waiting")
-        << 2u
-        << "AbsoluteProductionTime=3600000 AbsoluteProductionWithoutWorkpieceTime=0 "
-           "AbsoluteProductionWaitWorkpieceTime=3600000"
-        << true << 0.0 << 1.0 << 0ull << 0.0 << QStringList { power, pieces, length };
-    QTest::newRow("feed wraps") << 2u
-                                << QString("AbsoluteProductionTime=%1 AbsoluteProductionWithoutWorkpieceTime=3600001")
-                                       .arg(max)
-                                << true << 0.0 << 1.0 << 0ull << 0.0 << QStringList { power, pieces, length };
+    QTest::newRow("feed without second addend") << 2u << "AbsoluteProductionTime=3600000" << true << 0.0 << 0.0 << 0ull
+                                                << 0.0 << QStringList { power, feed, pieces, length };
+    QTest::newRow("feed without first addend") << 2u << "AbsoluteProductionWithoutWorkpieceTime=3600000" << true << 0.0
+                                               << 0.0 << 0ull << 0.0 << QStringList { power, feed, pieces, length };
+    QTest::newRow("feed ignores waiting") << 2u
+                                          << "AbsoluteProductionTime=3600000 AbsoluteProductionWithoutWorkpieceTime=0 "
+                                             "AbsoluteProductionWaitWorkpieceTime=3600000"
+                                          << true << 0.0 << 1.0 << 0ull << 0.0 << QStringList { power, pieces, length };
+    QTest::newRow("feed wraps")
+        << 2u << QString("AbsoluteProductionTime=%1 AbsoluteProductionWithoutWorkpieceTime=3600001").arg(max) << true
+        << 0.0 << 1.0 << 0ull << 0.0 << QStringList { power, pieces, length };
     QTest::newRow("pieces") << 2u << "AbsolutePiecesOut=12345678901234" << true << 0.0 << 0.0 << 12345678901234ull
                             << 0.0 << QStringList { power, feed, length };
     QTest::newRow("pieces largest") << 2u << QString("AbsolutePiecesOut=%1").arg(max) << true << 0.0 << 0.0
@@ -728,8 +726,8 @@ void tst_OpcUaToMMMapper::operatingData()
 
     OpcUaToMMMapper mapper;
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(machineState, 0, allFlagsFalse(),
-                                                                         valuesFrom(values))));
+    mapper.processData(
+        s_when, "m1", "s1", QVariant::fromValue(makeState(machineState, 0, allFlagsFalse(), valuesFrom(values))));
     QStringList expectedWarnings;
     for (const QString &warning : qAsConst(warnings))
         expectedWarnings.append(quoted(warning));
@@ -798,8 +796,8 @@ QStringList stateIds(const QString &machine, bool flags, bool values)
     return ids;
 }
 
-const QStringList s_plainFlags { "MachineOn", "MachineInitialized", "PowerPresent", "Emergency", "Calibrated",
-                                 "Alarm",     "Warning",            "Error" };
+const QStringList s_plainFlags { "MachineOn", "MachineInitialized", "PowerPresent", "Emergency", "Calibrated", "Alarm",
+    "Warning", "Error" };
 
 } // namespace
 
@@ -901,8 +899,9 @@ void tst_OpcUaToMMMapper::noBlocksNoConditions()
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(2, 0, std::nullopt, std::nullopt)));
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
-    QCOMPARE(mapperWarnings(), (QStringList { quoted("Missing some flags, the state might be incomplete"),
-                                              quoted("Values are not availabe, unable to calculate GeneralV1") }));
+    QCOMPARE(mapperWarnings(),
+        (QStringList { quoted("Missing some flags, the state might be incomplete"),
+            quoted("Values are not availabe, unable to calculate GeneralV1") }));
 }
 
 void tst_OpcUaToMMMapper::absentItemsAreSkipped()
@@ -922,7 +921,8 @@ void tst_OpcUaToMMMapper::absentItemsAreSkipped()
     QStringList expectedIds;
     for (const QString &name : s_plainFlags)
         expectedIds.append("m1/State/Machine/Flags/" + name);
-    expectedIds << "m1/State/Machine/Values/SpindleOverride" << "m1/State/Machine/Values/RelativePiecesOut";
+    expectedIds << "m1/State/Machine/Values/SpindleOverride"
+                << "m1/State/Machine/Values/RelativePiecesOut";
     const auto definitions = qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3));
     QCOMPARE(definitionIds(definitions), expectedIds);
     const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
@@ -965,8 +965,8 @@ void tst_OpcUaToMMMapper::newFlagLaterIsDefinedAlone()
     WwState state = fullState();
     state.Flags->Hold.reset();
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
-    QVERIFY(!definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3)))
-                 .contains("m1/State/Machine/Flags/Hold"));
+    QVERIFY(
+        !definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3))).contains("m1/State/Machine/Flags/Hold"));
     QVERIFY(!dataIds(qvariant_cast<ConditionDatasV2>(spy.at(3).at(3))).contains("m1/State/Machine/Flags/Hold"));
 
     spy.clear();
@@ -1034,8 +1034,8 @@ void tst_OpcUaToMMMapper::knownConditionsPerMachine()
     spy.clear();
     mapper.processData(s_when, "m1", "s1", state);
     mapper.processData(s_when, "m2", "s1", state);
-    QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDatasV2", "StateV1", "GeneralV1",
-                                            "ConditionDatasV2" }));
+    QCOMPARE(typeNames(spy),
+        (QStringList { "StateV1", "GeneralV1", "ConditionDatasV2", "StateV1", "GeneralV1", "ConditionDatasV2" }));
     QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(2).at(3))), stateIds("m1", true, true));
     QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(5).at(3))), stateIds("m2", true, true));
 }
@@ -1147,8 +1147,8 @@ void tst_OpcUaToMMMapper::withdrawalFields()
 {
     OpcUaToMMMapper mapper;
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    mapper.processData(s_when, "machine 1", "source 1",
-                       QVariant::fromValue(makeEvent("{OFF}", "4711", 5, { "Unit1", "Spindle" })));
+    mapper.processData(
+        s_when, "machine 1", "source 1", QVariant::fromValue(makeEvent("{OFF}", "4711", 5, { "Unit1", "Spindle" })));
     QCOMPARE(spy.count(), 1);
     QCOMPARE(spy.first().at(0).toDateTime(), s_when);
     QCOMPARE(spy.first().at(1).toString(), QStringLiteral("machine 1"));
@@ -1163,12 +1163,18 @@ void tst_OpcUaToMMMapper::notificationIdFromPath_data()
     QTest::addColumn<QStringList>("path");
     QTest::addColumn<QString>("id");
     QTest::addColumn<QString>("expected");
-    QTest::newRow("two elements") << QStringList { "Unit1", "Spindle" } << "4711" << "Unit1/Spindle/4711";
-    QTest::newRow("one element") << QStringList { "Unit1" } << "4711" << "Unit1/4711";
-    QTest::newRow("empty path") << QStringList() << "4711" << "/4711";
-    QTest::newRow("empty element") << QStringList { "" } << "4711" << "/4711";
-    QTest::newRow("empty id") << QStringList { "Unit1" } << "" << "Unit1/";
-    QTest::newRow("placeholders stay") << QStringList { "%2", "%1" } << "%1" << "%2/%1/%1";
+    QTest::newRow("two elements") << QStringList { "Unit1", "Spindle" } << "4711"
+                                  << "Unit1/Spindle/4711";
+    QTest::newRow("one element") << QStringList { "Unit1" } << "4711"
+                                 << "Unit1/4711";
+    QTest::newRow("empty path") << QStringList() << "4711"
+                                << "/4711";
+    QTest::newRow("empty element") << QStringList { "" } << "4711"
+                                   << "/4711";
+    QTest::newRow("empty id") << QStringList { "Unit1" } << ""
+                              << "Unit1/";
+    QTest::newRow("placeholders stay") << QStringList { "%2", "%1" } << "%1"
+                                       << "%2/%1/%1";
 }
 
 void tst_OpcUaToMMMapper::notificationIdFromPath()
@@ -1192,7 +1198,7 @@ void tst_OpcUaToMMMapper::notificationText()
 
     // Whichever text the hash yields first, not a preferred language.
     event.Texts = { { "de", "Spindel zu heiss" }, { "en", "Spindle overheated" }, { "fr", "Broche surchauffee" },
-                    { "it", "Mandrino surriscaldato" } };
+        { "it", "Mandrino surriscaldato" } };
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(event));
     QCOMPARE(qvariant_cast<NotificationsAddV1>(spy.last().at(3)).message, event.Texts.constBegin().value());
 
@@ -1212,11 +1218,11 @@ void tst_OpcUaToMMMapper::repeatedEventsRepeat()
     mapper.processData(s_when, "m1", "s1", add);
     mapper.processData(s_when, "m1", "s1", remove);
     mapper.processData(s_when, "m1", "s1", remove);
-    QCOMPARE(typeNames(spy), (QStringList { "NotificationsAddV1", "NotificationsAddV1", "NotificationsRemoveV1",
-                                            "NotificationsRemoveV1" }));
+    QCOMPARE(typeNames(spy),
+        (QStringList { "NotificationsAddV1", "NotificationsAddV1", "NotificationsRemoveV1", "NotificationsRemoveV1" }));
     QCOMPARE(qvariant_cast<NotificationsAddV1>(spy.at(0).at(3)), qvariant_cast<NotificationsAddV1>(spy.at(1).at(3)));
-    QCOMPARE(qvariant_cast<NotificationsRemoveV1>(spy.at(2).at(3)),
-             qvariant_cast<NotificationsRemoveV1>(spy.at(3).at(3)));
+    QCOMPARE(
+        qvariant_cast<NotificationsRemoveV1>(spy.at(2).at(3)), qvariant_cast<NotificationsRemoveV1>(spy.at(3).at(3)));
 }
 
 namespace {
@@ -1262,8 +1268,8 @@ QStringList identificationIds(const QString &machine, const QStringList &fields)
     return ids;
 }
 
-const QStringList s_mandatoryFields { "ProductInstanceUri", "Manufacturer", "Model",
-                                      "DeviceClass",        "SerialNumber", "YearOfConstruction" };
+const QStringList s_mandatoryFields { "ProductInstanceUri", "Manufacturer", "Model", "DeviceClass", "SerialNumber",
+    "YearOfConstruction" };
 
 } // namespace
 
@@ -1362,8 +1368,10 @@ void tst_OpcUaToMMMapper::identificationNewOptionalField()
     QCOMPARE(definitions.items.first().name, QStringLiteral("AssetId"));
     QCOMPARE(definitions.items.first().dataType, 0);
     const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(1).at(3));
-    QCOMPARE(dataIds(datas), identificationIds("m1", { "ProductInstanceUri", "Manufacturer", "Model", "DeviceClass",
-                                                      "SerialNumber", "YearOfConstruction", "AssetId" }));
+    QCOMPARE(dataIds(datas),
+        identificationIds("m1",
+            { "ProductInstanceUri", "Manufacturer", "Model", "DeviceClass", "SerialNumber", "YearOfConstruction",
+                "AssetId" }));
     QCOMPARE(datas.items.last().value, QVariant("A-17"));
 }
 
@@ -1401,9 +1409,10 @@ void tst_OpcUaToMMMapper::identificationValuesAsTheyStand()
     identification.Location = QLatin1String("");
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(identification));
     const auto datas = qvariant_cast<ConditionDatasV2>(spy.at(1).at(3));
-    QCOMPARE(dataIds(datas), identificationIds("m1", { "ProductInstanceUri", "Manufacturer", "Model", "DeviceClass",
-                                                      "SerialNumber", "YearOfConstruction", "MonthOfConstruction",
-                                                      "Location" }));
+    QCOMPARE(dataIds(datas),
+        identificationIds("m1",
+            { "ProductInstanceUri", "Manufacturer", "Model", "DeviceClass", "SerialNumber", "YearOfConstruction",
+                "MonthOfConstruction", "Location" }));
     QCOMPARE(datas.items.at(1).value.userType(), int(QMetaType::QString));
     QVERIFY(datas.items.at(1).value.toString().isEmpty());
     QCOMPARE(datas.items.at(2).value.userType(), int(QMetaType::QString));
@@ -1450,12 +1459,13 @@ void tst_OpcUaToMMMapper::identificationKnownPerSourceAndMachine()
     mapper.processData(s_when, "m1", "s1", identification);
     mapper.processData(s_when, "m1", "s2", identification);
     mapper.processData(s_when, "m2", "s1", identification);
-    QCOMPARE(typeNames(spy), (QStringList { "ConditionDefinitionsV2", "ConditionDatasV2", "ConditionDefinitionsV2",
-                                            "ConditionDatasV2", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(typeNames(spy),
+        (QStringList { "ConditionDefinitionsV2", "ConditionDatasV2", "ConditionDefinitionsV2", "ConditionDatasV2",
+            "ConditionDefinitionsV2", "ConditionDatasV2" }));
     QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(2).at(3))),
-             identificationIds("m1", s_mandatoryFields));
+        identificationIds("m1", s_mandatoryFields));
     QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(4).at(3))),
-             identificationIds("m2", s_mandatoryFields));
+        identificationIds("m2", s_mandatoryFields));
     QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(5).at(3))), identificationIds("m2", s_mandatoryFields));
 
     spy.clear();
@@ -1477,7 +1487,7 @@ void tst_OpcUaToMMMapper::identificationAndStateShareSource()
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(minimalIdentification()));
     QCOMPARE(typeNames(spy), (QStringList { "ConditionDefinitionsV2", "ConditionDatasV2" }));
     QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(spy.at(0).at(3))),
-             identificationIds("m1", s_mandatoryFields));
+        identificationIds("m1", s_mandatoryFields));
     spy.clear();
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(fullState()));
     QCOMPARE(typeNames(spy), (QStringList { "StateV1", "GeneralV1", "ConditionDatasV2" }));
@@ -1487,8 +1497,9 @@ void tst_OpcUaToMMMapper::identificationAndStateShareSource()
     QSignalSpy secondSpy(&second, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     second.processData(s_when, "m1", "s1", QVariant::fromValue(minimalIdentification()));
     second.processData(s_when, "m1", "s1", QVariant::fromValue(fullState()));
-    QCOMPARE(typeNames(secondSpy), (QStringList { "ConditionDefinitionsV2", "ConditionDatasV2", "StateV1",
-                                                  "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2" }));
+    QCOMPARE(typeNames(secondSpy),
+        (QStringList { "ConditionDefinitionsV2", "ConditionDatasV2", "StateV1", "GeneralV1", "ConditionDefinitionsV2",
+            "ConditionDatasV2" }));
     QCOMPARE(definitionIds(qvariant_cast<ConditionDefinitionsV2>(secondSpy.at(4).at(3))), stateIds("m1", true, true));
 }
 

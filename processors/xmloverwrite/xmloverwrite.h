@@ -4,10 +4,17 @@
 #include "iprocessor.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QObject>
+#include <QString>
 #include <QVariant>
 
-/** Replaces maintenance comments from each machine's XML comment file. */
+class QXmlStreamReader;
+
+/**
+ * Replaces the comments of maintenance items with the texts of each machine's XML comment file, named in the
+ * configuration group "xmlOverwrite".
+ */
 class XmlOverwrite : public QObject, public IProcessor
 {
     Q_OBJECT
@@ -15,6 +22,7 @@ class XmlOverwrite : public QObject, public IProcessor
 public:
     explicit XmlOverwrite(QObject *parent = nullptr);
 
+    /** Reads the comment file of every machine in the group "xmlOverwrite"; always succeeds. */
     bool init(const QVariantMap &config, QVariantMap &shared) override;
     QString name() const override;
     unsigned int orderNumber() const override;
@@ -23,7 +31,17 @@ signals:
     void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 public slots:
+    /** Sets the stored comments in maintenance definition lists; passes everything else on unchanged. */
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    using Comments = QHash<QString, QString>;
+
+    void readFile(const QString &machine, const QString &path);
+    static void readComponent(QXmlStreamReader &reader, const QString &id, Comments &comments);
+
+    QHash<QString, Comments> m_comments;
+    const int m_maintenanceDefinitionsType;
 };
 
 #endif

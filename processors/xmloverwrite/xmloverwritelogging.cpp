@@ -1,0 +1,3 @@
+#include "xmloverwritelogging.h"
+
+Q_LOGGING_CATEGORY(lcXmlOverwrite, "xmlOverwrite")

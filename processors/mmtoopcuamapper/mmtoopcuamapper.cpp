@@ -166,6 +166,7 @@ void setRunning(WwStateFlags &flags)
 
 MmToOpcUaMapper::MmToOpcUaMapper(QObject *parent)
     : QObject(parent)
+    , m_offlineTimer(this)
 {
     m_monotonic.start();
     connect(&m_offlineTimer, &QTimer::timeout, this, &MmToOpcUaMapper::markSilentMachinesOffline);
@@ -246,9 +247,12 @@ void MmToOpcUaMapper::publishMachine(const QString &machine, const QVariantMap &
 
     WwIdentification identification;
     for (const TextField &field : MandatoryTextFields) {
-        const QString text = textOf(keys.value(QLatin1String(field.key)));
-        if (text.isEmpty())
+        QString text = textOf(keys.value(QLatin1String(field.key)));
+        if (text.isEmpty()) {
             warnMissing(field.key);
+            // A mandatory field is always there, if only as an empty text.
+            text = QLatin1String("");
+        }
         identification.*field.member = text;
     }
     for (const OptionalTextField &field : OptionalTextFields) {

@@ -44,6 +44,8 @@ struct WwBaseEventType;
  * - Floating-point counters are converted to unsigned 64-bit by truncating towards zero, taking values from 2^63 up
  *   as unsigned; NaN gives 0, values from 2^64 up the largest number, negative ones wrap as a signed number would.
  *   Relative values are unsigned differences, so a counter that goes back wraps around.
+ * - InitialOperationDate tries its five forms in the fixed order. Qt's ISO 8601 reading, which comes first, already
+ *   accepts "yyyy-MM-dd HH:mm:ss:zzz" and drops the milliseconds after the colon; the order is kept all the same.
  * - Configuration values given as a list (an unquoted comma in the INI file) are joined with ", ".
  *
  * The clocks and intervals can be replaced, so that tests need not wait for the real 30 s and 600000 ms.

@@ -542,7 +542,7 @@ void tst_Core::pluginWithoutOwnName()
                            "because it's disabled in the config.\""));
     // No request slot on the plain source: not connected, and not an error.
     QVERIFY(!lines.join('\n').contains("machineRequest to"));
-    QVERIFY(!lines.join('\n').contains("WARNING"));
+    QVERIFY(!lines.join('\n').contains("WARNING core"));
 }
 
 void tst_Core::machineRequestsReachDatasources()

@@ -40,7 +40,7 @@ void tst_Service::datasetFlowsAndLogRotates()
     const QStringList lines = service.logLines();
     QCOMPARE(lines.first(), QStringLiteral("INFO core: \"starting orvix dev as normal process\""));
     QVERIFY(lines.contains("DEBUG dataset: \"Source: src Maschine: m1 Dataset: QString\""));
-    QVERIFY(!lines.join('\n').contains("WARNING"));
+    QVERIFY(!lines.join('\n').contains("WARNING core"));
     QVERIFY(output.contains("     INFO                core \"Using configfile: /etc/orvix/orvix.ini\"\n"));
     QVERIFY(output.contains("     INFO          testtarget \"received m1 src hello\"\n"));
 }

@@ -6,7 +6,7 @@ function(orvix_add_test name)
     target_link_libraries(${name} PRIVATE Qt5::Test Qt5::Core ${ARG_LIBS})
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/common)
     target_compile_definitions(${name} PRIVATE QT_FORCE_ASSERTS
-        ORVIX_TEST_PLUGIN_DIR="${CMAKE_BINARY_DIR}/tests/plugins"
+        ORVIX_TEST_PLUGIN_DIR="${CMAKE_BINARY_DIR}/tests/testplugins"
         ORVIX_PLUGIN_BUILD_DIR="${ORVIX_PLUGIN_BUILD_DIR}"
         ORVIX_BINARY="$<TARGET_FILE:orvix>"
         ORVIX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

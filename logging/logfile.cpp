@@ -29,7 +29,18 @@ void LogFile::configure(const QVariantMap &config)
     const QVariantMap group = config.value(QStringLiteral("logfile")).toMap();
     m_fileName = group.value(QStringLiteral("filename"), m_defaultFileName).toString();
     m_oldCopy = group.value(QStringLiteral("oldcopy"), m_defaultOldCopy).toString();
-    m_maxSize = group.value(QStringLiteral("maxSize"), quint64(52428800)).toULongLong();
+    m_maxSize = DefaultMaxSize;
+    if (group.contains(QStringLiteral("maxSize"))) {
+        // A limit of 0 from a typo would rotate at every message and keep only the last one.
+        bool ok = false;
+        const quint64 maxSize = group.value(QStringLiteral("maxSize")).toULongLong(&ok);
+        if (ok)
+            m_maxSize = maxSize;
+        else
+            qCWarning(lcLogFile) << QStringLiteral("maxSize \"%1\" is not a number, using %2")
+                                        .arg(group.value(QStringLiteral("maxSize")).toString())
+                                        .arg(DefaultMaxSize);
+    }
     openAndRotate();
 }
 

@@ -29,7 +29,9 @@ private:
     QString m_defaultOldCopy;
     QString m_fileName;
     QString m_oldCopy;
-    quint64 m_maxSize = 52428800;
+    static constexpr quint64 DefaultMaxSize = 52428800;
+
+    quint64 m_maxSize = DefaultMaxSize;
     quint64 m_written = 0;
     QFile *m_file = nullptr;
 };

@@ -46,6 +46,7 @@ private slots:
     void warnsWhenDirectoryCannotBeCreated();
     void longMessageRotatesBeforeWriting();
     void manyShortMessagesNeverRotate();
+    void unreadableMaxSizeKeepsDefault();
 
 private:
     QVariantMap config(const QString &oldCopy = QString(), qint64 maxSize = -1) const
@@ -197,6 +198,23 @@ void tst_LogFile::manyShortMessagesNeverRotate()
         file.write(QtInfoMsg, Context("core"), "123456789");
     QCOMPARE(logLines(m_dir->filePath("orvix.log")).size(), 50);
     QVERIFY(!QFile::exists(m_dir->filePath("orvix.lastlog")));
+}
+
+void tst_LogFile::unreadableMaxSizeKeepsDefault()
+{
+    QVariantMap settings = config();
+    QVariantMap group = settings.value("logfile").toMap();
+    group.insert("maxSize", "50MB");
+    settings.insert("logfile", group);
+    s_captured.clear();
+    QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogFile file;
+    file.configure(settings);
+    file.write(QtInfoMsg, Context("core"), "one");
+    file.write(QtInfoMsg, Context("core"), "two");
+    qInstallMessageHandler(previous);
+    QCOMPARE(s_captured, QStringList { "logfile \"maxSize \\\"50MB\\\" is not a number, using 52428800\"" });
+    QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: one", "INFO core: two" }));
 }
 
 QTEST_GUILESS_MAIN(tst_LogFile)

@@ -1,0 +1,10 @@
+# cmake -DOUTPUT=file "-DPARTS=a|b|c" -P concatenate.cmake: writes the parts one after another, a blank line between.
+string(REPLACE "|" ";" parts "${PARTS}")
+set(text "")
+foreach(part IN LISTS parts)
+    if(part)
+        file(READ "${part}" content)
+        string(APPEND text "${content}\n")
+    endif()
+endforeach()
+file(WRITE "${OUTPUT}" "${text}")

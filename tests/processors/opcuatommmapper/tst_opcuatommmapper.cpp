@@ -754,7 +754,7 @@ void tst_OpcUaToMMMapper::operatingData()
 
 namespace {
 
-/** The signal arguments of the emitted dataset of the given type; fails the test when there is not exactly one. */
+/** The one emitted dataset of the given type; an invalid variant when there is not exactly one. */
 QVariant onlyDataset(const QSignalSpy &spy, const char *typeName)
 {
     QVariant found;

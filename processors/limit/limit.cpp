@@ -39,6 +39,18 @@ template <> bool entryChanged(const MaintenanceDataV1 &stored, const Maintenance
     return stored.value2 != item.value2 || stored.value3 != item.value3;
 }
 
+/** A setting as unsigned 32-bit milliseconds; 0 and ok false when it is missing, not a number or out of range. */
+quint32 milliseconds(const QVariant &value, bool *ok)
+{
+    // QVariant::toUInt would cut 4294967296 down to 0 and call that a success.
+    const qulonglong number = value.toULongLong(ok);
+    if (!*ok || number > std::numeric_limits<quint32>::max()) {
+        *ok = false;
+        return 0;
+    }
+    return quint32(number);
+}
+
 } // namespace
 
 /** One list kind of one machine: its entries by id, the ids of the pending ones and the time of the last sending. */
@@ -138,16 +150,12 @@ bool Limit::init(const QVariantMap &config, QVariantMap &)
 {
     const QVariantMap group = config.value(QStringLiteral("limit")).toMap();
     bool ok = false;
-    m_waitTime = group.value(QStringLiteral("waitTime")).toUInt(&ok);
-    if (!ok) {
-        m_waitTime = 0;
+    m_waitTime = milliseconds(group.value(QStringLiteral("waitTime")), &ok);
+    if (!ok)
         qCWarning(lcLimit) << QStringLiteral("Couldn't parse waitTime");
-    }
-    m_keepAliveTime = group.value(QStringLiteral("keepAliveTime")).toUInt(&ok);
-    if (!ok) {
-        m_keepAliveTime = 0;
+    m_keepAliveTime = milliseconds(group.value(QStringLiteral("keepAliveTime")), &ok);
+    if (!ok)
         qCWarning(lcLimit) << QStringLiteral("Couldn't parse keepAliveTime");
-    }
 
     // QTimer takes a signed interval; longer wait times than it holds cannot be meant.
     m_timer->setInterval(int(std::min<quint32>(m_waitTime, std::numeric_limits<int>::max())));

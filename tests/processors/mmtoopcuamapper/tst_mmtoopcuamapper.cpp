@@ -95,6 +95,21 @@ std::optional<WwStateFlags> flagsFrom(const QString &description)
     return flags;
 }
 
+/** The settings that flagsFrom turns back into the same flags block. */
+QString describeFlags(const WwStateFlags &flags)
+{
+    QStringList settings;
+    WwStateFlags::visitFields([&](const char *name, auto member) {
+        const auto &value = flags.*member;
+        if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::optional<bool>>)
+            settings.append(QStringLiteral("%1=%2").arg(
+                QLatin1String(name), value ? QString::number(int(*value)) : QStringLiteral("-")));
+        else
+            settings.append(QStringLiteral("%1=%2").arg(QLatin1String(name)).arg(int(value)));
+    });
+    return settings.join(QLatin1Char(' '));
+}
+
 WwState stateOf(quint32 machineState, quint32 operationMode, const QString &flags)
 {
     WwState state;
@@ -1049,67 +1064,81 @@ void tst_MmToOpcUaMapper::generalKeepsState()
 
 void tst_MmToOpcUaMapper::stateTable_data()
 {
+    QTest::addColumn<qint32>("prior");
     QTest::addColumn<qint32>("code");
     QTest::addColumn<WwState>("expected");
     QTest::addColumn<QStringList>("log");
-    const QStringList none;
-    // Every row starts from the state that code 3 leaves: MachineState 3, OperationMode 4.
-    QTest::newRow("0 undefined") << 0 << stateOf(3, 4, s_afterCode3)
-                                 << QStringList { warning(
-                                        QStringLiteral("StateV1/EvMachineStateUndefined unhandled")) };
-    QTest::newRow("1 offline") << 1 << stateOf(0, 0, QString()) << none;
-    QTest::newRow("2 production") << 2
-                                  << stateOf(3, 1,
-                                         s_running
-                                             + "Error=0 WorkpiecePresent=1 Moving=1 RecipeInRun=1 FeedRuns=1 "
-                                               "EnergySaving=0 RecipeInSetup=1")
-                                  << none;
-    QTest::newRow("3 setup") << 3 << stateOf(3, 4, s_afterCode3) << none;
-    QTest::newRow("4 standby") << 4
-                               << stateOf(3, 5,
-                                      s_running
-                                          + "Error=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 "
-                                            "EnergySaving=1")
-                               << none;
-    QTest::newRow("5 without workpiece") << 5
-                                         << stateOf(2, 1,
-                                                s_running
-                                                    + "Error=0 WorkpiecePresent=0 Moving=0 RecipeInRun=0 "
-                                                      "RecipeInSetup=0 FeedRuns=1 EnergySaving=0")
-                                         << none;
-    QTest::newRow("6 waiting") << 6
-                               << stateOf(4, 4,
-                                      s_running
-                                          + "Error=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 "
-                                            "EnergySaving=0")
-                               << none;
-    QTest::newRow("7 error") << 7
-                             << stateOf(4, 4,
-                                    s_running
-                                        + "Error=1 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 "
-                                          "EnergySaving=0")
-                             << none;
-    QTest::newRow("8 above 7") << 8 << stateOf(3, 4, s_afterCode3) << none;
-    QTest::newRow("1000 above 7") << 1000 << stateOf(3, 4, s_afterCode3) << none;
-    QTest::newRow("-1 below 0") << -1 << stateOf(3, 4, s_afterCode3) << none;
+
+    // The state table, one row per code: MachineState and OperationMode (-1 unchanged) and the flags it sets.
+    struct Row
+    {
+        qint32 code;
+        int machineState;
+        int operationMode;
+        QString flags;
+    };
+    const QString reset = QStringLiteral("reset");
+    const QList<Row> rows {
+        { 0, -1, -1, QString() },
+        { 1, 0, 0, reset },
+        { 2, 3, 1, s_running + "Error=0 WorkpiecePresent=1 Moving=1 RecipeInRun=1 FeedRuns=1 EnergySaving=0" },
+        { 3, 3, 4, s_running + "Error=0 RecipeInRun=1 RecipeInSetup=1 EnergySaving=0" },
+        { 4, 3, 5, s_running + "Error=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 EnergySaving=1" },
+        { 5, 2, 1,
+            s_running + "Error=0 WorkpiecePresent=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=1 EnergySaving=0" },
+        { 6, 4, -1, s_running + "Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0" },
+        { 7, 4, -1, s_running + "Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 Error=1" },
+        { 8, -1, -1, QString() },
+        { 1000, -1, -1, QString() },
+        { -1, -1, -1, QString() },
+    };
+    // The states that codes 3, 4 and 7 leave on a machine without a state, as starting points that differ in every
+    // flag a row sets.
+    const QMap<qint32, WwState> priors {
+        { 3, stateOf(3, 4, s_afterCode3) },
+        { 4, stateOf(3, 5, s_running + "Error=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 EnergySaving=1") },
+        { 7, stateOf(4, 0, s_running + "Error=1 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0") },
+    };
+    for (auto prior = priors.cbegin(); prior != priors.cend(); ++prior) {
+        for (const Row &row : rows) {
+            WwState expected = *prior;
+            if (row.machineState >= 0)
+                expected.MachineState = quint32(row.machineState);
+            if (row.operationMode >= 0)
+                expected.OperationMode = quint32(row.operationMode);
+            if (row.flags == reset)
+                expected.Flags = WwStateFlags();
+            else if (!row.flags.isEmpty())
+                expected.Flags = flagsFrom(QStringLiteral("%1 %2").arg(describeFlags(*prior->Flags), row.flags));
+            QStringList log;
+            if (row.code == 0)
+                log.append(warning(QStringLiteral("StateV1/EvMachineStateUndefined unhandled")));
+            QTest::addRow("%d after %d", row.code, prior.key()) << prior.key() << row.code << expected << log;
+        }
+    }
 }
 
 void tst_MmToOpcUaMapper::stateTable()
 {
+    QFETCH(qint32, prior);
     QFETCH(qint32, code);
     QFETCH(WwState, expected);
     QFETCH(QStringList, log);
     auto mapper = makeMapper();
     announce(*mapper, 0);
-    COMPARE_RECORD(lastState(*mapper, stateCode(3)), stateOf(3, 4, s_afterCode3));
+    lastState(*mapper, stateCode(prior));
     s_log.clear();
     const WwState state = lastState(*mapper, stateCode(code));
-    COMPARE_RECORD(state, expected);
+    // The Values block holds the durations, checked on their own below.
+    QCOMPARE(state.MachineState, expected.MachineState);
+    QCOMPARE(state.OperationMode, expected.OperationMode);
+    COMPARE_RECORD(state.Flags, expected.Flags);
     QCOMPARE(s_log, log);
     // The result is the machine's current state: a GeneralV1 starts from it.
     const WwState next = lastState(*mapper, general(0, 0, 0));
     COMPARE_RECORD(next.Flags, expected.Flags);
     QCOMPARE(next.MachineState, expected.MachineState);
+    QCOMPARE(next.OperationMode, expected.OperationMode);
 }
 
 void tst_MmToOpcUaMapper::stateFromClearedRecord_data()

@@ -178,29 +178,29 @@ unsigned int Limit::orderNumber() const
 
 void Limit::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
 {
-    Machine &state = machineFor(machine);
+    Machine &tables = machineFor(machine);
     const int type = data.userType();
     const auto handlerEntry = m_handlers.constFind(type);
     const Handler *handler = handlerEntry == m_handlers.constEnd() ? nullptr : &handlerEntry.value();
 
-    const auto last = state.lastValues.find(type);
-    if (last != state.lastValues.end() && equal(handler, last.value(), data)) {
+    const auto last = tables.lastValues.find(type);
+    if (last != tables.lastValues.end() && equal(handler, last.value(), data)) {
         if (type != m_stateType)
             return;
         // A repeated state passes once every keep-alive time, so that the targets see the machine is still there.
-        if (state.lastStateTime != NoTime
-            && QDateTime::currentMSecsSinceEpoch() - state.lastStateTime < qint64(m_keepAliveTime))
+        if (tables.lastStateTime != NoTime
+            && QDateTime::currentMSecsSinceEpoch() - tables.lastStateTime < qint64(m_keepAliveTime))
             return;
     }
-    if (last != state.lastValues.end())
+    if (last != tables.lastValues.end())
         last.value() = data;
     else
-        state.lastValues.insert(type, data);
+        tables.lastValues.insert(type, data);
     if (type == m_stateType)
-        state.lastStateTime = QDateTime::currentMSecsSinceEpoch();
+        tables.lastStateTime = QDateTime::currentMSecsSinceEpoch();
 
     if (handler && handler->take) {
-        (this->*handler->take)(state, data);
+        (this->*handler->take)(tables, data);
         return;
     }
     emit dataProcessed(timestamp, machine, source, data);
@@ -215,7 +215,7 @@ void Limit::doConditionDefinitions()
 
 void Limit::doConditionValues()
 {
-    // This one message has never had a comma after %1; it stays as it is known.
+    // Unlike the other three, this message has no comma after %1: log readers match the text as it stands.
     flush<ConditionDatasV2>(&Machine::conditionValues,
         QStringLiteral(
             "Dropping Condition Values since last send was at %1 our current time is %2 and we should wait %3ms."));

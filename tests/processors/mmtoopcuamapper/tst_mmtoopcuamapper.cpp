@@ -2,6 +2,7 @@
 
 #include "core.h"
 #include "mmdatasets.h"
+#include "opcuatommmapper.h"
 #include "testsupport.h"
 #include "wwtypes.h"
 
@@ -293,11 +294,19 @@ private slots:
     void offlineTimeoutRepeats();
     void offlineIgnoresUnseenMachines();
 
+    void roundTripState_data();
+    void roundTripState();
+    void roundTripOperatingData();
+    void roundTripNotification();
+    void roundTripIdentification();
+
 private:
     std::unique_ptr<MmToOpcUaMapper> makeMapper(const QVariantMap &config = QVariantMap());
     QList<QVariant> feed(MmToOpcUaMapper &mapper, const QVariant &data, const QString &machine = QStringLiteral("m1"));
     QList<QVariant> announce(MmToOpcUaMapper &mapper, quint32 mask, const QString &machine = QStringLiteral("m1"));
     WwState lastState(MmToOpcUaMapper &mapper, const QVariant &data, const QString &machine = QStringLiteral("m1"));
+
+    QList<QVariant> roundTrip(MmToOpcUaMapper &mapper, const QVariant &data);
 
     QtMessageHandler m_previous = nullptr;
     qint64 m_now = 0;
@@ -1614,6 +1623,185 @@ void tst_MmToOpcUaMapper::offlineIgnoresUnseenMachines()
     QTest::qWait(60);
     QCOMPARE(spy.count(), 0);
     QVERIFY(s_log.isEmpty());
+}
+
+// Feeds OPC UA data through OpcUaToMMMapper into the mapper and returns what the mapper made of it: the records it
+// emitted after the MM datasets, which it passes on, are left out.
+QList<QVariant> tst_MmToOpcUaMapper::roundTrip(MmToOpcUaMapper &mapper, const QVariant &data)
+{
+    OpcUaToMMMapper forward;
+    QObject::connect(&forward, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)), &mapper,
+        SLOT(processData(QDateTime, QString, QString, QVariant)));
+    QSignalSpy intermediate(&forward, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    forward.processData(s_when, QStringLiteral("m1"), s_source, data);
+    QSet<int> intermediateTypes;
+    for (const QList<QVariant> &arguments : qAsConst(intermediate))
+        intermediateTypes.insert(arguments.at(3).userType());
+    QList<QVariant> made;
+    for (const QList<QVariant> &arguments : qAsConst(spy)) {
+        if (arguments.at(0).toDateTime() != s_when || arguments.at(1).toString() != QLatin1String("m1")
+            || arguments.at(2).toString() != s_source)
+            qWarning("dataset emitted with other time stamp, machine or source");
+        if (!intermediateTypes.contains(arguments.at(3).userType()))
+            made.append(arguments.at(3));
+    }
+    return made;
+}
+
+void tst_MmToOpcUaMapper::roundTripState_data()
+{
+    QTest::addColumn<WwState>("input");
+    QTest::addColumn<WwState>("expected");
+    const QString complete = QStringLiteral("WorkpiecePresent=1 Moving=1 RecipeInRun=1 WaitUnload=0 WaitLoad=0 "
+                                            "EnergySaving=0 FeedRuns=1 ");
+    const QString initial
+        = QStringLiteral("WorkpiecePresent=0 RecipeInRun=0 RecipeInSetup=0 EnergySaving=0 FeedRuns=0 ");
+    const QString production
+        = s_running + initial + "Error=0 WorkpiecePresent=1 Moving=1 RecipeInRun=1 FeedRuns=1 EnergySaving=0";
+    // Codes and flags that survive.
+    QTest::newRow("offline") << stateOf(0, 0, complete) << stateOf(0, 0, QString());
+    QTest::newRow("production") << stateOf(3, 1, s_running + complete) << stateOf(3, 1, production);
+    QTest::newRow("setup") << stateOf(3, 4, s_running + complete)
+                           << stateOf(
+                                  3, 4, s_running + initial + "Error=0 RecipeInRun=1 RecipeInSetup=1 EnergySaving=0");
+    QTest::newRow("error") << stateOf(4, 0, s_running + complete + "Error=1")
+                           << stateOf(4, 0,
+                                  s_running + initial + "Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 Error=1");
+    // Codes that come back changed: the two mappings are not inverses of each other.
+    QTest::newRow("idle becomes standby")
+        << stateOf(1, 0, s_running + complete)
+        << stateOf(
+               3, 5, s_running + initial + "Error=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0 EnergySaving=1");
+    QTest::newRow("setup in state 2") << stateOf(2, 4,
+        s_running
+            + complete) << stateOf(3, 4, s_running + initial + "Error=0 RecipeInRun=1 RecipeInSetup=1 EnergySaving=0");
+    QTest::newRow("waiting for load") << stateOf(3, 1, s_running + complete + "WaitLoad=1")
+                                      << stateOf(4, 0,
+                                             s_running + initial + "Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=0");
+    QTest::newRow("without workpiece")
+        << stateOf(3, 1, s_running + complete + "WorkpiecePresent=0")
+        << stateOf(2, 1,
+               s_running + initial
+                   + "Error=0 WorkpiecePresent=0 Moving=0 RecipeInRun=0 RecipeInSetup=0 FeedRuns=1 EnergySaving=0");
+}
+
+void tst_MmToOpcUaMapper::roundTripState()
+{
+    QFETCH(WwState, input);
+    QFETCH(WwState, expected);
+    QVariantMap machine = fullMachine();
+    machine.insert(QStringLiteral("locale"), QStringLiteral("en"));
+    auto mapper = makeMapper(configWith({ { "m1", machine } }));
+    QVERIFY(roundTrip(*mapper, capabilities(0)).isEmpty());
+    const QList<QVariant> made = roundTrip(*mapper, wrap(input));
+    // Without a Values block: one WwState from the StateV1 and nothing else (conditions are not mapped back).
+    QCOMPARE(made.size(), 1);
+    QCOMPARE(made.first().userType(), qMetaTypeId<WwState>());
+    COMPARE_RECORD(made.first().value<WwState>(), expected);
+    QVERIFY(s_log.isEmpty());
+}
+
+void tst_MmToOpcUaMapper::roundTripOperatingData()
+{
+    auto mapper = makeMapper(configWith({ { "m1", fullMachine() } }));
+    roundTrip(*mapper, capabilities(0));
+    WwState input = stateOf(3, 1,
+        s_running
+            + "WorkpiecePresent=1 Moving=1 RecipeInRun=1 WaitUnload=0 WaitLoad=0 "
+              "EnergySaving=0 FeedRuns=1");
+    WwStateValues values;
+    values.AxisOverride = 100;
+    values.AbsoluteMachineOnTime = 9000000;
+    values.AbsolutePowerPresentTime = 7200000;
+    values.AbsoluteProductionTime = 3600000;
+    values.AbsoluteProductionWithoutWorkpieceTime = 1800000;
+    values.AbsolutePiecesOut = 42;
+    values.AbsoluteLength = 1999;
+    input.Values = values;
+    QList<QVariant> made = roundTrip(*mapper, wrap(input));
+    // The StateV1 and then the GeneralV1 each give the machine's WwState.
+    QCOMPARE(made.size(), 2);
+    WwState state = made.last().value<WwState>();
+    QCOMPARE(state.MachineState, 3u);
+    WwStateValues expected;
+    // The power-present time survives and stands for the machine-on time too; the length survives in whole metres.
+    expected.AbsoluteMachineOnTime = 7200000;
+    expected.RelativeMachineOnTime = 0;
+    expected.AbsolutePowerPresentTime = 7200000;
+    expected.RelativePowerPresentTime = 0;
+    expected.AbsolutePiecesOut = 42;
+    expected.RelativePiecesOut = 0;
+    expected.AbsoluteLength = 1000;
+    expected.RelativeLength = 0;
+    COMPARE_RECORD(*state.Values, expected);
+
+    values.AbsolutePowerPresentTime = 10800000;
+    values.AbsolutePiecesOut = 50;
+    values.AbsoluteLength = 3500;
+    input.Values = values;
+    made = roundTrip(*mapper, wrap(input));
+    state = made.last().value<WwState>();
+    QCOMPARE(*state.Values->RelativePowerPresentTime, quint64(3600000));
+    QCOMPARE(*state.Values->RelativePiecesOut, quint64(8));
+    QCOMPARE(*state.Values->AbsoluteLength, quint64(3000));
+    QCOMPARE(*state.Values->RelativeLength, quint64(2000));
+}
+
+void tst_MmToOpcUaMapper::roundTripNotification()
+{
+    QVariantMap config = configWith({ { "m1", fullMachine() } });
+    config.insert(QStringLiteral("opcuaserver"), QVariantMap { { "enableWwBaseEventPrefix", true } });
+    auto mapper = makeMapper(config);
+    roundTrip(*mapper, capabilities(0));
+    WwBaseEventType raised;
+    raised.Message = QStringLiteral("Door open");
+    raised.Id = QStringLiteral("4711");
+    raised.Category = 3;
+    raised.Texts.insert(QStringLiteral("de"), QStringLiteral("Door open"));
+    raised.Path = QStringList { QStringLiteral("Unit1"), QStringLiteral("Spindle") };
+    const QList<QVariant> made = roundTrip(*mapper, wrap(raised));
+    QCOMPARE(made.size(), 2);
+    const WwBaseEventType event = made.at(0).value<WwBaseEventType>();
+    // Category, text and path survive; the Id is the notification id, which carries the path in front.
+    QCOMPARE(event.Category, raised.Category);
+    QCOMPARE(event.Texts, raised.Texts);
+    QCOMPARE(event.Path, raised.Path);
+    QCOMPARE(event.Message, QStringLiteral("{ON }Door open"));
+    QCOMPARE(event.Id, QStringLiteral("Unit1/Spindle/4711"));
+    QCOMPARE(event.Text5, QStringLiteral("4711"));
+    QVERIFY(made.at(1).value<WwState>().Flags->Warning);
+
+    // A withdrawal names the bare message id, under which no notification is active: nothing comes back.
+    WwBaseEventType withdrawn = raised;
+    withdrawn.Message = QStringLiteral("{OFF}Door open");
+    QVERIFY(roundTrip(*mapper, wrap(withdrawn)).isEmpty());
+    QCOMPARE(s_log,
+        (QStringList { QStringLiteral("DEBUG NotificationsRemoveV1: removing \"4711\""),
+            QStringLiteral("DEBUG NotificationsRemoveV1 for an unknown notification \"4711\"") }));
+
+    // The event the mapper publishes for a removal withdraws the same notification when it is read again.
+    const QList<QVariant> removed = feed(*mapper, removal(QStringLiteral("Unit1/Spindle/4711")));
+    QCOMPARE(removed.size(), 3);
+    OpcUaToMMMapper forward;
+    QSignalSpy spy(&forward, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    forward.processData(s_when, QStringLiteral("m1"), s_source, removed.at(1));
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(spy.first().at(3).value<NotificationsRemoveV1>().id, QStringLiteral("Unit1/Spindle/4711"));
+}
+
+void tst_MmToOpcUaMapper::roundTripIdentification()
+{
+    auto mapper = makeMapper(configWith({ { "m1", fullMachine() } }));
+    roundTrip(*mapper, capabilities(1));
+    WwIdentification own;
+    own.Manufacturer = QStringLiteral("Machine's own");
+    own.DeviceClass = QStringLiteral("Press");
+    // The nameplate reaches the mapper only as conditions, which it does not map back.
+    QVERIFY(roundTrip(*mapper, wrap(own)).isEmpty());
+    SwVerV1 version;
+    version.version = QStringLiteral("1");
+    QCOMPARE(feed(*mapper, wrap(version)).at(1).value<WwIdentification>().Manufacturer, QStringLiteral("Acme"));
 }
 
 QTEST_GUILESS_MAIN(tst_MmToOpcUaMapper)

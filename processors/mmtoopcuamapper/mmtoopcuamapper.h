@@ -25,10 +25,12 @@ struct WwBaseEventType;
  * unchanged first. Core does not place it in the service's own chain.
  *
  * Choices made where the mapping leaves room:
- * - An event's Id is the notification id, its Path the parts of that id before its last "/" (empty parts kept; an id
- *   with nothing before its last "/", or without one, gives an empty Path). OpcUaToMMMapper forms a notification id as
- * the source path joined with "/", then "/" and the machine's message id, so the Path it received comes back unchanged.
- * The three further strings carry the notification's messageCode, text7 and text8, in this order.
+ * - An event's Id is the notification id, its Path the parts of that id before its last "/" (empty parts kept; an
+ *   id with nothing before its last "/", or without one, gives an empty Path). OpcUaToMMMapper forms a notification
+ *   id from the source path joined with "/", then "/" and the machine's message id, so the Path it received comes
+ *   back unchanged. The three further strings carry the notification's messageCode, text7 and text8, in this order.
+ *   Removals are looked up by the id exactly as given; a withdrawal that names only the bare message id therefore
+ *   finds no notification raised under the full id.
  * - Warning and Alarm are cleared again once no active notification of level 2 or level 3 respectively remains
  *   (after a removal or a remove-all), so that an operator does not see a warning that the machine has withdrawn.
  *   They are only cleared, never raised, by a removal, and not at all for a machine that supplies its own WwState.

@@ -5,6 +5,7 @@ packages=(
     build-essential cmake ninja-build pkg-config
     qtbase5-dev qtbase5-dev-tools
     libbenchmark-dev
+    libmosquitto-dev mosquitto openssl
     util-linux mount
 )
 missing=()

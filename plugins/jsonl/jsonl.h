@@ -1,0 +1,51 @@
+#ifndef ORVIX_JSONL_H
+#define ORVIX_JSONL_H
+
+#include "itarget.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+
+/**
+ * A target that writes every dataset it receives as one line of JSON (the codec's form) to a file or to standard
+ * output, each line written at once so that nothing is lost when the process is killed.
+ */
+class Jsonl : public QObject, public ITarget
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID "ITarget" FILE "jsonl.json")
+    Q_INTERFACES(ITarget)
+public:
+    /** One key of the group jsonl: its name, its default as written in the INI file, and what it means. */
+    struct Setting
+    {
+        const char *key;
+        const char *defaultValue;
+        const char *meaning;
+    };
+
+    /** Every key the target reads, in the order its sample.ini documents them. */
+    static const QVector<Setting> &settings();
+
+    explicit Jsonl(QObject *parent = nullptr);
+
+    /** Opens the file of the key file for appending (its folder made when missing), or standard output. */
+    bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "jsonl". */
+    QString name() const override;
+
+public slots:
+    /** Writes the dataset as one line with a single write. */
+    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    QFile m_file;
+    QString m_target;
+    bool m_failing = false;
+};
+
+#endif

@@ -84,6 +84,8 @@ Replay::Replay(QObject *parent)
     : QObject(parent)
 {
     m_timer.setSingleShot(true);
+    // The pauses of a recording are replayed as they were, not within a coarse timer's five percent.
+    m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &Replay::sendPending);
 }
 

@@ -144,7 +144,8 @@ void tst_Jsonl::sampleIniDocumentsEverySetting()
     QStringList expected { "[jsonl]" };
     for (const Jsonl::Setting &setting : Jsonl::settings()) {
         expected << QStringLiteral("; %1").arg(QString::fromUtf8(setting.meaning))
-                 << QStringLiteral("%1=%2").arg(QString::fromLatin1(setting.key), QString::fromUtf8(setting.defaultValue));
+                 << QStringLiteral("%1=%2").arg(
+                        QString::fromLatin1(setting.key), QString::fromUtf8(setting.defaultValue));
     }
     QCOMPARE(QString::fromUtf8(readFile(path)).split('\n', Qt::SkipEmptyParts), expected);
 
@@ -193,7 +194,7 @@ void tst_Jsonl::appendsToAnExistingFile()
     QVERIFY(target.init(config(path), shared));
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
     QCOMPARE(readFile(path),
-             "earlier line\n" + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(2))) + '\n');
+        "earlier line\n" + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(2))) + '\n');
 }
 
 void tst_Jsonl::createsAMissingFolder()
@@ -238,8 +239,8 @@ void tst_Jsonl::standardOutput()
     }
     QCOMPARE(s_log, QStringList { info("Writing datasets to standard output") });
     QCOMPARE(readFile(path),
-             DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(5))) + '\n'
-                 + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(6))) + '\n');
+        DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(5))) + '\n'
+            + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(6))) + '\n');
 }
 
 void tst_Jsonl::unwritableFile()
@@ -260,8 +261,9 @@ void tst_Jsonl::folderCannotBeMade()
     Jsonl target;
     QVariantMap shared;
     QVERIFY(!target.init(config(path), shared));
-    QCOMPARE(s_log, QStringList { warning(QStringLiteral("Can't open %1 for writing: can't create the folder %2")
-                                              .arg(path, m_dir.filePath("plain/sub"))) });
+    QCOMPARE(s_log,
+        QStringList { warning(QStringLiteral("Can't open %1 for writing: can't create the folder %2")
+                                  .arg(path, m_dir.filePath("plain/sub"))) });
 }
 
 void tst_Jsonl::writeFailureWarnsOnce()

@@ -15,15 +15,23 @@ DatasetTape::DatasetTape(int machines, int updates, const QString &source)
 
     m_first.resize(machines);
     m_updates.resize(machines);
+    m_steady.resize(machines);
     for (int machine = 0; machine < machines; ++machine) {
         m_recording = &m_first[machine];
         fleet.send(feed, machine, false);
         m_updates[machine].resize(updates);
+        m_steady[machine].resize(updates);
     }
     for (int update = 0; update < updates; ++update) {
         for (int machine = 0; machine < machines; ++machine) {
             m_recording = &m_updates[machine][update];
             fleet.send(feed, machine, true);
+        }
+    }
+    for (int update = 0; update < updates; ++update) {
+        for (int machine = 0; machine < machines; ++machine) {
+            m_recording = &m_steady[machine][update];
+            fleet.send(feed, machine, false);
         }
     }
     m_recording = nullptr;

@@ -24,7 +24,10 @@ public:
     };
     using Datasets = QVector<Dataset>;
 
-    /** Records each machine's first update, with its condition definitions, then the given changing updates. */
+    /**
+     * Records each machine's first update, with its condition definitions, then the given number of changing updates
+     * and as many steady ones.
+     */
     DatasetTape(int machines, int updates, const QString &source);
 
     int machines() const { return m_first.size(); }
@@ -34,6 +37,8 @@ public:
     const Datasets &first(int machine) const { return m_first.at(machine); }
     /** What the mapper made of one of a machine's changing updates. */
     const Datasets &update(int machine, int update) const { return m_updates.at(machine).at(update); }
+    /** What the mapper made of one of a machine's steady updates, which follow the changing ones. */
+    const Datasets &steady(int machine, int update) const { return m_steady.at(machine).at(update); }
 
     /** The datasets per changing update, on average. */
     double datasetsPerUpdate() const;
@@ -44,6 +49,7 @@ public slots:
 private:
     QVector<Datasets> m_first;
     QVector<QVector<Datasets>> m_updates;
+    QVector<QVector<Datasets>> m_steady;
     Datasets *m_recording = nullptr;
 };
 

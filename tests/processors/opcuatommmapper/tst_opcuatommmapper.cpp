@@ -487,8 +487,14 @@ void tst_OpcUaToMMMapper::otherDatasetsPassUnchanged_data()
     SwVerV1 version;
     version.version = "1.2";
     QTest::newRow("SwVerV1") << QVariant::fromValue(version);
+    // Numbers without a default stay uninitialised, so set them all: garbage need not equal itself (NaN).
     OrderV1 order;
     order.programName = "p";
+    order.number4 = 4;
+    order.flag5 = true;
+    order.number6 = 6;
+    order.number7 = 7;
+    order.number11 = 11;
     QTest::newRow("OrderV1") << QVariant::fromValue(order);
     QTest::newRow("int") << QVariant(42);
     QTest::newRow("string") << QVariant(QStringLiteral("WwState"));

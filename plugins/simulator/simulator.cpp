@@ -161,10 +161,10 @@ QString settingDefault(const char *key)
     return settingText(QVariantMap(), key);
 }
 
-void warnInvalid(const QString &text, const char *key)
+void warnInvalid(const QString &text, const char *key, const QString &instead)
 {
-    qCWarning(lcSimulator) << QStringLiteral("Value %1 of %2 is not valid, using %3")
-                                  .arg(text, QString::fromLatin1(key), settingDefault(key));
+    qCWarning(lcSimulator)
+        << QStringLiteral("Value %1 of %2 is not valid, using %3").arg(text, QString::fromLatin1(key), instead);
 }
 
 int settingNumber(const QVariantMap &group, const char *key, int low, int high)
@@ -174,7 +174,7 @@ int settingNumber(const QVariantMap &group, const char *key, int low, int high)
     const int value = text.toInt(&ok);
     if (ok && value >= low && value <= high)
         return value;
-    warnInvalid(text, key);
+    warnInvalid(text, key, settingDefault(key));
     return settingDefault(key).toInt();
 }
 
@@ -585,7 +585,7 @@ bool Simulator::init(const QVariantMap &config, QVariantMap &)
     if (!seedText.isEmpty()) {
         m_seed = seedText.toULongLong(&seeded);
         if (!seeded)
-            warnInvalid(seedText, "seed");
+            warnInvalid(seedText, "seed", QStringLiteral("a new one"));
     }
     if (!seeded)
         m_seed = QRandomGenerator::global()->generate64();
@@ -630,8 +630,9 @@ void Simulator::tick()
             emit dataReceived(now, machine->name, Source, QVariant::fromValue(machine->identification));
             machine->identificationDue = false;
         }
-        emit dataReceived(now, machine->name, Source, QVariant::fromValue(machine->state()));
+        // Events first: the state that follows them shows their alarm and warning flags already.
         for (const WwBaseEventType &record : qAsConst(events))
             emit dataReceived(now, machine->name, Source, QVariant::fromValue(record));
+        emit dataReceived(now, machine->name, Source, QVariant::fromValue(machine->state()));
     }
 }

@@ -10,6 +10,7 @@
 #include "machinefleet.h"
 #include "maintenancedefinitionsv1.h"
 #include "opcuatommmapper.h"
+#include "processmemory.h"
 #include "tapereplay.h"
 #include "threadcputimer.h"
 #include "unitoverwrite.h"
@@ -23,6 +24,7 @@
 #include <benchmark/benchmark.h>
 
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -91,60 +93,111 @@ void setUpdateCounters(benchmark::State &state, qint64 nanoseconds, double datas
     state.counters["warnings"] = BenchLogging::warnings() - warningsBefore;
 }
 
-/** A processor behind the mapper, fed the tape's updates of the given number of machines. */
-template <typename Processor>
-void runOnTape(benchmark::State &state, Alone<Processor> &alone, int machines, bool steady)
+// The rig of the benchmark that runs now, kept between the runs Google Benchmark makes of it, so that the setup of
+// 10000 machines is paid once per benchmark and not once per run.
+std::shared_ptr<void> s_kept;
+std::string s_keptKey;
+
+template <typename Rig, typename Make> Rig &keep(const std::string &key, Make make)
 {
-    TapeReplay replay(tape(), machines, steady);
-    replay.warmUp(alone.source);
+    if (!s_kept || s_keptKey != key) {
+        s_kept.reset();
+        s_kept = std::shared_ptr<Rig>(make());
+        s_keptKey = key;
+    }
+    return *static_cast<Rig *>(s_kept.get());
+}
+
+/** A processor behind the mapper with the tape's updates of its machines; every machine seen and changed once. */
+template <typename Processor> struct TapeRig
+{
+    Alone<Processor> alone;
+    TapeReplay replay;
+
+    TapeRig(const QVariantMap &config, int machines, bool steady)
+        : alone(config)
+        , replay(tape(), machines, steady)
+    {
+        replay.warmUp(alone.source);
+    }
+};
+
+template <typename Processor>
+void runOnTape(benchmark::State &state, const char *name, bool steady, const QVariantMap &config = {})
+{
+    const int machines = int(state.range(0));
+    const std::string key = std::string(name) + (steady ? "/steady/" : "/changing/") + std::to_string(machines);
+    TapeRig<Processor> &rig = keep<TapeRig<Processor>>(
+        key, [&] { return std::make_unique<TapeRig<Processor>>(config, machines, steady); });
     const int warningsBefore = BenchLogging::warnings();
-    const quint64 sinkBefore = alone.sink.count();
+    const quint64 sinkBefore = rig.alone.sink.count();
     const ThreadCpuTimer timer;
     for (auto _ : state)
-        replay.sendNext(alone.source);
-    setUpdateCounters(state, timer.elapsedNanoseconds(), tape().datasetsPerUpdate(), alone.sink.count() - sinkBefore,
-        warningsBefore);
+        rig.replay.sendNext(rig.alone.source);
+    setUpdateCounters(state, timer.elapsedNanoseconds(), tape().datasetsPerUpdate(),
+        rig.alone.sink.count() - sinkBefore, warningsBefore);
 }
+
+/** The heap a processor keeps per machine once every machine has been seen and has changed once. */
+template <typename Processor> void measureTapeMemory(benchmark::State &state, Alone<Processor> &alone)
+{
+    const int machines = int(state.range(0));
+    TapeReplay replay(tape(), machines, false);
+    for (auto _ : state) {
+        const qint64 before = ProcessMemory::heapBytes();
+        replay.warmUp(alone.source);
+        state.counters["heap_bytes_per_machine"] = double(ProcessMemory::heapBytes() - before) / machines;
+    }
+}
+
+/** The mapper with its machines, every machine seen and changed once. */
+struct MapperRig
+{
+    Alone<OpcUaToMMMapper> alone;
+    MachineFleet fleet;
+    int next = 0;
+
+    explicit MapperRig(int machines)
+        : fleet(machines, SourceName)
+    {
+        for (int machine = 0; machine < machines; ++machine)
+            fleet.send(alone.source, machine, false);
+        for (int machine = 0; machine < machines; ++machine)
+            fleet.send(alone.source, machine, true);
+    }
+};
 
 void BM_OpcUaToMMMapper(benchmark::State &state, bool steady)
 {
     const int machines = int(state.range(0));
-    Alone<OpcUaToMMMapper> alone;
-    MachineFleet fleet(machines, SourceName);
-    for (int machine = 0; machine < machines; ++machine)
-        fleet.send(alone.source, machine, false);
-    for (int machine = 0; machine < machines; ++machine)
-        fleet.send(alone.source, machine, true);
+    MapperRig &rig = keep<MapperRig>(std::string("mapper") + (steady ? "/steady/" : "/changing/")
+            + std::to_string(machines),
+        [&] { return std::make_unique<MapperRig>(machines); });
     const int warningsBefore = BenchLogging::warnings();
-    const quint64 sinkBefore = alone.sink.count();
-    int next = 0;
+    const quint64 sinkBefore = rig.alone.sink.count();
     const ThreadCpuTimer timer;
     for (auto _ : state) {
-        fleet.send(alone.source, next, !steady);
-        if (++next == machines)
-            next = 0;
+        rig.fleet.send(rig.alone.source, rig.next, !steady);
+        if (++rig.next == machines)
+            rig.next = 0;
     }
-    // The mapper's output is counted per update here; its input is one dataset per update.
-    setUpdateCounters(state, timer.elapsedNanoseconds(), 1.0, alone.sink.count() - sinkBefore, warningsBefore);
+    // The mapper's input is one dataset per update.
+    setUpdateCounters(state, timer.elapsedNanoseconds(), 1.0, rig.alone.sink.count() - sinkBefore, warningsBefore);
 }
 
 void BM_UnitOverwrite(benchmark::State &state, bool steady)
 {
-    Alone<UnitOverwrite> alone;
-    runOnTape(state, alone, int(state.range(0)), steady);
+    runOnTape<UnitOverwrite>(state, "unitoverwrite", steady);
 }
 
 void BM_UnitOverwriteRescale(benchmark::State &state, bool steady)
 {
-    const int machines = int(state.range(0));
-    Alone<UnitOverwrite> alone(rescaleConfig(machines));
-    runOnTape(state, alone, machines, steady);
+    runOnTape<UnitOverwrite>(state, "unitoverwrite-rescale", steady, rescaleConfig(int(state.range(0))));
 }
 
 void BM_XmlOverwrite(benchmark::State &state, bool steady)
 {
-    Alone<XmlOverwrite> alone;
-    runOnTape(state, alone, int(state.range(0)), steady);
+    runOnTape<XmlOverwrite>(state, "xmloverwrite", steady);
 }
 
 void BM_XmlOverwriteComments(benchmark::State &state)
@@ -189,24 +242,72 @@ void BM_XmlOverwriteComments(benchmark::State &state)
 
 void BM_Validator(benchmark::State &state, bool steady)
 {
-    Alone<Validator> alone;
-    runOnTape(state, alone, int(state.range(0)), steady);
+    runOnTape<Validator>(state, "validator", steady);
 }
 
 void BM_Limit(benchmark::State &state, bool steady)
 {
-    Alone<Limit> alone(limitConfig());
-    runOnTape(state, alone, int(state.range(0)), steady);
+    runOnTape<Limit>(state, "limit", steady, limitConfig());
 }
 
 void BM_DatasetLog(benchmark::State &state, bool steady)
 {
+    runOnTape<DatasetLog>(state, "datasetlog", steady);
+}
+
+void BM_MemoryOpcUaToMMMapper(benchmark::State &state)
+{
+    const int machines = int(state.range(0));
+    Alone<OpcUaToMMMapper> alone;
+    MachineFleet fleet(machines, SourceName);
+    for (auto _ : state) {
+        const qint64 before = ProcessMemory::heapBytes();
+        for (int machine = 0; machine < machines; ++machine)
+            fleet.send(alone.source, machine, false);
+        for (int machine = 0; machine < machines; ++machine)
+            fleet.send(alone.source, machine, true);
+        state.counters["heap_bytes_per_machine"] = double(ProcessMemory::heapBytes() - before) / machines;
+    }
+}
+
+void BM_MemoryUnitOverwrite(benchmark::State &state)
+{
+    Alone<UnitOverwrite> alone;
+    measureTapeMemory(state, alone);
+}
+
+void BM_MemoryXmlOverwrite(benchmark::State &state)
+{
+    Alone<XmlOverwrite> alone;
+    measureTapeMemory(state, alone);
+}
+
+void BM_MemoryValidator(benchmark::State &state)
+{
+    Alone<Validator> alone;
+    measureTapeMemory(state, alone);
+}
+
+void BM_MemoryLimit(benchmark::State &state)
+{
+    Alone<Limit> alone(limitConfig());
+    measureTapeMemory(state, alone);
+}
+
+void BM_MemoryDatasetLog(benchmark::State &state)
+{
     Alone<DatasetLog> alone;
-    runOnTape(state, alone, int(state.range(0)), steady);
+    measureTapeMemory(state, alone);
 }
 
 } // namespace
 
+BENCHMARK(BM_MemoryOpcUaToMMMapper)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryUnitOverwrite)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryXmlOverwrite)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryValidator)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryLimit)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryDatasetLog)->ArgName("machines")->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_OpcUaToMMMapper, changing, false)->ArgName("machines")->Arg(1)->Arg(100)->Arg(10000);
 BENCHMARK_CAPTURE(BM_OpcUaToMMMapper, steady, true)->ArgName("machines")->Arg(1)->Arg(100)->Arg(10000);
 BENCHMARK_CAPTURE(BM_UnitOverwrite, changing, false)->ArgName("machines")->Arg(100);
@@ -232,6 +333,7 @@ int main(int argc, char **argv)
     BenchLogging::silence();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    s_kept.reset();
     s_tape.reset();
     return 0;
 }

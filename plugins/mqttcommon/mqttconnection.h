@@ -1,0 +1,152 @@
+#ifndef ORVIX_MQTTCONNECTION_H
+#define ORVIX_MQTTCONNECTION_H
+
+#include <QByteArray>
+#include <QHash>
+#include <QLoggingCategory>
+#include <QObject>
+#include <QPointer>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+#include <QVector>
+
+class QSocketNotifier;
+struct mosquitto;
+struct mosquitto_message;
+struct mqtt5__property;
+
+/**
+ * One MQTT 5 connection to a broker through libmosquitto, driven by the Qt event loop: socket notifiers for its
+ * reads and writes, a timer for its keep-alive. It reconnects on its own with a growing, jittered back-off and logs
+ * into the category of the plugin that owns it. Every connection starts a clean session; what must survive a lost
+ * connection is the owner's business.
+ */
+class MqttConnection : public QObject
+{
+    Q_OBJECT
+public:
+    /** What a connection needs to know about the broker. */
+    struct Options
+    {
+        QString host = QStringLiteral("localhost");
+        int port = 1883;
+        QString clientId;
+        QString username;
+        QString password;
+        bool tls = false;
+        QString caFile;
+        QString certFile;
+        QString keyFile;
+        int keepAlive = 30;
+    };
+
+    /** What became of a publish call. */
+    enum class Publish {
+        Sent, ///< handed to the library; published() follows
+        NotConnected, ///< no connection to the broker at the moment
+        Unusable ///< the broker will never take this message (topic or size); error says why
+    };
+
+    explicit MqttConnection(const QLoggingCategory &category, QObject *parent = nullptr);
+    ~MqttConnection() override;
+
+    /** Checks the options against the library without connecting; false with a sentence in error when they can't work. */
+    static bool check(const Options &options, QString *error);
+
+    /** Milliseconds before the next attempt after failures failed ones: doubling from initialMs up to maximumMs, with jitter. */
+    static int reconnectDelay(int failures, int initialMs, int maximumMs);
+
+    /** Whether topic can be published to, or as a filter subscribed to; false with the library's reason in error. */
+    static bool checkTopic(const QByteArray &topic, bool filter, QString *error);
+
+    /** The text of an MQTT 5 reason code, as the broker's reason for a refusal. */
+    static QString reasonString(int reasonCode);
+
+    void setOptions(const Options &options);
+    /** Sets the reconnect back-off (1000 ms to 60000 ms unless set); takes effect at the next failure. */
+    void setReconnectDelays(int initialMs, int maximumMs);
+    /** A topic that holds "online" (retained) while connected: the last will says "offline", and so does close(). */
+    void setStatusTopic(const QByteArray &topic);
+    /** Topic filters subscribed at qos after every connect. */
+    void setSubscriptions(const QStringList &filters, int qos);
+
+    /** Starts the first attempt; from then on the connection keeps itself up until close() or destruction. */
+    void open();
+    /** Says "offline" on the status topic, disconnects cleanly and stops reconnecting; emits nothing. */
+    void close();
+
+    bool isConnected() const { return m_connected; }
+    /** "host:port", the name of the broker in log lines. */
+    QString address() const;
+
+    /**
+     * Publishes a message. When the library confirms the message during this very call (QoS 0 is confirmed as soon
+     * as it is written), confirmed is set and published() is not emitted for it.
+     */
+    Publish publish(const QByteArray &topic, const QByteArray &payload, int qos, bool retain, int *mid,
+        bool *confirmed, QString *error);
+
+signals:
+    /** The broker accepted the connection (and the subscriptions were sent). */
+    void connected();
+    /** An established connection ended; an attempt that never connected does not emit this. */
+    void disconnected();
+    /** The message mid was written (QoS 0) or acknowledged (QoS 1) with the broker's reason code (0x80 and up: refused). */
+    void published(int mid, int reasonCode);
+    /** A message arrived on a subscribed topic. */
+    void messageReceived(const QByteArray &topic, const QByteArray &payload);
+
+private:
+    static void onConnect(mosquitto *mosq, void *self, int reasonCode, int flags, const mqtt5__property *properties);
+    static void onDisconnect(mosquitto *mosq, void *self, int reasonCode, const mqtt5__property *properties);
+    static void onPublish(mosquitto *mosq, void *self, int mid, int reasonCode, const mqtt5__property *properties);
+    static void onSubscribe(mosquitto *mosq, void *self, int mid, int count, const int *granted,
+        const mqtt5__property *properties);
+    static void onMessage(mosquitto *mosq, void *self, const mosquitto_message *message,
+        const mqtt5__property *properties);
+    static void onLog(mosquitto *mosq, void *self, int level, const char *text);
+
+    void attempt();
+    static mosquitto *create(
+        const Options &options, const QByteArray &statusTopic, MqttConnection *owner, QString *error);
+    void afterLoop(int rc);
+    void updateWriteNotifier();
+    void drop(const QString &reason);
+    void teardown();
+    void scheduleAttempt();
+    QString reasonText(int rc, int savedErrno) const;
+
+    const QLoggingCategory &m_category;
+    Options m_options;
+    QByteArray m_statusTopic;
+    QStringList m_subscriptions;
+    int m_subscriptionQos = 1;
+    int m_initialDelay = 1000;
+    int m_maximumDelay = 60000;
+
+    mosquitto *m_mosq = nullptr;
+    QPointer<QSocketNotifier> m_readNotifier;
+    QPointer<QSocketNotifier> m_writeNotifier;
+    QTimer m_miscTimer;
+    QTimer m_handshakeTimer;
+    QTimer m_retryTimer;
+    bool m_open = false;
+    bool m_connected = false;
+    bool m_reportedUnreachable = false;
+    int m_attempts = 0;
+    int m_failures = 0;
+
+    // Filled by the callbacks, read once the library call has returned.
+    bool m_lost = false;
+    int m_lostReason = 0;
+    QString m_refusal;
+    QString m_libraryError;
+    bool m_inPublish = false;
+    QVector<int> m_confirmedInPublish;
+    QSet<int> m_ownMids;
+    QHash<int, QStringList> m_pendingSubscriptions;
+};
+
+#endif

@@ -1,0 +1,92 @@
+#include "mqttsettings.h"
+
+MqttSettings::MqttSettings(const QVariantMap &group, const QVector<Key> &keys)
+    : m_group(group)
+    , m_keys(keys)
+{
+}
+
+QString MqttSettings::text(const char *key) const
+{
+    const QString name = QString::fromLatin1(key);
+    if (!m_group.contains(name)) {
+        for (const Key &entry : m_keys) {
+            if (qstrcmp(entry.key, key) == 0)
+                return QString::fromUtf8(entry.defaultValue);
+        }
+        return QString();
+    }
+    const QVariant value = m_group.value(name);
+    // QSettings reads an unquoted value with a comma as a list.
+    if (value.userType() == QMetaType::QStringList)
+        return value.toStringList().join(QLatin1Char(','));
+    return value.toString();
+}
+
+QStringList MqttSettings::list(const char *key) const
+{
+    QStringList entries;
+    const QStringList parts = text(key).split(QLatin1Char(','));
+    for (const QString &part : parts) {
+        const QString entry = part.trimmed();
+        if (!entry.isEmpty())
+            entries.append(entry);
+    }
+    return entries;
+}
+
+bool MqttSettings::integer(const char *key, qint64 minimum, qint64 maximum, qint64 *value, QString *error) const
+{
+    const QString raw = text(key).trimmed();
+    bool ok = false;
+    const qint64 number = raw.toLongLong(&ok);
+    if (!ok || number < minimum || number > maximum) {
+        *error = QStringLiteral("%1 must be a whole number from %2 to %3, not \"%4\"")
+                     .arg(QString::fromLatin1(key))
+                     .arg(minimum)
+                     .arg(maximum)
+                     .arg(raw);
+        return false;
+    }
+    *value = number;
+    return true;
+}
+
+bool MqttSettings::flag(const char *key, bool *value, QString *error) const
+{
+    const QString raw = text(key).trimmed().toLower();
+    if (raw == QLatin1String("true") || raw == QLatin1String("yes") || raw == QLatin1String("on")
+        || raw == QLatin1String("1")) {
+        *value = true;
+        return true;
+    }
+    if (raw == QLatin1String("false") || raw == QLatin1String("no") || raw == QLatin1String("off")
+        || raw == QLatin1String("0") || raw.isEmpty()) {
+        *value = false;
+        return true;
+    }
+    *error = QStringLiteral("%1 must be true or false, not \"%2\"").arg(QString::fromLatin1(key), text(key));
+    return false;
+}
+
+bool MqttSettings::connectionOptions(
+    const QString &defaultClientId, MqttConnection::Options *options, QString *error) const
+{
+    qint64 port = 0;
+    qint64 keepAlive = 0;
+    if (!integer("port", 1, 65535, &port, error) || !integer("keepAlive", 0, 65535, &keepAlive, error)
+        || !flag("tls", &options->tls, error))
+        return false;
+    options->host = text("host").trimmed();
+    options->port = int(port);
+    options->keepAlive = int(keepAlive);
+    options->clientId = text("clientId").trimmed();
+    if (options->clientId.isEmpty())
+        options->clientId = defaultClientId;
+    options->username = text("username");
+    options->password = text("password");
+    options->caFile = text("caFile").trimmed();
+    options->certFile = text("certFile").trimmed();
+    options->keyFile = text("keyFile").trimmed();
+    return MqttConnection::check(*options, error);
+}

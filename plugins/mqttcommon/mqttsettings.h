@@ -1,0 +1,45 @@
+#ifndef ORVIX_MQTTSETTINGS_H
+#define ORVIX_MQTTSETTINGS_H
+
+#include "mqttconnection.h"
+
+#include <QString>
+#include <QStringList>
+#include <QVariantMap>
+#include <QVector>
+
+/**
+ * The INI group of an MQTT plugin read through the plugin's table of keys: a missing key takes the table's default,
+ * and each reader names the key and the value it could not use.
+ */
+class MqttSettings
+{
+public:
+    /** One key of the group: its name, its default as written in the INI file, and what it means. */
+    struct Key
+    {
+        const char *key;
+        const char *defaultValue;
+        const char *meaning;
+    };
+
+    MqttSettings(const QVariantMap &group, const QVector<Key> &keys);
+
+    /** The value as text (a list that QSettings split at commas joined again), or the default. */
+    QString text(const char *key) const;
+    /** The value split at commas, each entry trimmed, empty ones left out. */
+    QStringList list(const char *key) const;
+    /** A whole number from minimum to maximum; false with a sentence in error otherwise. */
+    bool integer(const char *key, qint64 minimum, qint64 maximum, qint64 *value, QString *error) const;
+    /** true/false, yes/no, on/off or 1/0; false with a sentence in error otherwise. */
+    bool flag(const char *key, bool *value, QString *error) const;
+
+    /** The keys that every MQTT plugin shares, from host to keepAlive; the client id falls back to defaultClientId. */
+    bool connectionOptions(const QString &defaultClientId, MqttConnection::Options *options, QString *error) const;
+
+private:
+    QVariantMap m_group;
+    QVector<Key> m_keys;
+};
+
+#endif

@@ -1,0 +1,163 @@
+#include "mqttin.h"
+
+#include "datasetcodec.h"
+
+#include <QLoggingCategory>
+#include <QSysInfo>
+
+Q_LOGGING_CATEGORY(lcMqttIn, "mqttIn")
+
+namespace {
+
+const QString Group = QStringLiteral("mqttIn");
+
+QString topicLevel(const QString &name)
+{
+    QString level = name;
+    for (QChar &c : level) {
+        if (c == QLatin1Char('/') || c == QLatin1Char('+') || c == QLatin1Char('#'))
+            c = QLatin1Char('_');
+    }
+    return level;
+}
+
+} // namespace
+
+const QVector<MqttSettings::Key> &MqttIn::settings()
+{
+    static const QVector<MqttSettings::Key> table {
+        { "host", "localhost", "Host name or address of the broker." },
+        { "port", "1883", "TCP port of the broker; brokers with TLS usually listen on 8883." },
+        { "clientId", "", "Client id at the broker; empty means orvix- followed by the host name and -in." },
+        { "username", "", "User name at the broker; empty connects without one." },
+        { "password", "", "Password of username." },
+        { "tls", "false", "true connects with TLS." },
+        { "caFile", "", "CA certificates the broker's certificate must chain to; empty uses the system's CAs." },
+        { "certFile", "", "Client certificate for brokers that require one; needs keyFile." },
+        { "keyFile", "", "Private key of certFile, without a passphrase." },
+        { "keepAlive", "30", "Seconds between keep-alive pings; 0 for none, otherwise 5 or more." },
+        { "topics", "orvix/in/#", "Topic filters subscribed to, separated by commas." },
+        { "qos", "1", "QoS of the subscriptions and of the published requests, 0 or 1." },
+        { "maxPayload", "262144", "Bytes a message may have; a larger one is dropped with a warning." },
+    };
+    return table;
+}
+
+MqttIn::MqttIn(QObject *parent)
+    : QObject(parent)
+    , m_connection(lcMqttIn())
+{
+    connect(&m_connection, &MqttConnection::messageReceived, this, &MqttIn::receive);
+}
+
+MqttIn::~MqttIn()
+{
+    m_connection.close();
+}
+
+bool MqttIn::init(const QVariantMap &config, QVariantMap &)
+{
+    const MqttSettings settings(config.value(Group).toMap(), MqttIn::settings());
+    MqttConnection::Options options;
+    qint64 qos = 1;
+    QString error;
+    bool usable
+        = settings.connectionOptions(QStringLiteral("orvix-%1-in").arg(QSysInfo::machineHostName()), &options, &error)
+        && settings.integer("qos", 0, 1, &qos, &error)
+        && settings.integer("maxPayload", 1, 268435455, &m_maxPayload, &error);
+    const QStringList topics = settings.list("topics");
+    if (usable && topics.isEmpty()) {
+        error = QStringLiteral("topics is empty");
+        usable = false;
+    }
+    for (const QString &topic : topics) {
+        if (usable && !MqttConnection::checkTopic(topic.toUtf8(), true, &error)) {
+            error = QStringLiteral("topics: %1").arg(error);
+            usable = false;
+        }
+    }
+    if (!usable) {
+        qCWarning(lcMqttIn) << QStringLiteral("Can't use the settings: %1").arg(error);
+        return false;
+    }
+    m_qos = int(qos);
+    qCInfo(lcMqttIn) << QStringLiteral("Subscribing to %1 at %2 as %3")
+                            .arg(topics.join(QStringLiteral(", ")),
+                                options.host + QLatin1Char(':') + QString::number(options.port), options.clientId);
+    m_connection.setOptions(options);
+    m_connection.setSubscriptions(topics, m_qos);
+    m_connection.open();
+    m_initialised = true;
+    return true;
+}
+
+QString MqttIn::name() const
+{
+    return QStringLiteral("mqttIn");
+}
+
+void MqttIn::setReconnectDelays(int initialMs, int maximumMs)
+{
+    m_connection.setReconnectDelays(initialMs, maximumMs);
+}
+
+void MqttIn::machineRequest(QString machine, QVariant request)
+{
+    if (!m_initialised)
+        return;
+    const QByteArray topic = QStringLiteral("orvix/request/%1").arg(topicLevel(machine)).toUtf8();
+    const QByteArray payload = DatasetCodec::encodeLine(QDateTime::currentDateTimeUtc(), machine, QString(), request);
+    int mid = 0;
+    bool confirmed = false;
+    QString error;
+    const MqttConnection::Publish result = m_connection.publish(topic, payload, m_qos, false, &mid, &confirmed, &error);
+    if (result == MqttConnection::Publish::NotConnected)
+        error = QStringLiteral("not connected to %1").arg(m_connection.address());
+    if (result != MqttConnection::Publish::Sent)
+        qCWarning(lcMqttIn) << QStringLiteral("Request for %1 not sent: %2").arg(machine, error);
+}
+
+void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
+{
+    const QString topicText = QString::fromUtf8(topic);
+    if (payload.size() > m_maxPayload) {
+        qCWarning(lcMqttIn) << QStringLiteral("Dropped the message on %1: %2 bytes, more than maxPayload %3")
+                                   .arg(topicText)
+                                   .arg(payload.size())
+                                   .arg(m_maxPayload);
+        return;
+    }
+    // An empty message is how MQTT clears a retained one; there is nothing to decode.
+    if (payload.trimmed().isEmpty()) {
+        qCDebug(lcMqttIn) << QStringLiteral("Ignored the empty message on %1").arg(topicText);
+        return;
+    }
+    const QList<QByteArray> lines = payload.split('\n');
+    QVector<DatasetCodec::Dataset> datasets;
+    int lineNumber = 0;
+    int nonEmpty = 0;
+    for (const QByteArray &line : lines)
+        nonEmpty += line.trimmed().isEmpty() ? 0 : 1;
+    for (const QByteArray &line : lines) {
+        ++lineNumber;
+        if (line.trimmed().isEmpty())
+            continue;
+        DatasetCodec::Dataset dataset;
+        QString error;
+        if (!DatasetCodec::decodeLine(line, &dataset, &error)) {
+            // The message is one unit: half of it would leave the machine's data inconsistent.
+            qCWarning(lcMqttIn) << QStringLiteral("Dropped the message on %1: %2")
+                                       .arg(topicText,
+                                           nonEmpty > 1 ? QStringLiteral("line %1: %2").arg(lineNumber).arg(error)
+                                                        : error);
+            return;
+        }
+        datasets.append(dataset);
+    }
+    const QString topicMachine = topicText.section(QLatin1Char('/'), 1, 1);
+    for (const DatasetCodec::Dataset &dataset : qAsConst(datasets)) {
+        emit dataReceived(dataset.timestamp.isValid() ? dataset.timestamp : QDateTime::currentDateTime(),
+            dataset.machine.isEmpty() ? topicMachine : dataset.machine,
+            dataset.source.isEmpty() ? topicText : dataset.source, dataset.data);
+    }
+}

@@ -1,0 +1,249 @@
+#include "mqttout.h"
+
+#include "datasetcodec.h"
+#include "mqttspool.h"
+
+#include <QLoggingCategory>
+#include <QSysInfo>
+
+#include <limits>
+
+Q_LOGGING_CATEGORY(lcMqttOut, "mqttOut")
+
+namespace {
+
+const QString Group = QStringLiteral("mqttOut");
+// Messages handed to the library and not yet confirmed: enough to keep a broker across the world busy, few enough
+// that a lost connection sends little twice.
+constexpr int InFlightWindow = 100;
+constexpr int FirstRefusalReason = 0x80;
+
+const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String("{source}"),
+    QLatin1String("{type}") };
+
+// A name put into a topic stays one level and never becomes a wildcard.
+QString topicLevel(const QString &name)
+{
+    QString level = name;
+    for (QChar &c : level) {
+        if (c == QLatin1Char('/') || c == QLatin1Char('+') || c == QLatin1Char('#'))
+            c = QLatin1Char('_');
+    }
+    return level;
+}
+
+} // namespace
+
+const QVector<MqttSettings::Key> &MqttOut::settings()
+{
+    static const QVector<MqttSettings::Key> table {
+        { "host", "localhost", "Host name or address of the broker." },
+        { "port", "1883", "TCP port of the broker; brokers with TLS usually listen on 8883." },
+        { "clientId", "", "Client id at the broker; empty means orvix- followed by the host name." },
+        { "username", "", "User name at the broker; empty connects without one." },
+        { "password", "", "Password of username." },
+        { "tls", "false", "true connects with TLS." },
+        { "caFile", "", "CA certificates the broker's certificate must chain to; empty uses the system's CAs." },
+        { "certFile", "", "Client certificate for brokers that require one; needs keyFile." },
+        { "keyFile", "", "Private key of certFile, without a passphrase." },
+        { "keepAlive", "30", "Seconds between keep-alive pings; 0 for none, otherwise 5 or more." },
+        { "qos", "1",
+            "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
+            "connection." },
+        { "topic", "orvix/{machine}/{type}", "Topic of each dataset; {machine}, {source} and {type} are replaced." },
+        { "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas." },
+        { "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way." },
+        { "spoolMaxBytes", "67108864", "Bytes the spool may hold; past that the oldest datasets are dropped." },
+    };
+    return table;
+}
+
+MqttOut::MqttOut(QObject *parent)
+    : QObject(parent)
+    , m_connection(lcMqttOut())
+{
+    connect(&m_connection, &MqttConnection::connected, this, [this] {
+        m_refusedTopics.clear();
+        pump();
+    });
+    connect(&m_connection, &MqttConnection::disconnected, this, &MqttOut::connectionLost);
+    connect(&m_connection, &MqttConnection::published, this, &MqttOut::confirm);
+}
+
+MqttOut::~MqttOut()
+{
+    m_connection.close();
+}
+
+bool MqttOut::init(const QVariantMap &config, QVariantMap &)
+{
+    const MqttSettings settings(config.value(Group).toMap(), MqttOut::settings());
+    MqttConnection::Options options;
+    qint64 qos = 1;
+    qint64 maxBytes = 0;
+    QString error;
+    bool usable = settings.connectionOptions(QStringLiteral("orvix-") + QSysInfo::machineHostName(), &options, &error)
+        && settings.integer("qos", 0, 1, &qos, &error)
+        && settings.integer("spoolMaxBytes", 65536, std::numeric_limits<qint64>::max(), &maxBytes, &error);
+    const QString folder = settings.text("spool").trimmed();
+    m_topic = settings.text("topic").trimmed();
+    const QByteArray statusTopic = QStringLiteral("orvix/status/%1").arg(topicLevel(options.clientId)).toUtf8();
+    if (usable && folder.isEmpty()) {
+        error = QStringLiteral("spool is empty");
+        usable = false;
+    }
+    if (usable && !MqttConnection::checkTopic(topicFor(QStringLiteral("m"), QStringLiteral("s"), QStringLiteral("t")),
+            false, &error)) {
+        error = QStringLiteral("topic: %1").arg(error);
+        usable = false;
+    }
+    if (usable && !MqttConnection::checkTopic(statusTopic, false, &error)) {
+        error = QStringLiteral("clientId: %1").arg(error);
+        usable = false;
+    }
+    if (!usable) {
+        qCWarning(lcMqttOut) << QStringLiteral("Can't use the settings: %1").arg(error);
+        return false;
+    }
+    m_qos = int(qos);
+    const QStringList retainTypes = settings.list("retainTypes");
+    m_retainTypes = QSet<QString>(retainTypes.begin(), retainTypes.end());
+
+    m_spool = std::make_unique<MqttSpool>(folder, maxBytes, lcMqttOut());
+    if (!m_spool->open(&error)) {
+        qCWarning(lcMqttOut) << QStringLiteral("Can't use the spool %1: %2").arg(folder, error);
+        m_spool.reset();
+        return false;
+    }
+    qCInfo(lcMqttOut) << QStringLiteral("Publishing to %1 as %2 through the spool %3, %4 datasets waiting")
+                             .arg(options.host + QLatin1Char(':') + QString::number(options.port), options.clientId,
+                                 folder)
+                             .arg(m_spool->count());
+    m_connection.setOptions(options);
+    m_connection.setStatusTopic(statusTopic);
+    m_connection.setReconnectDelays(m_initialDelay, m_maximumDelay);
+    m_connection.open();
+    return true;
+}
+
+QString MqttOut::name() const
+{
+    return QStringLiteral("mqttOut");
+}
+
+void MqttOut::setReconnectDelays(int initialMs, int maximumMs)
+{
+    m_initialDelay = initialMs;
+    m_maximumDelay = maximumMs;
+    m_connection.setReconnectDelays(initialMs, maximumMs);
+}
+
+qint64 MqttOut::spooled() const
+{
+    return m_spool ? m_spool->count() : 0;
+}
+
+void MqttOut::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+{
+    // A target disabled in the configuration gets no init but stays connected for data.
+    if (!m_spool)
+        return;
+    const QString type = data.isValid() ? QString::fromLatin1(data.typeName()) : QString();
+    const QByteArray topic = topicFor(machine, source, type);
+    QString error;
+    if (!MqttConnection::checkTopic(topic, false, &error)) {
+        qCWarning(lcMqttOut) << QStringLiteral("Dropped a dataset of %1: %2").arg(machine, error);
+        return;
+    }
+    const QByteArray payload = DatasetCodec::encodeLine(timestamp, machine, source, data);
+    qint64 dropped = 0;
+    if (!m_spool->append(topic, payload, m_retainTypes.contains(type), &dropped, &error)) {
+        // A full disk is reported once, not once per dataset, until the spool takes a dataset again.
+        if (error != m_spoolError)
+            qCWarning(lcMqttOut) << QStringLiteral("Dropped a dataset of %1: %2").arg(machine, error);
+        m_spoolError = error;
+        return;
+    }
+    m_spoolError.clear();
+    if (dropped > 0)
+        qCWarning(lcMqttOut)
+            << QStringLiteral("Spool %1 is full: dropped the %2 oldest datasets").arg(m_spool->folder()).arg(dropped);
+    pump();
+}
+
+QByteArray MqttOut::topicFor(const QString &machine, const QString &source, const QString &type) const
+{
+    const QString values[] = { topicLevel(machine), topicLevel(source), topicLevel(type) };
+    QString topic;
+    topic.reserve(m_topic.size() + machine.size() + type.size());
+    // One pass, so that a machine named "{type}" stays a machine name.
+    int at = 0;
+    while (at < m_topic.size()) {
+        bool replaced = false;
+        if (m_topic.at(at) == QLatin1Char('{')) {
+            for (int i = 0; i < 3; ++i) {
+                if (QStringView(m_topic).mid(at).startsWith(Placeholders[i])) {
+                    topic += values[i];
+                    at += Placeholders[i].size();
+                    replaced = true;
+                    break;
+                }
+            }
+        }
+        if (!replaced)
+            topic += m_topic.at(at++);
+    }
+    return topic.toUtf8();
+}
+
+void MqttOut::pump()
+{
+    if (m_pumping || !m_spool)
+        return;
+    m_pumping = true;
+    MqttSpool::Record record;
+    while (m_connection.isConnected() && m_inFlight.size() < InFlightWindow && m_spool->next(&record)) {
+        int mid = 0;
+        bool confirmed = false;
+        QString error;
+        const MqttConnection::Publish result
+            = m_connection.publish(record.topic, record.payload, m_qos, record.retain, &mid, &confirmed, &error);
+        if (result == MqttConnection::Publish::NotConnected)
+            break;
+        if (result == MqttConnection::Publish::Unusable) {
+            qCWarning(lcMqttOut) << QStringLiteral("Dropped the dataset on %1: %2")
+                                        .arg(QString::fromUtf8(record.topic), error);
+            m_spool->acknowledge(record.sequence);
+        } else if (confirmed) {
+            m_spool->acknowledge(record.sequence);
+        } else {
+            m_inFlight.insert(mid, InFlight { record.sequence, record.topic });
+        }
+    }
+    m_pumping = false;
+}
+
+void MqttOut::confirm(int mid, int reasonCode)
+{
+    const auto found = m_inFlight.constFind(mid);
+    if (found == m_inFlight.constEnd())
+        return;
+    const InFlight message = found.value();
+    m_inFlight.erase(found);
+    // A refusal is final (not authorised, quota): sending it again would block every dataset behind it.
+    if (reasonCode >= FirstRefusalReason && !m_refusedTopics.contains(message.topic)) {
+        m_refusedTopics.insert(message.topic);
+        qCWarning(lcMqttOut) << QStringLiteral("Broker %1 refused the dataset on %2: %3")
+                                    .arg(m_connection.address(), QString::fromUtf8(message.topic),
+                                        MqttConnection::reasonString(reasonCode));
+    }
+    m_spool->acknowledge(message.sequence);
+    pump();
+}
+
+void MqttOut::connectionLost()
+{
+    m_inFlight.clear();
+    if (m_spool)
+        m_spool->rewind();
+}

@@ -1,0 +1,360 @@
+#ifndef ORVIX_MOSQUITTOBROKER_H
+#define ORVIX_MOSQUITTOBROKER_H
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QVector>
+
+#include <mosquitto.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+/**
+ * A mosquitto broker of its own for a test or a benchmark: a generated configuration in a temporary folder, loopback
+ * ports chosen when it is made and kept across restarts, so that clients reconnect to the same address. The
+ * nested Client is a plain libmosquitto client on its own thread that records what it receives.
+ */
+class MosquittoBroker
+{
+public:
+    /** Files of a certificate authority, a server certificate for 127.0.0.1 and a client certificate. */
+    struct Certificates
+    {
+        QString caFile;
+        QString serverCert;
+        QString serverKey;
+        QString clientCert;
+        QString clientKey;
+        QString otherCaFile;
+        QString error;
+    };
+
+    /** One message as a client received it. */
+    struct Message
+    {
+        QByteArray topic;
+        QByteArray payload;
+        bool retain = false;
+    };
+
+    MosquittoBroker()
+        : m_port(freePort())
+    {
+    }
+    ~MosquittoBroker() { stop(); }
+
+    quint16 port() const { return m_port; }
+    /** The port of the plain listener that a broker with TLS opens next to its TLS one. */
+    quint16 plainPort() const { return m_plainPort; }
+    QString folder() const { return m_dir.path(); }
+
+    /** Requires a user name and password; the password file is made with mosquitto_passwd. */
+    bool requirePassword(const QString &user, const QString &password)
+    {
+        m_passwordFile = m_dir.filePath(QStringLiteral("passwords"));
+        return QProcess::execute(QStringLiteral("mosquitto_passwd"),
+                   { QStringLiteral("-b"), QStringLiteral("-c"), m_passwordFile, user, password })
+            == 0;
+    }
+
+    /** Makes port() a TLS listener that requires a client certificate from the given CA; plainPort() stays open. */
+    void requireTls(const Certificates &certificates)
+    {
+        m_certificates = certificates;
+        m_tls = true;
+        m_plainPort = freePort();
+    }
+
+    /** Keeps sessions and queued messages across a stop and start, as a broker with persistence does. */
+    void setPersistent(bool persistent) { m_persistent = persistent; }
+
+    /** Starts the broker and waits until it listens; false with its output in lastOutput() otherwise. */
+    bool start()
+    {
+        writeConfig();
+        m_output.clear();
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        m_process.start(QStringLiteral("/usr/sbin/mosquitto"), { QStringLiteral("-c"), configPath() });
+        if (!m_process.waitForStarted(10000))
+            return false;
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < 20000) {
+            m_process.waitForReadyRead(100);
+            m_output += m_process.readAll();
+            if (m_output.contains(" running"))
+                return true;
+            if (m_process.state() == QProcess::NotRunning)
+                return false;
+        }
+        return false;
+    }
+
+    /** Stops the broker the way a service manager does (it saves its sessions when persistent). */
+    void stop()
+    {
+        if (m_process.state() == QProcess::NotRunning)
+            return;
+        m_process.terminate();
+        if (!m_process.waitForFinished(10000)) {
+            m_process.kill();
+            m_process.waitForFinished(10000);
+        }
+        m_output += m_process.readAll();
+    }
+
+    bool isRunning() const { return m_process.state() == QProcess::Running; }
+    QByteArray lastOutput() { return m_output + m_process.readAll(); }
+
+    /** Makes a CA, a server certificate for 127.0.0.1 and a client certificate with openssl in folder. */
+    static Certificates makeCertificates(const QString &folder)
+    {
+        Certificates files;
+        const auto path = [&folder](const char *name) { return QDir(folder).filePath(QString::fromLatin1(name)); };
+        files.caFile = path("ca.crt");
+        files.serverCert = path("server.crt");
+        files.serverKey = path("server.key");
+        files.clientCert = path("client.crt");
+        files.clientKey = path("client.key");
+        files.otherCaFile = path("other-ca.crt");
+        QFile extensions(path("server.ext"));
+        if (!extensions.open(QIODevice::WriteOnly)
+            || extensions.write("subjectAltName=IP:127.0.0.1\n") < 0)
+            files.error = QStringLiteral("can't write server.ext");
+        extensions.close();
+        const QStringList key { QStringLiteral("-newkey"), QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
+            QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes") };
+        const QVector<QStringList> steps {
+            QStringList { QStringLiteral("req"), QStringLiteral("-x509") } + key
+                + QStringList { QStringLiteral("-keyout"), path("ca.key"), QStringLiteral("-out"), files.caFile,
+                      QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                      QStringLiteral("/CN=orvix test CA") },
+            QStringList { QStringLiteral("req"), QStringLiteral("-x509") } + key
+                + QStringList { QStringLiteral("-keyout"), path("other-ca.key"), QStringLiteral("-out"),
+                      files.otherCaFile, QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                      QStringLiteral("/CN=some other CA") },
+            QStringList { QStringLiteral("req") } + key
+                + QStringList { QStringLiteral("-keyout"), files.serverKey, QStringLiteral("-out"),
+                      path("server.csr"), QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1") },
+            QStringList { QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), path("server.csr"),
+                QStringLiteral("-CA"), files.caFile, QStringLiteral("-CAkey"), path("ca.key"),
+                QStringLiteral("-CAcreateserial"), QStringLiteral("-out"), files.serverCert, QStringLiteral("-days"),
+                QStringLiteral("2"), QStringLiteral("-extfile"), path("server.ext") },
+            QStringList { QStringLiteral("req") } + key
+                + QStringList { QStringLiteral("-keyout"), files.clientKey, QStringLiteral("-out"),
+                      path("client.csr"), QStringLiteral("-subj"), QStringLiteral("/CN=orvix test client") },
+            QStringList { QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), path("client.csr"),
+                QStringLiteral("-CA"), files.caFile, QStringLiteral("-CAkey"), path("ca.key"),
+                QStringLiteral("-CAcreateserial"), QStringLiteral("-out"), files.clientCert, QStringLiteral("-days"),
+                QStringLiteral("2") },
+        };
+        for (const QStringList &arguments : steps) {
+            if (!files.error.isEmpty())
+                break;
+            QProcess openssl;
+            openssl.setProcessChannelMode(QProcess::MergedChannels);
+            openssl.start(QStringLiteral("openssl"), arguments);
+            if (!openssl.waitForFinished(60000) || openssl.exitStatus() != QProcess::NormalExit
+                || openssl.exitCode() != 0)
+                files.error = QStringLiteral("openssl %1 failed: %2")
+                                  .arg(arguments.join(QLatin1Char(' ')), QString::fromLocal8Bit(openssl.readAll()));
+        }
+        return files;
+    }
+
+    /** A libmosquitto client on its own network thread that records every message it receives. */
+    class Client
+    {
+    public:
+        Client()
+        {
+            mosquitto_lib_init();
+        }
+        ~Client()
+        {
+            if (m_mosq) {
+                mosquitto_disconnect(m_mosq);
+                mosquitto_loop_stop(m_mosq, true);
+                mosquitto_destroy(m_mosq);
+            }
+        }
+
+        void setCredentials(const QByteArray &user, const QByteArray &password)
+        {
+            m_user = user;
+            m_password = password;
+        }
+
+        /** Connects with a persistent session when an id is given, and subscribes to filter after every connect. */
+        bool connectTo(quint16 port, const QByteArray &filter, const QByteArray &clientId = QByteArray())
+        {
+            m_filter = filter;
+            m_mosq = mosquitto_new(clientId.isEmpty() ? nullptr : clientId.constData(), clientId.isEmpty(), this);
+            if (!m_mosq)
+                return false;
+            if (!m_user.isEmpty())
+                mosquitto_username_pw_set(m_mosq, m_user.constData(), m_password.constData());
+            mosquitto_reconnect_delay_set(m_mosq, 1, 1, false);
+            mosquitto_connect_callback_set(m_mosq, &Client::onConnect);
+            mosquitto_subscribe_callback_set(m_mosq, &Client::onSubscribe);
+            mosquitto_message_callback_set(m_mosq, &Client::onMessage);
+            if (mosquitto_connect_async(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS)
+                return false;
+            if (mosquitto_loop_start(m_mosq) != MOSQ_ERR_SUCCESS)
+                return false;
+            QElapsedTimer clock;
+            clock.start();
+            while (clock.elapsed() < 20000) {
+                if (subscriptions() > 0)
+                    return true;
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+                QThread::msleep(5);
+            }
+            return false;
+        }
+
+        /** Publishes at QoS 1 and waits until the library has handed it to the socket. */
+        bool publish(const QByteArray &topic, const QByteArray &payload, bool retain = false)
+        {
+            return mosquitto_publish(m_mosq, nullptr, topic.constData(), payload.size(), payload.constData(), 1, retain)
+                == MOSQ_ERR_SUCCESS;
+        }
+
+        QVector<Message> messages() const
+        {
+            QMutexLocker lock(&m_mutex);
+            return m_messages;
+        }
+        int count() const
+        {
+            QMutexLocker lock(&m_mutex);
+            return m_messages.size();
+        }
+        /** The payloads received on topics that start with prefix. */
+        QList<QByteArray> payloads(const QByteArray &prefix = QByteArray()) const
+        {
+            QMutexLocker lock(&m_mutex);
+            QList<QByteArray> result;
+            for (const Message &message : m_messages) {
+                if (message.topic.startsWith(prefix))
+                    result.append(message.payload);
+            }
+            return result;
+        }
+        void clear()
+        {
+            QMutexLocker lock(&m_mutex);
+            m_messages.clear();
+        }
+        int subscriptions() const
+        {
+            QMutexLocker lock(&m_mutex);
+            return m_subscriptions;
+        }
+
+    private:
+        static void onConnect(mosquitto *mosq, void *self, int rc)
+        {
+            if (rc == 0)
+                mosquitto_subscribe(mosq, nullptr, static_cast<Client *>(self)->m_filter.constData(), 1);
+        }
+        static void onSubscribe(mosquitto *, void *self, int, int, const int *)
+        {
+            Client *client = static_cast<Client *>(self);
+            QMutexLocker lock(&client->m_mutex);
+            ++client->m_subscriptions;
+        }
+        static void onMessage(mosquitto *, void *self, const mosquitto_message *message)
+        {
+            Client *client = static_cast<Client *>(self);
+            Message received;
+            received.topic = QByteArray(message->topic);
+            received.payload = QByteArray(static_cast<const char *>(message->payload), message->payloadlen);
+            received.retain = message->retain;
+            QMutexLocker lock(&client->m_mutex);
+            client->m_messages.append(received);
+        }
+
+        mosquitto *m_mosq = nullptr;
+        QByteArray m_filter;
+        QByteArray m_user;
+        QByteArray m_password;
+        mutable QMutex m_mutex;
+        QVector<Message> m_messages;
+        int m_subscriptions = 0;
+    };
+
+private:
+    // Asks the kernel for a free loopback port; the broker binds it a moment later with SO_REUSEADDR.
+    static quint16 freePort()
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = 0;
+        socklen_t length = sizeof(address);
+        quint16 port = 0;
+        if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0
+            && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0)
+            port = ntohs(address.sin_port);
+        ::close(fd);
+        return port;
+    }
+
+    QString configPath() const { return m_dir.filePath(QStringLiteral("mosquitto.conf")); }
+
+    void writeConfig()
+    {
+        QByteArray config;
+        // As root the broker would switch to the user mosquitto, who can't read the files of the temporary folder.
+        if (geteuid() == 0)
+            config += "user root\n";
+        config += "log_dest stdout\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
+        config += "max_queued_messages 100000\n";
+        if (m_persistent)
+            config += "persistence true\npersistence_location " + m_dir.path().toUtf8() + "/\n";
+        else
+            config += "persistence false\n";
+        if (m_passwordFile.isEmpty())
+            config += "allow_anonymous true\n";
+        else
+            config += "allow_anonymous false\npassword_file " + m_passwordFile.toUtf8() + "\n";
+        config += "listener " + QByteArray::number(m_port) + " 127.0.0.1\n";
+        if (m_tls) {
+            config += "cafile " + m_certificates.caFile.toUtf8() + "\n";
+            config += "certfile " + m_certificates.serverCert.toUtf8() + "\n";
+            config += "keyfile " + m_certificates.serverKey.toUtf8() + "\n";
+            config += "require_certificate true\n";
+            config += "listener " + QByteArray::number(m_plainPort) + " 127.0.0.1\n";
+        }
+        QFile file(configPath());
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(config);
+    }
+
+    QTemporaryDir m_dir;
+    quint16 m_port = 0;
+    quint16 m_plainPort = 0;
+    QString m_passwordFile;
+    Certificates m_certificates;
+    bool m_tls = false;
+    bool m_persistent = false;
+    QProcess m_process;
+    QByteArray m_output;
+};
+
+#endif

@@ -55,6 +55,7 @@ const PhaseRule Rules[] = {
 
 const PhaseRule &ruleOf(Phase phase)
 {
+    Q_ASSERT(Rules[int(phase)].phase == phase);
     return Rules[int(phase)];
 }
 

@@ -95,7 +95,12 @@ void tst_ReplayChain::chain()
     QVERIFY(QFile::copy(ORVIX_PLUGIN_BUILD_DIR "/libjsonl.so", service.pluginDir() + "/libjsonl.so"));
     // The case's INI names the input as /etc/orvix/input.jsonl and the output as /var/log/orvix/output.jsonl.
     service.writeConfig(readFile(folder + "/orvix.ini"));
-    QVERIFY(QFile::copy(folder + "/input.jsonl", service.etcDir() + "/input.jsonl"));
+    // Every other file of the case (an XML comment file, say) is there for the configuration to name.
+    const QStringList caseFiles = QDir(folder).entryList(QDir::Files);
+    for (const QString &file : caseFiles) {
+        if (file != "orvix.ini" && !file.startsWith("expected."))
+            QVERIFY(QFile::copy(folder + "/" + file, service.etcDir() + "/" + file));
+    }
     const QStringList expected = lines(readFile(folder + "/expected.jsonl"));
     const QStringList expectedWarnings = lines(readFile(folder + "/expected.log"));
     const QString output = service.logDir() + "/output.jsonl";

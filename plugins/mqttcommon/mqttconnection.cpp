@@ -124,7 +124,8 @@ int MqttConnection::reconnectDelay(int failures, int initialMs, int maximumMs)
 
 bool MqttConnection::checkTopic(const QByteArray &topic, bool filter, QString *error)
 {
-    const int rc = filter ? mosquitto_sub_topic_check2(topic.constData(), size_t(topic.size()))
+    const int rc = topic.isEmpty() ? MOSQ_ERR_INVAL
+        : filter                   ? mosquitto_sub_topic_check2(topic.constData(), size_t(topic.size()))
                           : mosquitto_pub_topic_check2(topic.constData(), size_t(topic.size()));
     if (rc == MOSQ_ERR_SUCCESS && mosquitto_validate_utf8(topic.constData(), topic.size()) == MOSQ_ERR_SUCCESS)
         return true;
@@ -312,7 +313,7 @@ void MqttConnection::attempt()
         m_options.keepAlive);
     const int savedErrno = errno;
     if (rc != MOSQ_ERR_SUCCESS) {
-        drop(reasonText(rc, savedErrno));
+        drop(m_libraryError.isEmpty() ? reasonText(rc, savedErrno) : m_libraryError);
         return;
     }
     const int fd = mosquitto_socket(m_mosq);

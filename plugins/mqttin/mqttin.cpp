@@ -161,3 +161,5 @@ void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
             dataset.source.isEmpty() ? topicText : dataset.source, dataset.data);
     }
 }
+
+#include "moc_mqttin.cpp"

@@ -247,3 +247,5 @@ void MqttOut::connectionLost()
     if (m_spool)
         m_spool->rewind();
 }
+
+#include "moc_mqttout.cpp"

@@ -78,6 +78,15 @@ public:
         m_plainPort = freePort();
     }
 
+    /** Limits what clients may publish and receive, in mosquitto's acl_file syntax. */
+    void setAcl(const QByteArray &rules)
+    {
+        m_aclFile = m_dir.filePath(QStringLiteral("acl"));
+        QFile file(m_aclFile);
+        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            file.write(rules);
+    }
+
     /** Keeps sessions and queued messages across a stop and start, as a broker with persistence does. */
     void setPersistent(bool persistent) { m_persistent = persistent; }
 
@@ -323,7 +332,8 @@ private:
         // As root the broker would switch to the user mosquitto, who can't read the files of the temporary folder.
         if (geteuid() == 0)
             config += "user root\n";
-        config += "log_dest stdout\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
+        // Standard output would be buffered in a pipe; standard error is written at once.
+        config += "log_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
         config += "max_queued_messages 100000\n";
         if (m_persistent)
             config += "persistence true\npersistence_location " + m_dir.path().toUtf8() + "/\n";
@@ -333,6 +343,8 @@ private:
             config += "allow_anonymous true\n";
         else
             config += "allow_anonymous false\npassword_file " + m_passwordFile.toUtf8() + "\n";
+        if (!m_aclFile.isEmpty())
+            config += "acl_file " + m_aclFile.toUtf8() + "\n";
         config += "listener " + QByteArray::number(m_port) + " 127.0.0.1\n";
         if (m_tls) {
             config += "cafile " + m_certificates.caFile.toUtf8() + "\n";
@@ -350,6 +362,7 @@ private:
     quint16 m_port = 0;
     quint16 m_plainPort = 0;
     QString m_passwordFile;
+    QString m_aclFile;
     Certificates m_certificates;
     bool m_tls = false;
     bool m_persistent = false;

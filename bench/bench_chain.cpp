@@ -74,6 +74,7 @@ struct ChainRun
 {
     int machines = 0;
     bool steady = false;
+    bool rescaled = false;
     std::unique_ptr<ChainRig> rig;
     std::unique_ptr<MachineFleet> fleet;
     double datasetsPerUpdate = 0;
@@ -82,15 +83,30 @@ struct ChainRun
 
 std::unique_ptr<ChainRun> s_chainRun;
 
-ChainRun &chainRun(int machines, bool steady)
+/** A unit override of every condition of every machine, factor 1: the values leave UnitOverwrite as text. */
+QVariantMap rescaleSettings(int machines)
 {
-    if (s_chainRun && s_chainRun->machines == machines && s_chainRun->steady == steady)
+    QVariantMap settings;
+    for (int i = 0; i < machines; ++i) {
+        const QString group
+            = QStringLiteral("unitOverwrite/edgebander-%1/condition/*/").arg(i, 5, 10, QLatin1Char('0'));
+        settings.insert(group + QStringLiteral("unitText"), QStringLiteral("m"));
+        settings.insert(group + QStringLiteral("factor"), 1.0);
+    }
+    return settings;
+}
+
+ChainRun &chainRun(int machines, bool steady, bool rescaled)
+{
+    if (s_chainRun && s_chainRun->machines == machines && s_chainRun->steady == steady
+        && s_chainRun->rescaled == rescaled)
         return *s_chainRun;
     s_chainRun.reset();
     auto run = std::make_unique<ChainRun>();
     run->machines = machines;
     run->steady = steady;
-    run->rig = std::make_unique<ChainRig>();
+    run->rescaled = rescaled;
+    run->rig = std::make_unique<ChainRig>(QList<IProcessor *>(), rescaled ? rescaleSettings(machines) : QVariantMap());
     run->fleet = std::make_unique<MachineFleet>(machines, SourceName);
     BenchSource &source = run->rig->source();
 
@@ -141,11 +157,11 @@ void BM_FloorConstRef(benchmark::State &state)
     runFloor(state, floor);
 }
 
-void BM_Chain(benchmark::State &state, bool steady)
+void runChain(benchmark::State &state, bool steady, bool rescaled)
 {
     const int machines = int(state.range(0));
     const double floorNanoseconds = floorNanosecondsPerDataset();
-    ChainRun &run = chainRun(machines, steady);
+    ChainRun &run = chainRun(machines, steady, rescaled);
     BenchSource &source = run.rig->source();
     const int warningsBefore = BenchLogging::warnings();
     const quint64 sinkBefore = run.rig->sink().count();
@@ -166,6 +182,17 @@ void BM_Chain(benchmark::State &state, bool steady)
     state.counters["overhead_ratio"] = perUpdate / (run.datasetsPerUpdate * floorNanoseconds);
     state.counters["out_per_update"] = double(run.rig->sink().count() - sinkBefore) / double(state.iterations());
     state.counters["warnings"] = BenchLogging::warnings() - warningsBefore;
+}
+
+void BM_Chain(benchmark::State &state, bool steady)
+{
+    runChain(state, steady, false);
+}
+
+void BM_ChainRescaled(benchmark::State &state, bool steady)
+{
+    // Not the typical configuration: every machine with a unit override of all its conditions.
+    runChain(state, steady, true);
 }
 
 void BM_Feed(benchmark::State &state)
@@ -223,6 +250,8 @@ BENCHMARK(BM_FloorConstRef);
 BENCHMARK(BM_Feed)->Arg(100)->ArgName("machines");
 BENCHMARK_CAPTURE(BM_Chain, changing, false)->ArgName("machines")->Arg(1)->Arg(100)->Arg(10000);
 BENCHMARK_CAPTURE(BM_Chain, steady, true)->ArgName("machines")->Arg(1)->Arg(100)->Arg(10000);
+BENCHMARK_CAPTURE(BM_ChainRescaled, changing, false)->ArgName("machines")->Arg(100);
+BENCHMARK_CAPTURE(BM_ChainRescaled, steady, true)->ArgName("machines")->Arg(100);
 
 int main(int argc, char **argv)
 {

@@ -7,12 +7,12 @@
 #include <QDir>
 #include <QSettings>
 
-ChainRig::ChainRig(const QList<IProcessor *> &replacement)
+ChainRig::ChainRig(const QList<IProcessor *> &replacement, const QVariantMap &settings)
 {
     // Core prints its first lines before it reads its filter rules from the configuration.
     BenchLogging::filterDebugAndInfo();
     const QString configFile = m_folder.filePath(QStringLiteral("orvix.ini"));
-    writeConfiguration(configFile);
+    writeConfiguration(configFile, settings);
     m_core = std::make_unique<Core>(false, nullptr, configFile, m_folder.filePath(QStringLiteral("orvix.log")),
         m_folder.filePath(QStringLiteral("orvix.lastlog")));
     BenchLogging::silence();
@@ -35,12 +35,14 @@ QObject *ChainRig::processorObject(int place) const
     return dynamic_cast<QObject *>(m_core->processors().at(place));
 }
 
-void ChainRig::writeConfiguration(const QString &path)
+void ChainRig::writeConfiguration(const QString &path, const QVariantMap &extra)
 {
     QSettings settings(path, QSettings::IniFormat);
     settings.setIniCodec("UTF-8");
     settings.setValue(QStringLiteral("core/log"), QStringLiteral("*.debug=false;*.info=false"));
     settings.setValue(QStringLiteral("limit/waitTime"), 10000);
     settings.setValue(QStringLiteral("limit/keepAliveTime"), 60000);
+    for (auto setting = extra.cbegin(); setting != extra.cend(); ++setting)
+        settings.setValue(setting.key(), setting.value());
     settings.sync();
 }

@@ -6,6 +6,7 @@
 
 #include <QList>
 #include <QTemporaryDir>
+#include <QVariantMap>
 
 #include <memory>
 
@@ -19,8 +20,11 @@ class IProcessor;
 class ChainRig
 {
 public:
-    /** The service's own six processors, or the given ones in their place (Core takes them over). */
-    explicit ChainRig(const QList<IProcessor *> &replacement = {});
+    /**
+     * The service's own six processors, or the given ones in their place (Core takes them over); settings are
+     * further INI keys (group/key) for the configuration.
+     */
+    explicit ChainRig(const QList<IProcessor *> &replacement = {}, const QVariantMap &settings = {});
     ~ChainRig();
 
     ChainRig(const ChainRig &) = delete;
@@ -33,8 +37,9 @@ public:
     /** The processor at a place in the chain, as the QObject that Core connects. */
     QObject *processorObject(int place) const;
 
-    /** The configuration the rig gives Core: the shipped limit settings, debug and info filtered. */
-    static void writeConfiguration(const QString &path);
+    /** The configuration the rig gives Core: the shipped limit settings, debug and info filtered, and the extra keys.
+     */
+    static void writeConfiguration(const QString &path, const QVariantMap &extra);
 
 private:
     QTemporaryDir m_folder;

@@ -258,6 +258,7 @@ mosquitto *MqttConnection::create(
     };
     mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_int_option(mosq, MOSQ_OPT_SEND_MAXIMUM, 100);
     if (!options.username.isEmpty()) {
         const int rc = mosquitto_username_pw_set(
             mosq, options.username.toUtf8().constData(), orNull(utf8OrNull(options.password)));
@@ -319,8 +320,13 @@ void MqttConnection::attempt()
     const int fd = mosquitto_socket(m_mosq);
     m_readNotifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
     connect(m_readNotifier, &QSocketNotifier::activated, this, [this] {
-        if (m_mosq)
-            afterLoop(mosquitto_loop_read(m_mosq, 1));
+        if (!m_mosq)
+            return;
+        int rc = mosquitto_loop_read(m_mosq, 1);
+        // What the callbacks queued (acknowledgements answered with the next messages) goes out now, not a turn later.
+        if (rc == MOSQ_ERR_SUCCESS && !m_lost && mosquitto_want_write(m_mosq))
+            rc = mosquitto_loop_write(m_mosq, 1);
+        afterLoop(rc);
     });
     m_writeNotifier = new QSocketNotifier(fd, QSocketNotifier::Write, this);
     connect(m_writeNotifier, &QSocketNotifier::activated, this, [this] {

@@ -87,6 +87,9 @@ public:
             file.write(rules);
     }
 
+    /** Makes the broker send small packets at once instead of gathering them (Nagle's algorithm), as tuned brokers do. */
+    void setTcpNoDelay(bool noDelay) { m_noDelay = noDelay; }
+
     /** Keeps sessions and queued messages across a stop and start, as a broker with persistence does. */
     void setPersistent(bool persistent) { m_persistent = persistent; }
 
@@ -335,6 +338,8 @@ private:
         // Standard output would be buffered in a pipe; standard error is written at once.
         config += "log_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
         config += "max_queued_messages 100000\n";
+        if (m_noDelay)
+            config += "set_tcp_nodelay true\n";
         if (m_persistent)
             config += "persistence true\npersistence_location " + m_dir.path().toUtf8() + "/\n";
         else
@@ -366,6 +371,7 @@ private:
     Certificates m_certificates;
     bool m_tls = false;
     bool m_persistent = false;
+    bool m_noDelay = false;
     QProcess m_process;
     QByteArray m_output;
 };

@@ -257,8 +257,9 @@ mosquitto *MqttConnection::create(
         return nullptr;
     };
     mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-    mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_int_option(mosq, MOSQ_OPT_SEND_MAXIMUM, 100);
+    // Nagle's algorithm stays on: it gathers a burst of small messages into few packets and delays none that
+    // comes alone. The library may have as many messages on their way as the owner's window allows.
+    mosquitto_int_option(mosq, MOSQ_OPT_SEND_MAXIMUM, MaxInFlight);
     if (!options.username.isEmpty()) {
         const int rc = mosquitto_username_pw_set(
             mosq, options.username.toUtf8().constData(), orNull(utf8OrNull(options.password)));

@@ -49,6 +49,9 @@ public:
         Unusable ///< the broker will never take this message (topic or size); error says why
     };
 
+    /** Messages at QoS 1 that may wait for their acknowledgement at the same time; owners keep their window below. */
+    static constexpr int MaxInFlight = 100;
+
     explicit MqttConnection(const QLoggingCategory &category, QObject *parent = nullptr);
     ~MqttConnection() override;
 

@@ -13,9 +13,9 @@ Q_LOGGING_CATEGORY(lcMqttOut, "mqttOut")
 namespace {
 
 const QString Group = QStringLiteral("mqttOut");
-// Messages handed to the library and not yet confirmed: enough to keep a broker across the world busy, few enough
-// that a lost connection sends little twice.
-constexpr int InFlightWindow = 100;
+// Messages handed to the library and not yet confirmed: enough to keep a distant broker busy, few enough that a lost
+// connection sends little twice.
+constexpr int InFlightWindow = MqttConnection::MaxInFlight;
 constexpr int FirstRefusalReason = 0x80;
 
 const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String("{source}"),

@@ -152,8 +152,15 @@ template <std::size_t Count>
 void buildIds(std::array<QString, Count> &ids, const QString &machine, const QVector<ConditionItem> &items)
 {
     Q_ASSERT(items.size() == int(Count));
-    for (std::size_t i = 0; i < Count; ++i)
-        ids[i] = machine + items.at(int(i)).idSuffix;
+    for (std::size_t i = 0; i < Count; ++i) {
+        // Sized exactly: the ids are kept for the life of the process for every machine, and a concatenation
+        // (QString r(a); r += b) leaves room for about twice their length.
+        const QString &suffix = items.at(int(i)).idSuffix;
+        QString &id = ids[i];
+        id.reserve(machine.size() + suffix.size());
+        id.append(machine);
+        id.append(suffix);
+    }
 }
 
 ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)

@@ -356,6 +356,7 @@ private slots:
     void knownConditionsPerSource();
     void knownConditionsPerMachine();
     void emptyMachineName();
+    void conditionIdsHaveNoSpareRoom();
 
     void notificationLevel_data();
     void notificationLevel();
@@ -1053,6 +1054,33 @@ void tst_OpcUaToMMMapper::emptyMachineName()
     mapper.processData(s_when, QString(), "s1", QVariant::fromValue(fullState()));
     const auto datas = qvariant_cast<ConditionDatasV2>(onlyDataset(spy, "ConditionDatasV2"));
     QCOMPARE(datas.items.first().id, QStringLiteral("/State/Machine/Flags/MachineOn"));
+}
+
+void tst_OpcUaToMMMapper::conditionIdsHaveNoSpareRoom()
+{
+    // The ids are kept for every machine for the life of the process: no room beyond their length.
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    mapper.processData(s_when, "edgebander-00001", "opcua-client", QVariant::fromValue(fullState()));
+    const auto definitions = qvariant_cast<ConditionDefinitionsV2>(onlyDataset(spy, "ConditionDefinitionsV2"));
+    const auto datas = qvariant_cast<ConditionDatasV2>(onlyDataset(spy, "ConditionDatasV2"));
+    QCOMPARE(datas.items.size(), int(std::size(s_stateItems)));
+    for (int i = 0; i < datas.items.size(); ++i) {
+        const QString &id = datas.items.at(i).id;
+        QCOMPARE(id.capacity(), id.size());
+        // One string per id, shared by the definition and the data.
+        QVERIFY(id.isSharedWith(definitions.items.at(i).id));
+    }
+
+    spy.clear();
+    WwIdentification identification;
+    identification.ManufacturerUri = "https://maker.example";
+    identification.CustomerCompanyName = "Customer Ltd";
+    mapper.processData(s_when, "edgebander-00001", "opcua-client", QVariant::fromValue(identification));
+    const auto nameplate = qvariant_cast<ConditionDatasV2>(onlyDataset(spy, "ConditionDatasV2"));
+    QCOMPARE(nameplate.items.size(), 8);
+    for (const ConditionDataV2 &item : nameplate.items)
+        QCOMPARE(item.id.capacity(), item.id.size());
 }
 
 namespace {

@@ -540,7 +540,12 @@ void tst_MqttOut::spoolLimitDropsTheOldest()
             memory = residentBytes();
     }
     const qint64 growth = residentBytes() - memory;
+#ifdef __SANITIZE_ADDRESS__
+    // AddressSanitizer keeps freed memory in quarantine, so only a plain build shows what the target holds.
+    Q_UNUSED(growth)
+#else
     QVERIFY2(growth < 2 * 1024 * 1024, qPrintable(QString::number(growth)));
+#endif
     QVERIFY(folderBytes(spool) <= 65536 + 4096 + 64);
 
     static const QRegularExpression dropped(

@@ -126,7 +126,7 @@ bool MqttConnection::checkTopic(const QByteArray &topic, bool filter, QString *e
 {
     const int rc = topic.isEmpty() ? MOSQ_ERR_INVAL
         : filter                   ? mosquitto_sub_topic_check2(topic.constData(), size_t(topic.size()))
-                          : mosquitto_pub_topic_check2(topic.constData(), size_t(topic.size()));
+                                   : mosquitto_pub_topic_check2(topic.constData(), size_t(topic.size()));
     if (rc == MOSQ_ERR_SUCCESS && mosquitto_validate_utf8(topic.constData(), topic.size()) == MOSQ_ERR_SUCCESS)
         return true;
     if (error) {
@@ -194,8 +194,8 @@ QString MqttConnection::address() const
     return QStringLiteral("%1:%2").arg(m_options.host).arg(m_options.port);
 }
 
-MqttConnection::Publish MqttConnection::publish(const QByteArray &topic, const QByteArray &payload, int qos,
-    bool retain, int *mid, bool *confirmed, QString *error)
+MqttConnection::Publish MqttConnection::publish(
+    const QByteArray &topic, const QByteArray &payload, int qos, bool retain, int *mid, bool *confirmed, QString *error)
 {
     *confirmed = false;
     if (!m_mosq || !m_connected || m_lost)
@@ -311,8 +311,8 @@ void MqttConnection::attempt()
     m_pendingSubscriptions.clear();
     errno = 0;
     // Resolves the host name in this thread; the TCP connect itself does not block.
-    const int rc = mosquitto_connect_async(m_mosq, m_options.host.toUtf8().constData(), m_options.port,
-        m_options.keepAlive);
+    const int rc
+        = mosquitto_connect_async(m_mosq, m_options.host.toUtf8().constData(), m_options.port, m_options.keepAlive);
     const int savedErrno = errno;
     if (rc != MOSQ_ERR_SUCCESS) {
         drop(m_libraryError.isEmpty() ? reasonText(rc, savedErrno) : m_libraryError);
@@ -441,8 +441,8 @@ void MqttConnection::onConnect(mosquitto *mosq, void *self, int reasonCode, int,
     connection->m_connected = true;
     connection->m_failures = 0;
     connection->m_reportedUnreachable = false;
-    qCInfo(connection->m_category) << QStringLiteral("Connected to %1 as %2")
-                                          .arg(connection->address(), connection->m_options.clientId);
+    qCInfo(connection->m_category)
+        << QStringLiteral("Connected to %1 as %2").arg(connection->address(), connection->m_options.clientId);
     if (!connection->m_statusTopic.isEmpty()) {
         int mid = 0;
         if (mosquitto_publish(mosq, &mid, connection->m_statusTopic.constData(), 6, "online", 1, true)
@@ -490,8 +490,8 @@ void MqttConnection::onPublish(mosquitto *, void *self, int mid, int reasonCode,
     emit connection->published(mid, reasonCode);
 }
 
-void MqttConnection::onSubscribe(mosquitto *, void *self, int mid, int count, const int *granted,
-    const mqtt5__property *)
+void MqttConnection::onSubscribe(
+    mosquitto *, void *self, int mid, int count, const int *granted, const mqtt5__property *)
 {
     MqttConnection *connection = static_cast<MqttConnection *>(self);
     const QStringList filters = connection->m_pendingSubscriptions.take(mid);
@@ -501,15 +501,16 @@ void MqttConnection::onSubscribe(mosquitto *, void *self, int mid, int count, co
                                                      .arg(connection->address(), filters.at(i),
                                                          QString::fromUtf8(mosquitto_reason_string(granted[i])));
         else
-            qCDebug(connection->m_category) << QStringLiteral("Subscribed to %1 at QoS %2").arg(filters.at(i)).arg(granted[i]);
+            qCDebug(connection->m_category)
+                << QStringLiteral("Subscribed to %1 at QoS %2").arg(filters.at(i)).arg(granted[i]);
     }
 }
 
 void MqttConnection::onMessage(mosquitto *, void *self, const mosquitto_message *message, const mqtt5__property *)
 {
     MqttConnection *connection = static_cast<MqttConnection *>(self);
-    emit connection->messageReceived(QByteArray(message->topic),
-        QByteArray(static_cast<const char *>(message->payload), message->payloadlen));
+    emit connection->messageReceived(
+        QByteArray(message->topic), QByteArray(static_cast<const char *>(message->payload), message->payloadlen));
 }
 
 void MqttConnection::onLog(mosquitto *, void *self, int level, const char *text)

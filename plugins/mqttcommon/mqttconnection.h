@@ -52,13 +52,14 @@ public:
     /** Messages at QoS 1 that may wait for their acknowledgement at the same time; owners keep their window below. */
     static constexpr int MaxInFlight = 100;
 
+    /** A connection that is not open yet; its log lines go to category, the owning plugin's. */
     explicit MqttConnection(const QLoggingCategory &category, QObject *parent = nullptr);
     ~MqttConnection() override;
 
-    /** Checks the options against the library without connecting; false with a sentence in error when they can't work. */
+    /** Checks the options against the library without connecting; false with a sentence in error if they can't work. */
     static bool check(const Options &options, QString *error);
 
-    /** Milliseconds before the next attempt after failures failed ones: doubling from initialMs up to maximumMs, with jitter. */
+    /** Milliseconds to wait after failures failed attempts: doubling from initialMs up to maximumMs, with jitter. */
     static int reconnectDelay(int failures, int initialMs, int maximumMs);
 
     /** Whether topic can be published to, or as a filter subscribed to; false with the library's reason in error. */
@@ -67,6 +68,7 @@ public:
     /** The text of an MQTT 5 reason code, as the broker's reason for a refusal. */
     static QString reasonString(int reasonCode);
 
+    /** The broker and how to log in; used from the next attempt on. */
     void setOptions(const Options &options);
     /** Sets the reconnect back-off (1000 ms to 60000 ms unless set); takes effect at the next failure. */
     void setReconnectDelays(int initialMs, int maximumMs);
@@ -80,6 +82,7 @@ public:
     /** Says "offline" on the status topic, disconnects cleanly and stops reconnecting; emits nothing. */
     void close();
 
+    /** Whether the broker has accepted the connection and it has not been lost since. */
     bool isConnected() const { return m_connected; }
     /** "host:port", the name of the broker in log lines. */
     QString address() const;
@@ -88,15 +91,16 @@ public:
      * Publishes a message. When the library confirms the message during this very call (QoS 0 is confirmed as soon
      * as it is written), confirmed is set and published() is not emitted for it.
      */
-    Publish publish(const QByteArray &topic, const QByteArray &payload, int qos, bool retain, int *mid,
-        bool *confirmed, QString *error);
+    Publish publish(const QByteArray &topic, const QByteArray &payload, int qos, bool retain, int *mid, bool *confirmed,
+        QString *error);
 
 signals:
     /** The broker accepted the connection (and the subscriptions were sent). */
     void connected();
     /** An established connection ended; an attempt that never connected does not emit this. */
     void disconnected();
-    /** The message mid was written (QoS 0) or acknowledged (QoS 1) with the broker's reason code (0x80 and up: refused). */
+    /** The message mid was written (QoS 0) or acknowledged (QoS 1), with the broker's reason code (0x80 up: refused).
+     */
     void published(int mid, int reasonCode);
     /** A message arrived on a subscribed topic. */
     void messageReceived(const QByteArray &topic, const QByteArray &payload);
@@ -105,10 +109,10 @@ private:
     static void onConnect(mosquitto *mosq, void *self, int reasonCode, int flags, const mqtt5__property *properties);
     static void onDisconnect(mosquitto *mosq, void *self, int reasonCode, const mqtt5__property *properties);
     static void onPublish(mosquitto *mosq, void *self, int mid, int reasonCode, const mqtt5__property *properties);
-    static void onSubscribe(mosquitto *mosq, void *self, int mid, int count, const int *granted,
-        const mqtt5__property *properties);
-    static void onMessage(mosquitto *mosq, void *self, const mosquitto_message *message,
-        const mqtt5__property *properties);
+    static void onSubscribe(
+        mosquitto *mosq, void *self, int mid, int count, const int *granted, const mqtt5__property *properties);
+    static void onMessage(
+        mosquitto *mosq, void *self, const mosquitto_message *message, const mqtt5__property *properties);
     static void onLog(mosquitto *mosq, void *self, int level, const char *text);
 
     void attempt();

@@ -244,8 +244,7 @@ bool MqttSpool::startSegment(quint64 first, QString *error)
     return true;
 }
 
-bool MqttSpool::append(const QByteArray &topic, const QByteArray &payload, bool retain, qint64 *dropped,
-    QString *error)
+bool MqttSpool::append(const QByteArray &topic, const QByteArray &payload, bool retain, qint64 *dropped, QString *error)
 {
     *dropped = 0;
     const qint64 body = BodyPrefixBytes + topic.size() + payload.size();
@@ -350,9 +349,8 @@ bool MqttSpool::next(Record *record)
         m_sendOffset = 0;
     qint64 size = 0;
     if (!readRecord(*segment, m_sendOffset, record, &size)) {
-        qCWarning(m_category) << QStringLiteral("Can't read spool file %1 at byte %2")
-                                     .arg(segmentPath(segment->first))
-                                     .arg(m_sendOffset);
+        qCWarning(m_category)
+            << QStringLiteral("Can't read spool file %1 at byte %2").arg(segmentPath(segment->first)).arg(m_sendOffset);
         return false;
     }
     record->sequence = m_send;

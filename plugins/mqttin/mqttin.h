@@ -38,6 +38,7 @@ public:
     void setReconnectDelays(int initialMs, int maximumMs);
 
 signals:
+    /** One dataset of a message, in the order of the message's lines. */
     void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 public slots:

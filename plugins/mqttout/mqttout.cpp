@@ -18,8 +18,7 @@ const QString Group = QStringLiteral("mqttOut");
 constexpr int InFlightWindow = MqttConnection::MaxInFlight;
 constexpr int FirstRefusalReason = 0x80;
 
-const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String("{source}"),
-    QLatin1String("{type}") };
+const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String("{source}"), QLatin1String("{type}") };
 
 // A name put into a topic stays one level and never becomes a wildcard.
 QString topicLevel(const QString &name)
@@ -92,8 +91,9 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
         error = QStringLiteral("spool is empty");
         usable = false;
     }
-    if (usable && !MqttConnection::checkTopic(topicFor(QStringLiteral("m"), QStringLiteral("s"), QStringLiteral("t")),
-            false, &error)) {
+    if (usable
+        && !MqttConnection::checkTopic(
+            topicFor(QStringLiteral("m"), QStringLiteral("s"), QStringLiteral("t")), false, &error)) {
         error = QStringLiteral("topic: %1").arg(error);
         usable = false;
     }
@@ -211,8 +211,8 @@ void MqttOut::pump()
         if (result == MqttConnection::Publish::NotConnected)
             break;
         if (result == MqttConnection::Publish::Unusable) {
-            qCWarning(lcMqttOut) << QStringLiteral("Dropped the dataset on %1: %2")
-                                        .arg(QString::fromUtf8(record.topic), error);
+            qCWarning(lcMqttOut)
+                << QStringLiteral("Dropped the dataset on %1: %2").arg(QString::fromUtf8(record.topic), error);
             m_spool->acknowledge(record.sequence);
         } else if (confirmed) {
             m_spool->acknowledge(record.sequence);

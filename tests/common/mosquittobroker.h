@@ -87,7 +87,8 @@ public:
             file.write(rules);
     }
 
-    /** Makes the broker send small packets at once instead of gathering them (Nagle's algorithm), as tuned brokers do. */
+    /** Makes the broker send small packets at once instead of gathering them (Nagle's algorithm), as tuned brokers do.
+     */
     void setTcpNoDelay(bool noDelay) { m_noDelay = noDelay; }
 
     /** Keeps sessions and queued messages across a stop and start, as a broker with persistence does. */
@@ -143,8 +144,7 @@ public:
         files.clientKey = path("client.key");
         files.otherCaFile = path("other-ca.crt");
         QFile extensions(path("server.ext"));
-        if (!extensions.open(QIODevice::WriteOnly)
-            || extensions.write("subjectAltName=IP:127.0.0.1\n") < 0)
+        if (!extensions.open(QIODevice::WriteOnly) || extensions.write("subjectAltName=IP:127.0.0.1\n") < 0)
             files.error = QStringLiteral("can't write server.ext");
         extensions.close();
         const QStringList key { QStringLiteral("-newkey"), QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
@@ -152,22 +152,22 @@ public:
         const QVector<QStringList> steps {
             QStringList { QStringLiteral("req"), QStringLiteral("-x509") } + key
                 + QStringList { QStringLiteral("-keyout"), path("ca.key"), QStringLiteral("-out"), files.caFile,
-                      QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-                      QStringLiteral("/CN=orvix test CA") },
+                    QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                    QStringLiteral("/CN=orvix test CA") },
             QStringList { QStringLiteral("req"), QStringLiteral("-x509") } + key
                 + QStringList { QStringLiteral("-keyout"), path("other-ca.key"), QStringLiteral("-out"),
-                      files.otherCaFile, QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-                      QStringLiteral("/CN=some other CA") },
+                    files.otherCaFile, QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                    QStringLiteral("/CN=some other CA") },
             QStringList { QStringLiteral("req") } + key
-                + QStringList { QStringLiteral("-keyout"), files.serverKey, QStringLiteral("-out"),
-                      path("server.csr"), QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1") },
+                + QStringList { QStringLiteral("-keyout"), files.serverKey, QStringLiteral("-out"), path("server.csr"),
+                    QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1") },
             QStringList { QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), path("server.csr"),
                 QStringLiteral("-CA"), files.caFile, QStringLiteral("-CAkey"), path("ca.key"),
                 QStringLiteral("-CAcreateserial"), QStringLiteral("-out"), files.serverCert, QStringLiteral("-days"),
                 QStringLiteral("2"), QStringLiteral("-extfile"), path("server.ext") },
             QStringList { QStringLiteral("req") } + key
-                + QStringList { QStringLiteral("-keyout"), files.clientKey, QStringLiteral("-out"),
-                      path("client.csr"), QStringLiteral("-subj"), QStringLiteral("/CN=orvix test client") },
+                + QStringList { QStringLiteral("-keyout"), files.clientKey, QStringLiteral("-out"), path("client.csr"),
+                    QStringLiteral("-subj"), QStringLiteral("/CN=orvix test client") },
             QStringList { QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), path("client.csr"),
                 QStringLiteral("-CA"), files.caFile, QStringLiteral("-CAkey"), path("ca.key"),
                 QStringLiteral("-CAcreateserial"), QStringLiteral("-out"), files.clientCert, QStringLiteral("-days"),
@@ -191,10 +191,7 @@ public:
     class Client
     {
     public:
-        Client()
-        {
-            mosquitto_lib_init();
-        }
+        Client() { mosquitto_lib_init(); }
         ~Client()
         {
             if (m_mosq) {

@@ -267,7 +267,8 @@ void tst_MqttIn::badPayloads()
     QVERIFY(publisher.publish("plant/m1/good", GeneralLine));
     QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 20000);
     QCOMPARE(received.first().at(3).value<GeneralV1>().pieces, quint64(12));
-    QCOMPARE(warnings(), QStringList { warning(QStringLiteral("Dropped the message on plant/m1/bad: %1").arg(reason)) });
+    QCOMPARE(
+        warnings(), QStringList { warning(QStringLiteral("Dropped the message on plant/m1/bad: %1").arg(reason)) });
 }
 
 void tst_MqttIn::emptyMessageIsIgnored()
@@ -297,8 +298,8 @@ void tst_MqttIn::subscribesAgainAfterEveryReconnect()
     broker.stop();
     QTRY_VERIFY_WITH_TIMEOUT(!warnings().isEmpty(), 20000);
     QCOMPARE(warnings(),
-        QStringList { warning(
-            QStringLiteral("Connection to 127.0.0.1:%1 lost: The connection was lost.").arg(broker.port())) });
+        QStringList {
+            warning(QStringLiteral("Connection to 127.0.0.1:%1 lost: The connection was lost.").arg(broker.port())) });
     s_log.clear();
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     QVERIFY(waitForSubscription("plant/#"));
@@ -344,7 +345,8 @@ void tst_MqttIn::requestWithoutConnectionIsWarned()
     s_log.clear();
     in.machineRequest(QStringLiteral("m1"), QStringLiteral("reset"));
     QCOMPARE(warnings(),
-        QStringList { warning(QStringLiteral("Request for m1 not sent: not connected to 127.0.0.1:%1").arg(broker.port())) });
+        QStringList {
+            warning(QStringLiteral("Request for m1 not sent: not connected to 127.0.0.1:%1").arg(broker.port())) });
     MqttIn notInitialised;
     notInitialised.machineRequest(QStringLiteral("m1"), QStringLiteral("reset"));
     QCOMPARE(warnings().size(), 1);

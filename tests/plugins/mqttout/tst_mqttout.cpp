@@ -109,8 +109,8 @@ int runChild(int argc, char **argv)
     MqttOut out;
     out.setReconnectDelays(100, 500);
     QVariantMap shared;
-    if (!out.init(outConfig(quint16(arguments.at(2).toUInt()), arguments.at(3), { { "clientId", arguments.at(5) } }),
-            shared))
+    if (!out.init(
+            outConfig(quint16(arguments.at(2).toUInt()), arguments.at(3), { { "clientId", arguments.at(5) } }), shared))
         return 2;
     const int count = arguments.at(4).toInt();
     for (int i = 0; i < count; ++i)
@@ -232,9 +232,8 @@ void tst_MqttOut::initRefuses_data()
     const QString settingsProblem = QStringLiteral("Can't use the settings: %1");
     QTest::newRow("port 0") << QVariantMap { { "port", "0" } }
                             << settingsProblem.arg("port must be a whole number from 1 to 65535, not \\\"0\\\"");
-    QTest::newRow("port not a number") << QVariantMap { { "port", "x" } }
-                                       << settingsProblem.arg(
-                                              "port must be a whole number from 1 to 65535, not \\\"x\\\"");
+    QTest::newRow("port not a number") << QVariantMap { { "port",
+        "x" } } << settingsProblem.arg("port must be a whole number from 1 to 65535, not \\\"x\\\"");
     QTest::newRow("qos 2") << QVariantMap { { "qos", "2" } }
                            << settingsProblem.arg("qos must be a whole number from 0 to 1, not \\\"2\\\"");
     QTest::newRow("keepAlive 3") << QVariantMap { { "keepAlive", "3" } }
@@ -252,9 +251,9 @@ void tst_MqttOut::initRefuses_data()
                                            << settingsProblem.arg("topic: \\\"orvix/#/t\\\" is not a valid topic");
     QTest::newRow("no spool") << QVariantMap { { "spool", "" } } << settingsProblem.arg("spool is empty");
     QVERIFY(writeFile(m_dir.filePath("file"), "not a folder"));
-    QTest::newRow("spool under a file")
-        << QVariantMap { { "spool", m_dir.filePath("file/spool") } }
-        << QStringLiteral("Can't use the spool %1: can't create the folder").arg(m_dir.filePath("file/spool"));
+    QTest::newRow("spool under a file") << QVariantMap {
+        { "spool", m_dir.filePath("file/spool") }
+    } << QStringLiteral("Can't use the spool %1: can't create the folder").arg(m_dir.filePath("file/spool"));
 }
 
 void tst_MqttOut::initRefuses()
@@ -284,8 +283,8 @@ void tst_MqttOut::unreachableBrokerIsNoFailure()
                        "waiting\"")
             .arg(broker.port())
             .arg(spool));
-    QCOMPARE(s_log.at(1),
-        warning(QStringLiteral("Can't reach broker 127.0.0.1:%1: Connection refused").arg(broker.port())));
+    QCOMPARE(
+        s_log.at(1), warning(QStringLiteral("Can't reach broker 127.0.0.1:%1: Connection refused").arg(broker.port())));
 }
 
 void tst_MqttOut::notInitialisedIgnoresData()
@@ -343,7 +342,8 @@ void tst_MqttOut::roundTripThroughMqttIn()
         QVERIFY(DatasetCodec::decodeLine(lines.at(i), &sent));
         const QVariantList &got = received.at(i);
         QCOMPARE(got.at(1).toString(), sent.machine);
-        QCOMPARE(DatasetCodec::encodeLine(got.at(0).toDateTime(), got.at(1).toString(), got.at(2).toString(), got.at(3)),
+        QCOMPARE(
+            DatasetCodec::encodeLine(got.at(0).toDateTime(), got.at(1).toString(), got.at(2).toString(), got.at(3)),
             DatasetCodec::encodeLine(sent.timestamp, sent.machine, sent.source, sent.data));
     }
     QCOMPARE(linesStartingWith("WARNING"), QStringList());
@@ -371,8 +371,8 @@ void tst_MqttOut::topicTemplateAndRetainedTypes()
     QTRY_COMPARE_WITH_TIMEOUT(live.count(), 3, 20000);
     const QVector<MosquittoBroker::Message> messages = live.messages();
     QCOMPARE(messages.at(0).topic, QByteArray("plant/opcua/hall 2_edge_1_/StateV1"));
-    QCOMPARE(messages.at(0).payload,
-        DatasetCodec::encodeLine(When, "hall 2/edge+1#", "opcua", QVariant::fromValue(state)));
+    QCOMPARE(
+        messages.at(0).payload, DatasetCodec::encodeLine(When, "hall 2/edge+1#", "opcua", QVariant::fromValue(state)));
     QCOMPARE(messages.at(1).topic, QByteArray("plant/opcua/{type}/GeneralV1"));
     QCOMPARE(messages.at(1).payload, DatasetCodec::encodeLine(When, "{type}", "opcua", operatingData(7)));
     QCOMPARE(messages.at(2).topic, QByteArray("plant/opcua/m1/SwVerV1"));
@@ -581,10 +581,10 @@ void tst_MqttOut::datasetLargerThanTheSpool()
     out.processData(When, "m1", "s", huge);
     out.processData(When, "m1", "s", operatingData(1));
     out.processData(When, "m1", "s", huge);
-    const QString tooLarge = warning(QStringLiteral("Dropped a dataset of m1: a record of %1 bytes does not fit into "
-                                                    "a spool of 65536 bytes")
-                                         .arg(11 + QByteArray("orvix/m1/QString").size()
-                                             + DatasetCodec::encodeLine(When, "m1", "s", huge).size()));
+    const QString tooLarge = warning(
+        QStringLiteral("Dropped a dataset of m1: a record of %1 bytes does not fit into "
+                       "a spool of 65536 bytes")
+            .arg(11 + QByteArray("orvix/m1/QString").size() + DatasetCodec::encodeLine(When, "m1", "s", huge).size()));
     // Said once for a run of failures, and again after a success.
     QCOMPARE(linesStartingWith("WARNING"), QStringList({ tooLarge, tooLarge }));
     QCOMPARE(out.spooled(), 1);
@@ -612,8 +612,8 @@ void tst_MqttOut::usernameAndPassword()
     QCOMPARE(wrong.spooled(), 1);
 
     MqttOut right;
-    QVERIFY(right.init(outConfig(broker.port(), m_dir.filePath("right"),
-                           { { "username", "orvix" }, { "password", "s3cret" } }),
+    QVERIFY(right.init(
+        outConfig(broker.port(), m_dir.filePath("right"), { { "username", "orvix" }, { "password", "s3cret" } }),
         shared));
     right.processData(When, "m1", "s", operatingData(2));
     QTRY_COMPARE_WITH_TIMEOUT(numbers(watcher.payloads()), QList<int> { 2 }, 20000);
@@ -632,9 +632,9 @@ void tst_MqttOut::tlsWithAClientCertificate()
     MqttOut withoutCertificate;
     withoutCertificate.setReconnectDelays(100, 500);
     QVariantMap shared;
-    QVERIFY(withoutCertificate.init(outConfig(broker.port(), m_dir.filePath("nocert"),
-                                        { { "tls", "true" }, { "caFile", m_certificates.caFile },
-                                            { "clientId", "orvix-nocert" } }),
+    QVERIFY(withoutCertificate.init(
+        outConfig(broker.port(), m_dir.filePath("nocert"),
+            { { "tls", "true" }, { "caFile", m_certificates.caFile }, { "clientId", "orvix-nocert" } }),
         shared));
     withoutCertificate.processData(When, "m1", "s", operatingData(1));
 

@@ -151,8 +151,8 @@ void tst_MqttConnection::checkRefuses_data()
     QTest::newRow("password alone") << "password"
                                     << "secret"
                                     << "password is set but username is empty";
-    QTest::newRow("certificate without key") << "certFile" << m_certificates.clientCert
-                                             << "certFile and keyFile must be set together";
+    QTest::newRow("certificate without key")
+        << "certFile" << m_certificates.clientCert << "certFile and keyFile must be set together";
     QTest::newRow("missing CA file") << "caFile" << m_dir.filePath("nothing.crt")
                                      << QStringLiteral("can't read %1").arg(m_dir.filePath("nothing.crt"));
 }
@@ -244,8 +244,8 @@ void tst_MqttConnection::connectsPublishesAndSaysOnlineThenOffline()
     QTRY_COMPARE_WITH_TIMEOUT(watcher.payloads("orvix/status/"), (QList<QByteArray> { "online", "offline" }), 20000);
     QCOMPARE(disconnected.size(), 0);
     QCOMPARE(s_log.first(), line("DEBUG", QStringLiteral("Connecting to 127.0.0.1:%1, attempt 1").arg(broker.port())));
-    QVERIFY(s_log.contains(
-        line("INFO", QStringLiteral("Connected to 127.0.0.1:%1 as orvix-conntest").arg(broker.port()))));
+    QVERIFY(
+        s_log.contains(line("INFO", QStringLiteral("Connected to 127.0.0.1:%1 as orvix-conntest").arg(broker.port()))));
     QCOMPARE(countLines("WARNING"), 0);
 }
 
@@ -262,13 +262,12 @@ void tst_MqttConnection::qosZeroIsConfirmedWhileWriting()
     int mid = 0;
     bool confirmed = false;
     QString error;
-    QCOMPARE(connection.publish("orvix/m1/x", "{}", 0, false, &mid, &confirmed, &error),
-        MqttConnection::Publish::Sent);
+    QCOMPARE(connection.publish("orvix/m1/x", "{}", 0, false, &mid, &confirmed, &error), MqttConnection::Publish::Sent);
     QVERIFY(confirmed);
     QTest::qWait(50);
     QCOMPARE(published.size(), 0);
-    QCOMPARE(connection.publish("orvix/+/x", "{}", 0, false, &mid, &confirmed, &error),
-        MqttConnection::Publish::Unusable);
+    QCOMPARE(
+        connection.publish("orvix/+/x", "{}", 0, false, &mid, &confirmed, &error), MqttConnection::Publish::Unusable);
     QCOMPARE(error, QStringLiteral("Invalid function arguments provided."));
 }
 
@@ -284,7 +283,8 @@ void tst_MqttConnection::unreachableBrokerIsWarnedOnceThenRetriedWithBackOff()
     QTRY_VERIFY_WITH_TIMEOUT(countLines("DEBUG conntest: \"Connecting to") >= 5, 20000);
     QCOMPARE(s_log.at(0), line("DEBUG", QStringLiteral("Connecting to %1, attempt 1").arg(address)));
     QCOMPARE(s_log.at(1), line("WARNING", QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
-    QVERIFY(s_log.at(2).startsWith(line("DEBUG", QStringLiteral("Next attempt to reach %1 in ").arg(address)).chopped(1)));
+    QVERIFY(
+        s_log.at(2).startsWith(line("DEBUG", QStringLiteral("Next attempt to reach %1 in ").arg(address)).chopped(1)));
     QCOMPARE(s_log.at(3), line("DEBUG", QStringLiteral("Connecting to %1, attempt 2").arg(address)));
     QCOMPARE(s_log.at(4), line("DEBUG", QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
     QCOMPARE(countLines("WARNING"), 1);
@@ -325,7 +325,8 @@ void tst_MqttConnection::lossIsWarnedWithTheReasonAndReconnects()
     intruder.open();
     QTRY_COMPARE_WITH_TIMEOUT(disconnected.size(), 1, 20000);
     const QString address = QStringLiteral("127.0.0.1:%1").arg(broker.port());
-    const QString lost = line("WARNING", QStringLiteral("Connection to %1 lost: The connection was lost.").arg(address));
+    const QString lost
+        = line("WARNING", QStringLiteral("Connection to %1 lost: The connection was lost.").arg(address));
     QVERIFY2(s_log.contains(lost), qPrintable(s_log.join('\n')));
     intruder.close();
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 2, 20000);
@@ -428,8 +429,8 @@ void tst_MqttConnection::refusedPasswordIsWarnedWithTheBrokersReason()
     connection.setReconnectDelays(100, 200);
     connection.open();
     // Mosquitto answers a wrong password to an MQTT 5 client with "not authorized".
-    const QString refused = line("WARNING",
-        QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
+    const QString refused = line(
+        "WARNING", QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
     // Every refusal is warned: it needs someone to fix the configuration.
     QTRY_VERIFY2_WITH_TIMEOUT(countLines(refused) >= 2, qPrintable(s_log.join('\n')), 20000);
     QCOMPARE(connected.size(), 0);

@@ -13,6 +13,7 @@
 
 #include <QVector>
 
+#include <cstring>
 #include <type_traits>
 
 namespace {
@@ -111,6 +112,41 @@ template <typename T> const T *presentValue(const T &value)
 template <typename T> const T *presentValue(const std::optional<T> &value)
 {
     return value ? &*value : nullptr;
+}
+
+/** Calls visit(index, value) for each flag and value of a state in the order of their conditions; nullptr: absent. */
+template <typename Visit> void visitStateItems(const WwState &state, Visit &&visit)
+{
+    if (state.Flags) {
+        const WwStateFlags &flags = *state.Flags;
+        int index = 0;
+        WwStateFlags::visitFields([&](const char *, auto member) { visit(index++, presentValue(flags.*member)); });
+    }
+    if (state.Values) {
+        const WwStateValues &values = *state.Values;
+        int index = FlagCount;
+        WwStateValues::visitFields([&](const char *, auto member) { visit(index++, presentValue(values.*member)); });
+    }
+}
+
+// Bit for bit, so that a value that compares equal but is not the same (-0.0 after 0.0) still goes out as it came.
+template <typename T> bool sameBits(const T &a, const T &b)
+{
+    static_assert(std::is_trivially_copyable_v<T>, "compared as plain memory");
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+/** Whether a variant holds this value with its type, exactly as QVariant::fromValue(value) would. */
+template <typename T> bool holdsValue(const QVariant &variant, const T &value)
+{
+    return variant.userType() == qMetaTypeId<T>() && sameBits(*static_cast<const T *>(variant.constData()), value);
+}
+
+bool sameOperatingData(const GeneralV1 &a, const GeneralV1 &b)
+{
+    bool same = true;
+    GeneralV1::visitFields([&](const char *, auto member) { same = same && sameBits(a.*member, b.*member); });
+    return same;
 }
 
 template <typename Record> void appendItems(QVector<ConditionItem> &items, QLatin1String idPart)
@@ -238,8 +274,12 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
     if (data.canConvert<WwState>()) {
         const WwState state = qvariant_cast<WwState>(data);
         mapState(timestamp, machine, source, state);
-        mapOperatingData(timestamp, machine, source, state);
-        mapStateConditions(timestamp, machine, source, state);
+        // An offline machine yields nothing more, and nothing is kept for it.
+        if (state.MachineState == 0)
+            return;
+        KnownMachine &known = knownMachine(source, machine);
+        mapOperatingData(timestamp, machine, source, state, known);
+        mapStateConditions(timestamp, machine, source, state, known);
         return;
     }
     if (data.canConvert<WwIdentification>()) {
@@ -253,9 +293,9 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
     emit dataProcessed(timestamp, machine, source, data);
 }
 
-OpcUaToMMMapper::MachineConditions &OpcUaToMMMapper::machineConditions(const QString &source, const QString &machine)
+OpcUaToMMMapper::KnownMachine &OpcUaToMMMapper::knownMachine(const QString &source, const QString &machine)
 {
-    return m_knownConditions[source][machine];
+    return m_knownMachines[source][machine];
 }
 
 void OpcUaToMMMapper::mapState(
@@ -268,11 +308,10 @@ void OpcUaToMMMapper::mapState(
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(result));
 }
 
-void OpcUaToMMMapper::mapOperatingData(
-    const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state)
+void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
+    const WwState &state, KnownMachine &known)
 {
-    if (state.MachineState == 0)
-        return;
+    Q_ASSERT(state.MachineState != 0);
     if (!state.Values) {
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Values are not availabe, unable to calculate GeneralV1");
         return;
@@ -300,68 +339,90 @@ void OpcUaToMMMapper::mapOperatingData(
         general.length = double(*values.AbsoluteLength / 1000u);
     else
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsoluteLength is not set");
-    emit dataProcessed(timestamp, machine, source, QVariant::fromValue(general));
+
+    // The variant of the last one is sent again while the counters stand still, and otherwise overwritten in place
+    // unless a receiver still holds it (QVariant::data() copies it then).
+    if (!known.operatingData.isValid())
+        known.operatingData = QVariant::fromValue(general);
+    else if (!sameOperatingData(*static_cast<const GeneralV1 *>(known.operatingData.constData()), general))
+        *static_cast<GeneralV1 *>(known.operatingData.data()) = general;
+    emit dataProcessed(timestamp, machine, source, known.operatingData);
 }
 
-void OpcUaToMMMapper::mapStateConditions(
-    const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state)
+void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
+    const WwState &state, KnownMachine &known)
 {
-    if (state.MachineState == 0 || (!state.Flags && !state.Values))
-        return;
+    Q_ASSERT(state.MachineState != 0);
     static_assert(FlagCount + ValueCount == StateItemCount, "one condition per flag and value");
-    const QVector<ConditionItem> &items = stateItems();
-    MachineConditions &conditions = machineConditions(source, machine);
+    std::bitset<StateItemCount> present;
+    visitStateItems(state, [&](int i, const auto *value) {
+        if (value)
+            present.set(i);
+    });
+    if (present.none())
+        return;
     // The ids are built once per source and machine, so that a steady stream of updates builds no strings.
-    if (!conditions.stateIdsBuilt) {
-        buildIds(conditions.stateIds, machine, items);
-        conditions.stateIdsBuilt = true;
+    if (!known.stateIdsBuilt) {
+        buildIds(known.stateIds, machine, stateItems());
+        known.stateIdsBuilt = true;
     }
 
-    ConditionDefinitionsV2 definitions;
-    definitions.timestamp = timestamp;
-    ConditionDatasV2 datas;
-    datas.timestamp = timestamp;
-    datas.items.reserve(StateItemCount);
-    int index = 0;
-    const auto addItem = [&](const auto &field) {
-        const int i = index++;
-        const auto *value = presentValue(field);
-        if (!value)
-            return;
-        const QString &id = conditions.stateIds[i];
-        if (!conditions.stateDefined.test(i)) {
-            conditions.stateDefined.set(i);
-            definitions.items.append(conditionDefinition(id, items.at(i)));
+    const std::bitset<StateItemCount> undefined = present & ~known.stateDefined;
+    if (undefined.any()) {
+        const QVector<ConditionItem> &items = stateItems();
+        ConditionDefinitionsV2 definitions;
+        definitions.timestamp = timestamp;
+        for (int i = 0; i < StateItemCount; ++i) {
+            if (undefined.test(i))
+                definitions.items.append(conditionDefinition(known.stateIds[i], items.at(i)));
         }
-        ConditionDataV2 data;
-        data.id = id;
-        data.value = QVariant::fromValue(*value);
-        datas.items.append(data);
-    };
-    if (state.Flags) {
-        const WwStateFlags &flags = *state.Flags;
-        WwStateFlags::visitFields([&](const char *, auto member) { addItem(flags.*member); });
-    }
-    index = FlagCount;
-    if (state.Values) {
-        const WwStateValues &values = *state.Values;
-        WwStateValues::visitFields([&](const char *, auto member) { addItem(values.*member); });
+        known.stateDefined |= present;
+        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
     }
 
-    if (!definitions.items.isEmpty())
-        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
-    if (!datas.items.isEmpty())
-        emit dataProcessed(timestamp, machine, source, QVariant::fromValue(datas));
+    // The last list sent is kept and brought up to date: its nodes are copied only when a value changed while a
+    // receiver still holds the list, and an update that changes nothing sends the same list again. QVariant::data()
+    // and the non-const QList::operator[] copy what is shared, so a dataset that went out never changes.
+    if (!known.stateDatas.isValid())
+        known.stateDatas = QVariant::fromValue(ConditionDatasV2());
+    auto &datas = *static_cast<ConditionDatasV2 *>(known.stateDatas.data());
+    datas.timestamp = timestamp;
+    if (present == known.stateInDatas) {
+        const QList<ConditionDataV2> &sent = datas.items;
+        int position = 0;
+        visitStateItems(state, [&](int, const auto *value) {
+            if (!value)
+                return;
+            const int at = position++;
+            if (!holdsValue(sent.at(at).value, *value))
+                datas.items[at].value = QVariant::fromValue(*value);
+        });
+    } else {
+        // An item came or went: rare, so the list is made anew.
+        QList<ConditionDataV2> list;
+        list.reserve(int(present.count()));
+        visitStateItems(state, [&](int i, const auto *value) {
+            if (!value)
+                return;
+            ConditionDataV2 data;
+            data.id = known.stateIds[i];
+            data.value = QVariant::fromValue(*value);
+            list.append(data);
+        });
+        datas.items = list;
+        known.stateInDatas = present;
+    }
+    emit dataProcessed(timestamp, machine, source, known.stateDatas);
 }
 
 void OpcUaToMMMapper::mapIdentification(
     const QDateTime &timestamp, const QString &machine, const QString &source, const WwIdentification &identification)
 {
     const QVector<ConditionItem> &items = identificationItems();
-    MachineConditions &conditions = machineConditions(source, machine);
-    if (!conditions.identificationIdsBuilt) {
-        buildIds(conditions.identificationIds, machine, items);
-        conditions.identificationIdsBuilt = true;
+    KnownMachine &known = knownMachine(source, machine);
+    if (!known.identificationIdsBuilt) {
+        buildIds(known.identificationIds, machine, items);
+        known.identificationIdsBuilt = true;
     }
 
     ConditionDefinitionsV2 definitions;
@@ -376,9 +437,9 @@ void OpcUaToMMMapper::mapIdentification(
         const auto *value = presentValue(identification.*member);
         if (!value)
             return;
-        const QString &id = conditions.identificationIds[i];
-        if (!conditions.identificationDefined.test(i)) {
-            conditions.identificationDefined.set(i);
+        const QString &id = known.identificationIds[i];
+        if (!known.identificationDefined.test(i)) {
+            known.identificationDefined.set(i);
             definitions.items.append(conditionDefinition(id, items.at(i)));
         }
         ConditionDataV2 data;

@@ -40,30 +40,40 @@ private:
     /** The number of nameplate fields that become conditions. */
     static constexpr int IdentificationFieldCount = 18;
 
-    /** The condition ids of one machine as one source reports it, and which of them have been defined already. */
-    struct MachineConditions
+    /**
+     * What is kept of one machine as one source reports it: its condition ids, which of them have been defined
+     * already, and the last condition values and operating data sent, which the next update changes in place.
+     */
+    struct KnownMachine
     {
         std::array<QString, StateItemCount> stateIds;
+        /** The last ConditionDatasV2 of the flags and values, shared with its receivers until it changes. */
+        QVariant stateDatas;
+        /** The last GeneralV1, shared with its receivers until it changes. */
+        QVariant operatingData;
         std::bitset<StateItemCount> stateDefined;
-        bool stateIdsBuilt = false;
+        /** The flags and values that stateDatas holds, in their order. */
+        std::bitset<StateItemCount> stateInDatas;
         std::array<QString, IdentificationFieldCount> identificationIds;
         std::bitset<IdentificationFieldCount> identificationDefined;
+        bool stateIdsBuilt = false;
         bool identificationIdsBuilt = false;
     };
 
-    MachineConditions &machineConditions(const QString &source, const QString &machine);
+    KnownMachine &knownMachine(const QString &source, const QString &machine);
     void mapState(const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
-    void mapOperatingData(
-        const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
-    void mapStateConditions(
-        const QDateTime &timestamp, const QString &machine, const QString &source, const WwState &state);
+    void mapOperatingData(const QDateTime &timestamp, const QString &machine, const QString &source,
+        const WwState &state, KnownMachine &known);
+    void mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
+        const WwState &state, KnownMachine &known);
     void mapIdentification(const QDateTime &timestamp, const QString &machine, const QString &source,
         const WwIdentification &identification);
     void mapEvent(
         const QDateTime &timestamp, const QString &machine, const QString &source, const WwBaseEventType &event);
 
-    // Per source, per machine: a condition definition goes out once per source and condition id.
-    QHash<QString, QHash<QString, MachineConditions>> m_knownConditions;
+    // Per source, then per machine: a condition definition goes out once per source and condition id, and two
+    // sources that report one machine each keep the values they sent.
+    QHash<QString, QHash<QString, KnownMachine>> m_knownMachines;
 };
 
 #endif

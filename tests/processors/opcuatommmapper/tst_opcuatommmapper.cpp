@@ -268,6 +268,223 @@ QStringList typeNames(const QSignalSpy &spy)
     return names;
 }
 
+template <typename T> const T *presentOf(const T &value)
+{
+    return &value;
+}
+
+template <typename T> const T *presentOf(const std::optional<T> &value)
+{
+    return value ? &*value : nullptr;
+}
+
+/** A number as text that tells every double apart, -0.0 from 0.0 included. */
+QString bitsOf(double number)
+{
+    return QString::number(number, 'g', 17) + '#'
+        + QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(&number), sizeof number).toHex());
+}
+
+/** One condition value as "id type value". */
+QString describeItem(const QString &id, const QVariant &value)
+{
+    const QString text = id + ' ' + QString::fromLatin1(value.typeName()) + ' ';
+    if (value.userType() == QMetaType::Double)
+        return text + bitsOf(value.toDouble());
+    return text + value.toString();
+}
+
+QString describeGeneral(const GeneralV1 &general)
+{
+    return QStringLiteral("GeneralV1 %1 %2 %3 %4 %5 %6")
+        .arg(bitsOf(general.powerOnHours), bitsOf(general.feedOnHours), QString::number(general.pieces),
+            bitsOf(general.length), QString::number(general.counter5), QString::number(general.counter6));
+}
+
+QString describeDatas(const QDateTime &timestamp, const QStringList &items)
+{
+    return QStringLiteral("ConditionDatasV2 %1 [%2]").arg(timestamp.toString(Qt::ISODateWithMs), items.join("; "));
+}
+
+QString describeDefinition(const QString &id, const QString &name, int dataType)
+{
+    return id + ' ' + name + ' ' + QString::number(dataType);
+}
+
+QString describeDefinitions(const QDateTime &timestamp, const QStringList &items)
+{
+    return QStringLiteral("ConditionDefinitionsV2 %1 [%2]")
+        .arg(timestamp.toString(Qt::ISODateWithMs), items.join("; "));
+}
+
+QString describeDataset(const QDateTime &timestamp, const QString &machine, const QString &source, const QString &what)
+{
+    return QStringLiteral("%1 %2 %3: %4").arg(timestamp.toString(Qt::ISODateWithMs), machine, source, what);
+}
+
+/**
+ * A GeneralV1, ConditionDefinitionsV2 or ConditionDatasV2 dataset as text, with every value and its type, so that two
+ * descriptions are equal only for equal datasets; other datasets by their type name only.
+ */
+QString describe(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    if (data.userType() == qMetaTypeId<GeneralV1>())
+        return describeDataset(timestamp, machine, source, describeGeneral(qvariant_cast<GeneralV1>(data)));
+    if (data.userType() == qMetaTypeId<ConditionDefinitionsV2>()) {
+        const auto definitions = qvariant_cast<ConditionDefinitionsV2>(data);
+        QStringList items;
+        for (const ConditionDefinitionV2 &item : definitions.items)
+            items.append(describeDefinition(item.id, item.name, item.dataType));
+        return describeDataset(timestamp, machine, source, describeDefinitions(definitions.timestamp, items));
+    }
+    if (data.userType() == qMetaTypeId<ConditionDatasV2>()) {
+        const auto datas = qvariant_cast<ConditionDatasV2>(data);
+        QStringList items;
+        for (const ConditionDataV2 &item : datas.items)
+            items.append(describeItem(item.id, item.value));
+        return describeDataset(timestamp, machine, source, describeDatas(datas.timestamp, items));
+    }
+    return describeDataset(timestamp, machine, source, QString::fromLatin1(data.typeName()));
+}
+
+int conditionTypeOf(bool)
+{
+    return 3;
+}
+
+int conditionTypeOf(double)
+{
+    return 2;
+}
+
+int conditionTypeOf(quint32)
+{
+    return 1;
+}
+
+int conditionTypeOf(quint64)
+{
+    return 1;
+}
+
+/**
+ * What a state must yield, worked out from the record alone and described as describe() does: StateV1, GeneralV1
+ * unless the machine is offline or has no values, ConditionDefinitionsV2 with the present flags and values not yet
+ * in defined (the ids the source has had definitions for; they are added), ConditionDatasV2 with every present flag
+ * and value.
+ */
+QStringList expectedDatasets(const QDateTime &timestamp, const QString &machine, const QString &source,
+    const WwState &state, QSet<QString> &defined)
+{
+    QStringList datasets { describeDataset(timestamp, machine, source, "StateV1") };
+    if (state.MachineState == 0)
+        return datasets;
+    if (state.Values) {
+        const WwStateValues &values = *state.Values;
+        GeneralV1 general;
+        if (values.AbsolutePowerPresentTime)
+            general.powerOnHours = double(*values.AbsolutePowerPresentTime) / 3600000.0;
+        if (values.AbsoluteProductionTime && values.AbsoluteProductionWithoutWorkpieceTime)
+            general.feedOnHours
+                = double(quint64(*values.AbsoluteProductionTime + *values.AbsoluteProductionWithoutWorkpieceTime))
+                / 3600000.0;
+        if (values.AbsolutePiecesOut)
+            general.pieces = *values.AbsolutePiecesOut;
+        if (values.AbsoluteLength)
+            general.length = double(*values.AbsoluteLength / 1000u);
+        datasets.append(describeDataset(timestamp, machine, source, describeGeneral(general)));
+    }
+    QStringList definitions;
+    QStringList items;
+    const auto add = [&](const char *block, const char *name, const auto &field) {
+        const auto *value = presentOf(field);
+        if (!value)
+            return;
+        const QString id = machine + "/State/Machine/" + block + '/' + name;
+        if (!defined.contains(id)) {
+            defined.insert(id);
+            definitions.append(describeDefinition(id, name, conditionTypeOf(*value)));
+        }
+        items.append(describeItem(id, QVariant::fromValue(*value)));
+    };
+    if (state.Flags)
+        WwStateFlags::visitFields([&](const char *name, auto member) { add("Flags", name, (*state.Flags).*member); });
+    if (state.Values)
+        WwStateValues::visitFields(
+            [&](const char *name, auto member) { add("Values", name, (*state.Values).*member); });
+    if (!definitions.isEmpty())
+        datasets.append(describeDataset(timestamp, machine, source, describeDefinitions(timestamp, definitions)));
+    if (!items.isEmpty())
+        datasets.append(describeDataset(timestamp, machine, source, describeDatas(timestamp, items)));
+    return datasets;
+}
+
+/** Changes the flag or value at this index of the order of the conditions, if it is present. */
+void changeItem(WwState &state, int index, QRandomGenerator &random)
+{
+    int i = 0;
+    if (state.Flags) {
+        WwStateFlags::visitFields([&](const char *, auto member) {
+            if (i++ != index)
+                return;
+            auto &field = (*state.Flags).*member;
+            if constexpr (std::is_same_v<std::decay_t<decltype(field)>, bool>)
+                field = !field;
+            else if (field)
+                field = !*field;
+        });
+    }
+    i = s_flagCount;
+    if (state.Values) {
+        WwStateValues::visitFields([&](const char *, auto member) {
+            if (i++ != index)
+                return;
+            auto &field = (*state.Values).*member;
+            if (!field)
+                return;
+            using Value = typename std::decay_t<decltype(field)>::value_type;
+            if constexpr (std::is_same_v<Value, double>) {
+                const double choices[] = { 0.0, -0.0, qQNaN(), random.generateDouble() * 1000 };
+                field = choices[random.bounded(4)];
+            } else if constexpr (std::is_same_v<Value, quint32>) {
+                field = random.generate();
+            } else {
+                field = random.bounded(2) == 0 ? random.generate64() : *field + 1;
+            }
+        });
+    }
+}
+
+/** Takes the optional flag or value at this index away, or brings it back; plain flags stay. */
+void togglePresence(WwState &state, int index, QRandomGenerator &random)
+{
+    int i = 0;
+    if (state.Flags) {
+        WwStateFlags::visitFields([&](const char *, auto member) {
+            if (i++ != index)
+                return;
+            auto &field = (*state.Flags).*member;
+            if constexpr (!std::is_same_v<std::decay_t<decltype(field)>, bool>) {
+                if (field)
+                    field.reset();
+                else
+                    field = random.bounded(2) == 0;
+            }
+        });
+    }
+    i = s_flagCount;
+    if (state.Values) {
+        WwStateValues::visitFields([&](const char *, auto member) {
+            if (i++ != index)
+                return;
+            auto &field = (*state.Values).*member;
+            if (field)
+                field.reset();
+            else
+                field = typename std::decay_t<decltype(field)>::value_type(random.bounded(1000));
+        });
+    }
+}
 } // namespace
 
 /** Converts to a WwState, but the conversion always fails. */
@@ -320,6 +537,95 @@ Q_DECLARE_METATYPE(NameplateCarrier)
 Q_DECLARE_METATYPE(AnyCarrier)
 Q_DECLARE_METATYPE(NameplateOrEventCarrier)
 
+/** How much of what it receives a ValuesReceiver keeps. */
+enum class Keeping {
+    Nothing,
+    Records,
+    Datasets,
+};
+
+Q_DECLARE_METATYPE(Keeping)
+
+/**
+ * Receives a mapper's datasets as the next processor does, describes each as it arrives and keeps, if asked, the
+ * records (a list that a receiver keeps shares its items with the mapper) or the datasets themselves, to see later
+ * that they have not changed since they went out.
+ */
+class ValuesReceiver : public QObject
+{
+    Q_OBJECT
+public:
+    ValuesReceiver(OpcUaToMMMapper *mapper, Keeping keeping)
+        : m_keeping(keeping)
+    {
+        connect(mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)), this,
+            SLOT(processData(QDateTime, QString, QString, QVariant)));
+    }
+
+    /** Every dataset, described when it arrived. */
+    const QStringList &seen() const { return m_seen; }
+
+    /** The kept datasets, described now. */
+    QStringList keptNow() const
+    {
+        QStringList described;
+        for (const Kept &kept : m_kept)
+            described.append(describe(kept.timestamp, kept.machine, kept.source, kept.data));
+        return described;
+    }
+
+public slots:
+    void processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+    {
+        m_seen.append(describe(timestamp, machine, source, data));
+        if (m_keeping == Keeping::Nothing)
+            return;
+        QVariant kept = data;
+        if (m_keeping == Keeping::Records) {
+            if (data.userType() == qMetaTypeId<ConditionDatasV2>())
+                kept = QVariant::fromValue(qvariant_cast<ConditionDatasV2>(data));
+            else if (data.userType() == qMetaTypeId<GeneralV1>())
+                kept = QVariant::fromValue(qvariant_cast<GeneralV1>(data));
+        }
+        m_kept.append({ timestamp, machine, source, kept });
+    }
+
+private:
+    struct Kept
+    {
+        QDateTime timestamp;
+        QString machine;
+        QString source;
+        QVariant data;
+    };
+
+    Keeping m_keeping;
+    QStringList m_seen;
+    QList<Kept> m_kept;
+};
+
+/** A mapper with a receiver, fed with states one second apart, and what the states must yield. */
+struct StateFeed
+{
+    explicit StateFeed(Keeping keeping)
+        : receiver(&mapper, keeping)
+    {
+    }
+
+    void send(const QString &machine, const QString &source, const WwState &state)
+    {
+        const QDateTime timestamp = s_when.addSecs(sent++);
+        mapper.processData(timestamp, machine, source, QVariant::fromValue(state));
+        expected += expectedDatasets(timestamp, machine, source, state, defined[source]);
+    }
+
+    OpcUaToMMMapper mapper;
+    ValuesReceiver receiver;
+    QStringList expected;
+    QHash<QString, QSet<QString>> defined;
+    int sent = 0;
+};
+
 class tst_OpcUaToMMMapper : public QObject
 {
     Q_OBJECT
@@ -357,6 +663,19 @@ private slots:
     void knownConditionsPerMachine();
     void emptyMachineName();
     void conditionIdsHaveNoSpareRoom();
+    void valueChangesAfterIdenticalUpdates_data();
+    void valueChangesAfterIdenticalUpdates();
+    void unchangedUpdateSendsTheSameList();
+    void optionalItemsComeAndGo_data();
+    void optionalItemsComeAndGo();
+    void twoSourcesOfOneMachine_data();
+    void twoSourcesOfOneMachine();
+    void sentDatasetsKeepTheirValues_data();
+    void sentDatasetsKeepTheirValues();
+    void valuesGoOutBitForBit_data();
+    void valuesGoOutBitForBit();
+    void manyUpdatesOfSeveralMachines_data();
+    void manyUpdatesOfSeveralMachines();
 
     void notificationLevel_data();
     void notificationLevel();
@@ -1081,6 +1400,245 @@ void tst_OpcUaToMMMapper::conditionIdsHaveNoSpareRoom()
     QCOMPARE(nameplate.items.size(), 8);
     for (const ConditionDataV2 &item : nameplate.items)
         QCOMPARE(item.id.capacity(), item.id.size());
+}
+
+namespace {
+
+void addKeepingRows()
+{
+    QTest::addColumn<Keeping>("keeping");
+    QTest::newRow("receiver keeps nothing") << Keeping::Nothing;
+    QTest::newRow("receiver keeps the records") << Keeping::Records;
+    QTest::newRow("receiver keeps the datasets") << Keeping::Datasets;
+}
+
+} // namespace
+
+void tst_OpcUaToMMMapper::valueChangesAfterIdenticalUpdates_data()
+{
+    addKeepingRows();
+}
+
+void tst_OpcUaToMMMapper::valueChangesAfterIdenticalUpdates()
+{
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    WwState state = fullState();
+    for (int i = 0; i < 50; ++i)
+        feed.send("m1", "s1", state);
+    state.Flags->MachineOn = !state.Flags->MachineOn;
+    state.Flags->WorkpiecePresent = !*state.Flags->WorkpiecePresent;
+    state.Values->FeedSpeed = 7.5;
+    state.Values->AbsoluteLength = *state.Values->AbsoluteLength + 1000;
+    for (int i = 0; i < 10; ++i)
+        feed.send("m1", "s1", state);
+    // Back to the first values, then the last item alone changes.
+    state = fullState();
+    feed.send("m1", "s1", state);
+    state.Values->RelativePiecesOut = 0;
+    feed.send("m1", "s1", state);
+    QCOMPARE(feed.receiver.seen(), feed.expected);
+    if (keeping != Keeping::Nothing)
+        QCOMPARE(feed.receiver.keptNow(), feed.expected);
+}
+
+void tst_OpcUaToMMMapper::unchangedUpdateSendsTheSameList()
+{
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    const QVariant state = QVariant::fromValue(fullState());
+    mapper.processData(s_when, "m1", "s1", state);
+    mapper.processData(s_when.addSecs(1), "m1", "s1", state);
+    WwState changed = fullState();
+    changed.Values->FeedSpeed = 1.5;
+    changed.Values->AbsoluteLength = *changed.Values->AbsoluteLength + 1000;
+    mapper.processData(s_when.addSecs(2), "m1", "s1", QVariant::fromValue(changed));
+    QCOMPARE(typeNames(spy),
+        (QStringList { "StateV1", "GeneralV1", "ConditionDefinitionsV2", "ConditionDatasV2", "StateV1", "GeneralV1",
+            "ConditionDatasV2", "StateV1", "GeneralV1", "ConditionDatasV2" }));
+    const auto first = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+    const auto second = qvariant_cast<ConditionDatasV2>(spy.at(6).at(3));
+    const auto third = qvariant_cast<ConditionDatasV2>(spy.at(9).at(3));
+    QCOMPARE(first.timestamp, s_when);
+    QCOMPARE(second.timestamp, s_when.addSecs(1));
+    QCOMPARE(third.timestamp, s_when.addSecs(2));
+
+    // Nothing changed: the same items, not a copy of them, so that a receiver can tell at once.
+    QVERIFY(&second.items.at(0) == &first.items.at(0));
+    QVERIFY(spy.at(5).at(3).constData() == spy.at(1).at(3).constData());
+
+    // Something changed: items of its own, and those sent before keep their values.
+    QVERIFY(&third.items.at(0) != &second.items.at(0));
+    QCOMPARE(third.items.at(28).value, QVariant(1.5));
+    QCOMPARE(second.items.at(28).value, fullStateValue(28));
+    QVERIFY(spy.at(8).at(3).constData() != spy.at(5).at(3).constData());
+    QCOMPARE(qvariant_cast<GeneralV1>(spy.at(8).at(3)).length, qvariant_cast<GeneralV1>(spy.at(5).at(3)).length + 1.0);
+}
+
+void tst_OpcUaToMMMapper::optionalItemsComeAndGo_data()
+{
+    addKeepingRows();
+}
+
+void tst_OpcUaToMMMapper::optionalItemsComeAndGo()
+{
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    WwState state = fullState();
+    const auto sendTimes = [&](int times) {
+        for (int i = 0; i < times; ++i)
+            feed.send("m1", "s1", state);
+    };
+    sendTimes(3);
+    state.Flags->Hold.reset();
+    sendTimes(3);
+    state.Flags->Hold = true;
+    sendTimes(2);
+    state.Values->ActualCycle.reset();
+    state.Values->RelativePiecesOut.reset();
+    sendTimes(2);
+    state.Values->ActualCycle = 2.5;
+    sendTimes(2);
+    // One comes as another goes: as many items as before, but not the same.
+    state.Values->RelativePiecesOut = 4;
+    state.Flags->Hold.reset();
+    sendTimes(2);
+    state.Values.reset();
+    sendTimes(2);
+    state.Flags.reset();
+    sendTimes(2);
+    state = fullState();
+    sendTimes(2);
+    state.Flags.reset();
+    sendTimes(2);
+    state.MachineState = 0;
+    sendTimes(2);
+    state = fullState();
+    sendTimes(2);
+    QCOMPARE(feed.receiver.seen(), feed.expected);
+    if (keeping != Keeping::Nothing)
+        QCOMPARE(feed.receiver.keptNow(), feed.expected);
+}
+
+void tst_OpcUaToMMMapper::twoSourcesOfOneMachine_data()
+{
+    addKeepingRows();
+}
+
+void tst_OpcUaToMMMapper::twoSourcesOfOneMachine()
+{
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    WwState first = fullState();
+    WwState second = fullState();
+    second.Flags->Hold.reset();
+    second.Values->FeedSpeed = 99.5;
+    second.Values->AbsoluteLength = 5000;
+    for (int i = 0; i < 5; ++i) {
+        feed.send("m1", "s1", first);
+        feed.send("m1", "s2", second);
+    }
+    first.Values->FeedSpeed = 3.0;
+    feed.send("m1", "s1", first);
+    feed.send("m1", "s2", second);
+    feed.send("m1", "s1", first);
+    second.Flags->Hold = false;
+    feed.send("m1", "s2", second);
+    feed.send("m1", "s1", first);
+    QCOMPARE(feed.receiver.seen(), feed.expected);
+    if (keeping != Keeping::Nothing)
+        QCOMPARE(feed.receiver.keptNow(), feed.expected);
+}
+
+void tst_OpcUaToMMMapper::sentDatasetsKeepTheirValues_data()
+{
+    QTest::addColumn<Keeping>("keeping");
+    QTest::newRow("receiver keeps the records") << Keeping::Records;
+    QTest::newRow("receiver keeps the datasets") << Keeping::Datasets;
+}
+
+void tst_OpcUaToMMMapper::sentDatasetsKeepTheirValues()
+{
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    WwState state = fullState();
+    feed.send("m1", "s1", state);
+    feed.send("m1", "s1", state);
+    const QStringList sent = feed.receiver.keptNow();
+    // Every flag and value changes, then some go.
+    QRandomGenerator random(7);
+    for (int i = 0; i < int(std::size(s_stateItems)); ++i)
+        changeItem(state, i, random);
+    feed.send("m1", "s1", state);
+    state.Flags->Hold.reset();
+    state.Values->FeedSpeed.reset();
+    feed.send("m1", "s1", state);
+    QCOMPARE(feed.receiver.keptNow().mid(0, sent.size()), sent);
+    QCOMPARE(feed.receiver.keptNow(), feed.expected);
+}
+
+void tst_OpcUaToMMMapper::valuesGoOutBitForBit_data()
+{
+    addKeepingRows();
+}
+
+void tst_OpcUaToMMMapper::valuesGoOutBitForBit()
+{
+    // -0.0 equals 0.0 and NaN equals nothing, but each goes out as it came.
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    WwState state = fullState();
+    for (const double speed : { 0.0, -0.0, -0.0, qQNaN(), qQNaN(), 0.0, qInf(), -qInf() }) {
+        state.Values->FeedSpeed = speed;
+        feed.send("m1", "s1", state);
+    }
+    QCOMPARE(feed.receiver.seen(), feed.expected);
+    if (keeping != Keeping::Nothing)
+        QCOMPARE(feed.receiver.keptNow(), feed.expected);
+}
+
+void tst_OpcUaToMMMapper::manyUpdatesOfSeveralMachines_data()
+{
+    addKeepingRows();
+}
+
+void tst_OpcUaToMMMapper::manyUpdatesOfSeveralMachines()
+{
+    // Two machines from two sources each, in a random order, with random changes of values, items, blocks and the
+    // machine state; about half of the updates change nothing.
+    QFETCH(Keeping, keeping);
+    StateFeed feed(keeping);
+    struct Machine
+    {
+        QString machine;
+        QString source;
+        WwState state;
+    };
+    QVector<Machine> machines { { "m1", "s1", fullState() }, { "m1", "s2", fullState() }, { "m2", "s1", fullState() },
+        { "m2", "s2", fullState() } };
+    QRandomGenerator random(20261121);
+    for (int step = 0; step < 800; ++step) {
+        Machine &machine = machines[int(random.bounded(machines.size()))];
+        WwState &state = machine.state;
+        const int what = int(random.bounded(100));
+        if (what < 25) {
+            const int changes = 1 + int(random.bounded(3));
+            for (int i = 0; i < changes; ++i)
+                changeItem(state, int(random.bounded(int(std::size(s_stateItems)))), random);
+        } else if (what < 40) {
+            togglePresence(state, int(random.bounded(int(std::size(s_stateItems)))), random);
+        } else if (what < 44) {
+            state.Flags = state.Flags ? std::nullopt : fullState().Flags;
+        } else if (what < 48) {
+            state.Values = state.Values ? std::nullopt : fullState().Values;
+        } else if (what < 52) {
+            state.MachineState = state.MachineState == 0 ? 2 : 0;
+        }
+        feed.send(machine.machine, machine.source, state);
+    }
+    QCOMPARE(feed.receiver.seen(), feed.expected);
+    if (keeping != Keeping::Nothing)
+        QCOMPARE(feed.receiver.keptNow(), feed.expected);
 }
 
 namespace {

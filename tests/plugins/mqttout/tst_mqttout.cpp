@@ -2,9 +2,11 @@
 #include "mqttout.h"
 
 #include "datasetcodec.h"
+#include "isolatedservice.h"
 #include "itarget.h"
 #include "mmdatasets.h"
 #include "mosquittobroker.h"
+#include "mqttspool.h"
 #include "testsupport.h"
 
 #include <QDirIterator>
@@ -16,6 +18,8 @@
 #include <cstdio>
 
 using namespace TestSupport;
+
+Q_LOGGING_CATEGORY(lcSpoolReader, "spoolreader")
 
 namespace {
 
@@ -155,6 +159,7 @@ private slots:
     void lastWillWhenKilled();
     void brokerStoppedWhileThousandDatasetsAreSent();
     void killedWithAFullSpoolAndStartedAgain();
+    void realServiceKilledWithAFullSpool();
     void spoolLimitDropsTheOldest();
     void datasetLargerThanTheSpool();
     void usernameAndPassword();
@@ -517,6 +522,73 @@ void tst_MqttOut::killedWithAFullSpoolAndStartedAgain()
     QTRY_COMPARE_WITH_TIMEOUT(watcher.count(), 2010, 30000);
     QCOMPARE(numbers(watcher.payloads()), range(0, 2010));
     QTRY_COMPARE_WITH_TIMEOUT(out.spooled(), 0, 20000);
+}
+
+void tst_MqttOut::realServiceKilledWithAFullSpool()
+{
+    if (!IsolatedService::available())
+        QSKIP("needs root and unshare for a private mount namespace");
+    // orvix itself between two brokers: datasets come in through mqttIn and wait in mqttOut's spool for the other.
+    MosquittoBroker input;
+    QVERIFY2(input.start(), input.lastOutput().constData());
+    MosquittoBroker output;
+    IsolatedService service;
+    for (const char *plugin : { "libmqttin.so", "libmqttout.so" })
+        QVERIFY(QFile::copy(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/") + plugin, service.pluginDir() + '/' + plugin));
+    const QString spool = service.path("spool");
+    service.writeConfig(QStringLiteral("[core]\nlog=\"*.debug=false;mqttIn.debug=true\"\n"
+                                       "[mqttIn]\nhost=127.0.0.1\nport=%1\ntopics=plant/in/#\nclientId=orvix-e2e-in\n"
+                                       "[mqttOut]\nhost=127.0.0.1\nport=%2\nclientId=orvix-e2e-out\n"
+                                       "topic=plant/out/{machine}/{type}\nspool=%3\n")
+                            .arg(input.port())
+                            .arg(output.port())
+                            .arg(spool)
+                            .toUtf8());
+    const QString subscribed = QStringLiteral("DEBUG mqttIn: \"Subscribed to plant/in/# at QoS 1\"");
+    QVERIFY(service.start());
+    QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains(subscribed), 30000);
+
+    MosquittoBroker::Client machines;
+    QVERIFY(machines.connectTo(input.port(), "nothing"));
+    const auto machine = [](int i) { return QStringLiteral("m%1").arg(i, 3, 10, QLatin1Char('0')); };
+    for (int i = 0; i < 300; ++i) {
+        StateV1 state;
+        state.state = 2;
+        QVERIFY(machines.publish("plant/in/" + machine(i).toUtf8(),
+            DatasetCodec::encodeLine(When, machine(i), "line", QVariant::fromValue(state))));
+    }
+    // A copy of the spool folder shows what the running service holds.
+    const auto spooled = [&spool, this] {
+        const QString copy = m_dir.filePath(QStringLiteral("copy-%1").arg(QRandomGenerator::global()->generate()));
+        QDir().mkpath(copy);
+        for (const QString &name : QDir(spool).entryList(QDir::Files))
+            QFile::copy(spool + '/' + name, copy + '/' + name);
+        MqttSpool reader(copy, 67108864, lcSpoolReader());
+        QString error;
+        return reader.open(&error) ? reader.count() : -1;
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(spooled(), 300, 30000);
+    service.process().kill();
+    QVERIFY(service.process().waitForFinished(10000));
+
+    QVERIFY2(output.start(), output.lastOutput().constData());
+    MosquittoBroker::Client watcher;
+    QVERIFY(watcher.connectTo(output.port(), "plant/out/#"));
+    QVERIFY(service.start());
+    QTRY_COMPARE_WITH_TIMEOUT(watcher.count(), 300, 30000);
+    const QVector<MosquittoBroker::Message> messages = watcher.messages();
+    for (int i = 0; i < 300; ++i)
+        QCOMPARE(messages.at(i).topic, "plant/out/" + machine(i).toUtf8() + "/StateV1");
+    QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains(QStringLiteral(
+                                 "INFO mqttOut: \"Connected to 127.0.0.1:%1 as orvix-e2e-out\"")
+                                                             .arg(output.port())),
+        20000);
+    QVERIFY(service.logLines().contains(
+        QStringLiteral("INFO mqttOut: \"Publishing to 127.0.0.1:%1 as orvix-e2e-out through the spool %2, 300 "
+                       "datasets waiting\"")
+            .arg(output.port())
+            .arg(spool)));
+    service.stop();
 }
 
 void tst_MqttOut::spoolLimitDropsTheOldest()

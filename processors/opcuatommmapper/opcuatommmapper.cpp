@@ -136,10 +136,11 @@ template <typename T> bool sameBits(const T &a, const T &b)
     return std::memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-/** Whether a variant holds this value with its type, exactly as QVariant::fromValue(value) would. */
+/** Whether a variant made by QVariant::fromValue() of a value of this type holds this value. */
 template <typename T> bool holdsValue(const QVariant &variant, const T &value)
 {
-    return variant.userType() == qMetaTypeId<T>() && sameBits(*static_cast<const T *>(variant.constData()), value);
+    Q_ASSERT(variant.userType() == qMetaTypeId<T>());
+    return sameBits(*static_cast<const T *>(variant.constData()), value);
 }
 
 bool sameOperatingData(const GeneralV1 &a, const GeneralV1 &b)
@@ -184,19 +185,15 @@ const QVector<ConditionItem> &identificationItems()
     return items;
 }
 
-template <std::size_t Count>
-void buildIds(std::array<QString, Count> &ids, const QString &machine, const QVector<ConditionItem> &items)
+QString conditionId(const QString &machine, const ConditionItem &item)
 {
-    Q_ASSERT(items.size() == int(Count));
-    for (std::size_t i = 0; i < Count; ++i) {
-        // Sized exactly: the ids are kept for the life of the process for every machine, and a concatenation
-        // (QString r(a); r += b) leaves room for about twice their length.
-        const QString &suffix = items.at(int(i)).idSuffix;
-        QString &id = ids[i];
-        id.reserve(machine.size() + suffix.size());
-        id.append(machine);
-        id.append(suffix);
-    }
+    // Sized exactly: the ids are kept for the life of the process for every machine, and a concatenation
+    // (QString r(a); r += b) leaves room for up to twice their length.
+    QString id;
+    id.reserve(machine.size() + item.idSuffix.size());
+    id.append(machine);
+    id.append(item.idSuffix);
+    return id;
 }
 
 ConditionDefinitionV2 conditionDefinition(const QString &id, const ConditionItem &item)
@@ -361,20 +358,18 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
     });
     if (present.none())
         return;
-    // The ids are built once per source and machine, so that a steady stream of updates builds no strings.
-    if (!known.stateIdsBuilt) {
-        buildIds(known.stateIds, machine, stateItems());
-        known.stateIdsBuilt = true;
-    }
 
     const std::bitset<StateItemCount> undefined = present & ~known.stateDefined;
     if (undefined.any()) {
+        // An id is built with its definition, once per source and machine, and only for items that come.
         const QVector<ConditionItem> &items = stateItems();
         ConditionDefinitionsV2 definitions;
         definitions.timestamp = timestamp;
         for (int i = 0; i < StateItemCount; ++i) {
-            if (undefined.test(i))
-                definitions.items.append(conditionDefinition(known.stateIds[i], items.at(i)));
+            if (!undefined.test(i))
+                continue;
+            known.stateIds[i] = conditionId(machine, items.at(i));
+            definitions.items.append(conditionDefinition(known.stateIds[i], items.at(i)));
         }
         known.stateDefined |= present;
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
@@ -420,10 +415,6 @@ void OpcUaToMMMapper::mapIdentification(
 {
     const QVector<ConditionItem> &items = identificationItems();
     KnownMachine &known = knownMachine(source, machine);
-    if (!known.identificationIdsBuilt) {
-        buildIds(known.identificationIds, machine, items);
-        known.identificationIdsBuilt = true;
-    }
 
     ConditionDefinitionsV2 definitions;
     definitions.timestamp = timestamp;
@@ -437,9 +428,10 @@ void OpcUaToMMMapper::mapIdentification(
         const auto *value = presentValue(identification.*member);
         if (!value)
             return;
-        const QString &id = known.identificationIds[i];
+        QString &id = known.identificationIds[i];
         if (!known.identificationDefined.test(i)) {
             known.identificationDefined.set(i);
+            id = conditionId(machine, items.at(i));
             definitions.items.append(conditionDefinition(id, items.at(i)));
         }
         ConditionDataV2 data;

@@ -41,8 +41,9 @@ private:
     static constexpr int IdentificationFieldCount = 18;
 
     /**
-     * What is kept of one machine as one source reports it: its condition ids, which of them have been defined
-     * already, and the last condition values and operating data sent, which the next update changes in place.
+     * What is kept of one machine as one source reports it: the ids of the conditions defined so far (each built
+     * with its definition) and the last condition values and operating data sent, which the next update changes in
+     * place.
      */
     struct KnownMachine
     {
@@ -56,8 +57,6 @@ private:
         std::bitset<StateItemCount> stateInDatas;
         std::array<QString, IdentificationFieldCount> identificationIds;
         std::bitset<IdentificationFieldCount> identificationDefined;
-        bool stateIdsBuilt = false;
-        bool identificationIdsBuilt = false;
     };
 
     KnownMachine &knownMachine(const QString &source, const QString &machine);

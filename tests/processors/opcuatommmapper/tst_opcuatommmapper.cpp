@@ -663,6 +663,7 @@ private slots:
     void knownConditionsPerMachine();
     void emptyMachineName();
     void conditionIdsHaveNoSpareRoom();
+    void conditionIdsAreBuiltOnce();
     void valueChangesAfterIdenticalUpdates_data();
     void valueChangesAfterIdenticalUpdates();
     void unchangedUpdateSendsTheSameList();
@@ -1400,6 +1401,43 @@ void tst_OpcUaToMMMapper::conditionIdsHaveNoSpareRoom()
     QCOMPARE(nameplate.items.size(), 8);
     for (const ConditionDataV2 &item : nameplate.items)
         QCOMPARE(item.id.capacity(), item.id.size());
+}
+
+void tst_OpcUaToMMMapper::conditionIdsAreBuiltOnce()
+{
+    // One string per id for the life of the process, shared by its definition and all its data, also for an item
+    // that comes later or goes and comes back.
+    OpcUaToMMMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    WwState state = fullState();
+    state.Flags->Hold.reset();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    state.Flags->Hold = true;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    state.Flags->Hold.reset();
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    state.Flags->Hold = false;
+    mapper.processData(s_when, "m1", "s1", QVariant::fromValue(state));
+    QCOMPARE(typeNames(spy).count("ConditionDefinitionsV2"), 2);
+
+    QHash<QString, QString> definedIds;
+    QStringList dataIdsSeen;
+    for (const QList<QVariant> &arguments : qAsConst(spy)) {
+        const QVariant &data = arguments.at(3);
+        if (data.userType() == qMetaTypeId<ConditionDefinitionsV2>()) {
+            for (const ConditionDefinitionV2 &definition : qvariant_cast<ConditionDefinitionsV2>(data).items)
+                definedIds.insert(definition.id, definition.id);
+        } else if (data.userType() == qMetaTypeId<ConditionDatasV2>()) {
+            for (const ConditionDataV2 &item : qvariant_cast<ConditionDatasV2>(data).items) {
+                QVERIFY2(definedIds.contains(item.id), qPrintable(item.id));
+                QVERIFY2(item.id.isSharedWith(definedIds.value(item.id)), qPrintable(item.id));
+                dataIdsSeen.append(item.id);
+            }
+        }
+    }
+    QCOMPARE(definedIds.size(), int(std::size(s_stateItems)));
+    QCOMPARE(dataIdsSeen.count("m1/State/Machine/Flags/Hold"), 2);
 }
 
 namespace {

@@ -365,6 +365,7 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         const QVector<ConditionItem> &items = stateItems();
         ConditionDefinitionsV2 definitions;
         definitions.timestamp = timestamp;
+        definitions.items.reserve(int(undefined.count()));
         for (int i = 0; i < StateItemCount; ++i) {
             if (!undefined.test(i))
                 continue;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -15,11 +16,15 @@ const QString LimiterSource = QStringLiteral("Limiter");
 // Marks a time that has not been set yet.
 constexpr qint64 NoTime = std::numeric_limits<qint64>::min();
 
-template <typename Item> struct Entry
-{
-    Item item;
-    bool pending = false;
-};
+// The list kinds, each with a table per machine and a flush of its own.
+enum KindIndex { ConditionDefinitionsKind, ConditionValuesKind, MaintenanceDefinitionsKind, MaintenanceValuesKind };
+constexpr int KindCount = 4;
+
+// Flushes remembered at least, whatever the number of machines, before they are applied to every machine.
+constexpr size_t MinHistory = 1024;
+
+// Where a list entry's item is kept: in a copy of its own, or in the last list taken, told apart by the list's mark.
+enum Home : quint8 { OwnCopy, ListMarkA, ListMarkB };
 
 template <typename Record> bool recordEquals(const QVariant &a, const QVariant &b)
 {
@@ -27,10 +32,45 @@ template <typename Record> bool recordEquals(const QVariant &a, const QVariant &
     return *static_cast<const Record *>(a.constData()) == *static_cast<const Record *>(b.constData());
 }
 
-/** Whether a list entry counts as changed against the stored one. */
+/** Whether two variants of one type certainly compare equal, by their bits; false leaves it to QVariant. */
+bool sameBits(const QVariant &a, const QVariant &b)
+{
+    const void *x = a.constData();
+    const void *y = b.constData();
+    switch (a.userType()) {
+    case QMetaType::Bool:
+        return *static_cast<const bool *>(x) == *static_cast<const bool *>(y);
+    case QMetaType::Int:
+    case QMetaType::UInt:
+        return *static_cast<const quint32 *>(x) == *static_cast<const quint32 *>(y);
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+        return *static_cast<const quint64 *>(x) == *static_cast<const quint64 *>(y);
+    case QMetaType::Double:
+        // Equal doubles are equal variants; a NaN is left to QVariant.
+        return *static_cast<const double *>(x) == *static_cast<const double *>(y);
+    case QMetaType::QString: {
+        const QString &s = *static_cast<const QString *>(x);
+        const QString &t = *static_cast<const QString *>(y);
+        return s.constData() == t.constData() && s.size() == t.size();
+    }
+    default:
+        return false;
+    }
+}
+
+/** Whether a list entry counts as changed against the stored one of the same id. */
 template <typename Item> bool entryChanged(const Item &stored, const Item &item)
 {
     return stored != item;
+}
+
+// The entry was found by its id, so only the value can differ; most values come unchanged, mostly with the same bits.
+template <> bool entryChanged(const ConditionDataV2 &stored, const ConditionDataV2 &item)
+{
+    if (stored.value.userType() != item.value.userType())
+        return true;
+    return !sameBits(stored.value, item.value) && !(stored.value == item.value);
 }
 
 // Maintenance values count as changed only through their two values.
@@ -53,54 +93,244 @@ quint32 milliseconds(const QVariant &value, bool *ok)
 
 } // namespace
 
-/** One list kind of one machine: its entries by id, the ids of the pending ones and the time of the last sending. */
-template <typename Item> struct Limit::Table
+/**
+ * When one list kind of one machine was last sent and whether it waits to send. The last sending is known as of the
+ * flush numbered asOf; the flushes after it are applied only when the machine is next looked at.
+ */
+struct Limit::Schedule
 {
-    QHash<QString, Entry<Item>> entries;
-    // The ids whose entry is pending, unsorted; sorted when they leave.
-    QStringList pending;
     qint64 lastSend = NoTime;
+    qint64 asOf = 0;
+    int pendingCount = 0;
+    // In its kind's queue of machines whose pending entries wait for the end of their wait time.
+    bool queued = false;
+};
 
-    /** Stores the item and marks it pending when it is new or changed; returns whether it was. */
-    bool take(const Item &item)
+/**
+ * One list kind of one machine: its entries in order of arrival, found by id through an open-addressing index.
+ * An entry's item is, as long as it can be, the item in the last list taken, which the duplicate filter keeps
+ * anyway, so that each item is held once.
+ */
+template <typename Item> struct Limit::Table : Schedule
+{
+    struct Entry
     {
-        const auto stored = entries.find(item.id);
-        if (stored == entries.end()) {
-            entries.insert(item.id, Entry<Item> { item, true });
-            pending.append(item.id);
-            return true;
+        const Item *item;
+        uint hash;
+        quint8 home;
+        bool pending;
+    };
+
+    Table() = default;
+    Table(const Table &) = delete;
+    Table &operator=(const Table &) = delete;
+    ~Table()
+    {
+        for (const Entry &entry : entries) {
+            if (entry.home == OwnCopy)
+                delete entry.item;
         }
-        const bool changed = entryChanged(stored->item, item);
-        if (changed && !stored->pending) {
-            stored->pending = true;
-            pending.append(item.id);
-        }
-        stored->item = item;
-        return changed;
     }
+
+    /**
+     * The index of the entry of an id, -1 if there is none. The entry at hint is tried first: lists come with their
+     * ids in the same order each time. Otherwise hash is set to the id's hash.
+     */
+    int find(const QString &id, int hint, uint *hash) const
+    {
+        if (hint < int(entries.size())) {
+            const QString &known = entries[size_t(hint)].item->id;
+            if ((known.constData() == id.constData() && known.size() == id.size()) || known == id)
+                return hint;
+        }
+        *hash = qHash(id);
+        if (buckets.empty())
+            return -1;
+        const size_t mask = buckets.size() - 1;
+        for (size_t slot = *hash & mask;; slot = (slot + 1) & mask) {
+            const qint32 index = buckets[slot];
+            if (index < 0)
+                return -1;
+            const Entry &entry = entries[size_t(index)];
+            if (entry.hash == *hash && entry.item->id == id)
+                return index;
+        }
+    }
+
+    /** Appends a new entry, pending. */
+    void add(const Item *item, uint hash, quint8 home)
+    {
+        if ((entries.size() + 1) * 4 > buckets.size() * 3) {
+            buckets.assign(std::max<size_t>(8, buckets.size() * 2), -1);
+            for (size_t index = 0; index < entries.size(); ++index)
+                place(index);
+        }
+        entries.push_back({ item, hash, home, true });
+        ++pendingCount;
+        place(entries.size() - 1);
+    }
+
+    void place(size_t index)
+    {
+        const size_t mask = buckets.size() - 1;
+        size_t slot = entries[index].hash & mask;
+        while (buckets[slot] >= 0)
+            slot = (slot + 1) & mask;
+        buckets[slot] = qint32(index);
+    }
+
+    std::vector<Entry> entries;
+    // Entry indices by hash of the id, -1 for a free slot; a power of two long, at most three quarters used.
+    std::vector<qint32> buckets;
+    // The items of the last list taken; never changed here, so that pointers into it stay valid.
+    QList<Item> list;
+    // The entries whose item is in list, and the mark they carry.
+    int listed = 0;
+    quint8 listMark = ListMarkA;
+    // Every item of list is its id's entry: no id twice in it, no single entry taken since.
+    bool listIntact = false;
+    // Whether every item of list equals itself (a NaN does not); -1 until needed.
+    qint8 listSelfEqual = -1;
 };
 
 /** Everything the limiter keeps for one machine. */
 struct Limit::Machine
 {
+    QVariant *lastValue(int type)
+    {
+        for (auto &last : lastValues) {
+            if (last.first == type)
+                return &last.second;
+        }
+        return nullptr;
+    }
+
     QString name;
-    QHash<int, QVariant> lastValues;
+    // The last value of each type; a machine sees few types, so a short vector beats a hash.
+    std::vector<std::pair<int, QVariant>> lastValues;
     qint64 lastStateTime = NoTime;
-    bool hasOperatingData = false;
+    // The operating data to send is the last GeneralV1 value: one that equals it is a repeat and never taken.
     bool operatingDataPending = false;
-    GeneralV1 operatingData;
     Table<ConditionDefinitionV2> conditionDefinitions;
     Table<ConditionDataV2> conditionValues;
     Table<MaintenanceDefinitionV1> maintenanceDefinitions;
     Table<MaintenanceDataV1> maintenanceValues;
 };
 
+/**
+ * One list kind across the machines. A flush gives each machine with entries of the kind a new last sending when
+ * its wait time is over; visiting every machine for that would cost each change the number of machines. So the
+ * machines with pending entries wait in a queue by the end of their wait time, and the others learn of the flushes
+ * when next looked at, from the history of the flush times: a machine's last sending moves to the first flush at
+ * least a wait time after it, and from there on the same way. Each remembered flush knows the next one it moves a
+ * machine to, and following those links shortens them, so a long idle time costs little.
+ */
+struct Limit::ListKind
+{
+    struct Flush
+    {
+        qint64 time;
+        // Index of a later flush that a machine sent at this one moves on to (the first at least a wait time later,
+        // or one further along that chain); -1 while there is none.
+        qint32 next;
+    };
+
+    /** The quick flush running, for a flush that a receiver of its lists starts before it is done. */
+    struct Progress
+    {
+        qint64 time;
+        qint64 number;
+        const Machine *current;
+        int index;
+        bool handedOver;
+    };
+
+    QString dropMessage;
+    // The quick flushes since the history was last applied to every machine, numbered from first on.
+    std::vector<Flush> history;
+    qint64 first = 1;
+    // The number of the latest flush.
+    qint64 last = 0;
+    // history[open..] have no next yet; their times are in ascending order, so the others are before them.
+    size_t open = 0;
+    // Heap of the machines with pending entries by the end of their wait time, earliest first.
+    std::vector<std::pair<qint64, Machine *>> queue;
+    // The machines with entries of this kind.
+    std::vector<Machine *> members;
+    // The machines a quick flush sends to.
+    std::vector<Machine *> due;
+    int depth = 0;
+    Progress *progress = nullptr;
+
+    /** The order of the queue's heap. */
+    static bool earlierDue(const std::pair<qint64, Machine *> &a, const std::pair<qint64, Machine *> &b)
+    {
+        return a.first > b.first;
+    }
+};
+
+/** The time of one flush, as the clock gave it and, made when first needed, as a local date-time. */
+struct Limit::FlushTime
+{
+    explicit FlushTime(qint64 msecs)
+        : msecs(msecs)
+    {
+    }
+
+    const QDateTime &dateTime()
+    {
+        if (!made) {
+            value = QDateTime::fromMSecsSinceEpoch(msecs);
+            made = true;
+        }
+        return value;
+    }
+
+    const qint64 msecs;
+    QDateTime value;
+    bool made = false;
+};
+
+namespace {
+
+/** Counts the flushes of a kind running, also across the return from a nested one. */
+class FlushDepth
+{
+public:
+    explicit FlushDepth(int &depth)
+        : m_depth(depth)
+    {
+        ++m_depth;
+    }
+    ~FlushDepth() { --m_depth; }
+    FlushDepth(const FlushDepth &) = delete;
+    FlushDepth &operator=(const FlushDepth &) = delete;
+
+private:
+    int &m_depth;
+};
+
+} // namespace
+
 Limit::Limit(QObject *parent)
     : QObject(parent)
+    , m_clock(&QDateTime::currentMSecsSinceEpoch)
     , m_timer(new QTimer(this))
     , m_stateType(qMetaTypeId<StateV1>())
+    , m_operatingDataType(qMetaTypeId<GeneralV1>())
+    , m_kinds(new ListKind[KindCount])
 {
     connect(m_timer, &QTimer::timeout, this, &Limit::doOperatingData);
+
+    m_kinds[ConditionDefinitionsKind].dropMessage = QStringLiteral(
+        "Dropping Condition Definitions since last send was at %1, our current time is %2 and we should wait %3ms.");
+    // Unlike the other three, this message has no comma after %1: log readers match the text as it stands.
+    m_kinds[ConditionValuesKind].dropMessage = QStringLiteral(
+        "Dropping Condition Values since last send was at %1 our current time is %2 and we should wait %3ms.");
+    m_kinds[MaintenanceDefinitionsKind].dropMessage = QStringLiteral(
+        "Dropping Maintenace Definitions since last send was at %1, our current time is %2 and we should wait %3ms.");
+    m_kinds[MaintenanceValuesKind].dropMessage = QStringLiteral(
+        "Dropping Maintenace Values since last send was at %1, our current time is %2 and we should wait %3ms.");
 
     m_handlers.insert(qMetaTypeId<StateV1>(), { &recordEquals<StateV1>, nullptr });
     m_handlers.insert(qMetaTypeId<GeneralV1>(), { &recordEquals<GeneralV1>, &Limit::takeOperatingData });
@@ -113,32 +343,33 @@ Limit::Limit(QObject *parent)
     m_handlers.insert(qMetaTypeId<ConditionDefinitionsV2>(),
         { &recordEquals<ConditionDefinitionsV2>,
             &Limit::takeList<ConditionDefinitionsV2, ConditionDefinitionV2, &Machine::conditionDefinitions,
-                &Limit::doConditionDefinitions> });
+                ConditionDefinitionsKind> });
     m_handlers.insert(qMetaTypeId<ConditionDefinitionV2>(),
         { &recordEquals<ConditionDefinitionV2>,
-            &Limit::takeItem<ConditionDefinitionV2, &Machine::conditionDefinitions, &Limit::doConditionDefinitions> });
+            &Limit::takeItem<ConditionDefinitionsV2, ConditionDefinitionV2, &Machine::conditionDefinitions,
+                ConditionDefinitionsKind> });
     m_handlers.insert(qMetaTypeId<ConditionDatasV2>(),
         { &recordEquals<ConditionDatasV2>,
-            &Limit::takeList<ConditionDatasV2, ConditionDataV2, &Machine::conditionValues,
-                &Limit::doConditionValues> });
+            &Limit::takeList<ConditionDatasV2, ConditionDataV2, &Machine::conditionValues, ConditionValuesKind> });
     m_handlers.insert(qMetaTypeId<ConditionDataV2>(),
         { &recordEquals<ConditionDataV2>,
-            &Limit::takeItem<ConditionDataV2, &Machine::conditionValues, &Limit::doConditionValues> });
+            &Limit::takeItem<ConditionDatasV2, ConditionDataV2, &Machine::conditionValues, ConditionValuesKind> });
     m_handlers.insert(qMetaTypeId<MaintenanceDefinitionsV1>(),
         { &recordEquals<MaintenanceDefinitionsV1>,
             &Limit::takeList<MaintenanceDefinitionsV1, MaintenanceDefinitionV1, &Machine::maintenanceDefinitions,
-                &Limit::doMaintenanceDefinitions> });
+                MaintenanceDefinitionsKind> });
     m_handlers.insert(qMetaTypeId<MaintenanceDefinitionV1>(),
         { &recordEquals<MaintenanceDefinitionV1>,
-            &Limit::takeItem<MaintenanceDefinitionV1, &Machine::maintenanceDefinitions,
-                &Limit::doMaintenanceDefinitions> });
+            &Limit::takeItem<MaintenanceDefinitionsV1, MaintenanceDefinitionV1, &Machine::maintenanceDefinitions,
+                MaintenanceDefinitionsKind> });
     m_handlers.insert(qMetaTypeId<MaintenanceDatasV1>(),
         { &recordEquals<MaintenanceDatasV1>,
             &Limit::takeList<MaintenanceDatasV1, MaintenanceDataV1, &Machine::maintenanceValues,
-                &Limit::doMaintenanceValues> });
+                MaintenanceValuesKind> });
     m_handlers.insert(qMetaTypeId<MaintenanceDataV1>(),
         { &recordEquals<MaintenanceDataV1>,
-            &Limit::takeItem<MaintenanceDataV1, &Machine::maintenanceValues, &Limit::doMaintenanceValues> });
+            &Limit::takeItem<MaintenanceDatasV1, MaintenanceDataV1, &Machine::maintenanceValues,
+                MaintenanceValuesKind> });
 }
 
 Limit::~Limit()
@@ -150,12 +381,23 @@ bool Limit::init(const QVariantMap &config, QVariantMap &)
 {
     const QVariantMap group = config.value(QStringLiteral("limit")).toMap();
     bool ok = false;
-    m_waitTime = milliseconds(group.value(QStringLiteral("waitTime")), &ok);
+    const quint32 waitTime = milliseconds(group.value(QStringLiteral("waitTime")), &ok);
     if (!ok)
         qCWarning(lcLimit) << QStringLiteral("Couldn't parse waitTime");
     m_keepAliveTime = milliseconds(group.value(QStringLiteral("keepAliveTime")), &ok);
     if (!ok)
         qCWarning(lcLimit) << QStringLiteral("Couldn't parse keepAliveTime");
+
+    // The flushes remembered so far were made under the old wait time, and the queues are in order of its end.
+    catchUp(&Machine::conditionDefinitions, m_kinds[ConditionDefinitionsKind]);
+    catchUp(&Machine::conditionValues, m_kinds[ConditionValuesKind]);
+    catchUp(&Machine::maintenanceDefinitions, m_kinds[MaintenanceDefinitionsKind]);
+    catchUp(&Machine::maintenanceValues, m_kinds[MaintenanceValuesKind]);
+    m_waitTime = waitTime;
+    requeue(&Machine::conditionDefinitions, m_kinds[ConditionDefinitionsKind]);
+    requeue(&Machine::conditionValues, m_kinds[ConditionValuesKind]);
+    requeue(&Machine::maintenanceDefinitions, m_kinds[MaintenanceDefinitionsKind]);
+    requeue(&Machine::maintenanceValues, m_kinds[MaintenanceValuesKind]);
 
     // QTimer takes a signed interval; longer wait times than it holds cannot be meant.
     m_timer->setInterval(int(std::min<quint32>(m_waitTime, std::numeric_limits<int>::max())));
@@ -183,21 +425,20 @@ void Limit::processData(QDateTime timestamp, QString machine, QString source, QV
     const auto handlerEntry = m_handlers.constFind(type);
     const Handler *handler = handlerEntry == m_handlers.constEnd() ? nullptr : &handlerEntry.value();
 
-    const auto last = tables.lastValues.find(type);
-    if (last != tables.lastValues.end() && equal(handler, last.value(), data)) {
+    QVariant *last = tables.lastValue(type);
+    if (last && equal(handler, *last, data)) {
         if (type != m_stateType)
             return;
         // A repeated state passes once every keep-alive time, so that the targets see the machine is still there.
-        if (tables.lastStateTime != NoTime
-            && QDateTime::currentMSecsSinceEpoch() - tables.lastStateTime < qint64(m_keepAliveTime))
+        if (tables.lastStateTime != NoTime && m_clock() - tables.lastStateTime < qint64(m_keepAliveTime))
             return;
     }
-    if (last != tables.lastValues.end())
-        last.value() = data;
+    if (last)
+        *last = data;
     else
-        tables.lastValues.insert(type, data);
+        tables.lastValues.emplace_back(type, data);
     if (type == m_stateType)
-        tables.lastStateTime = QDateTime::currentMSecsSinceEpoch();
+        tables.lastStateTime = m_clock();
 
     if (handler && handler->take) {
         (this->*handler->take)(tables, data);
@@ -208,43 +449,34 @@ void Limit::processData(QDateTime timestamp, QString machine, QString source, QV
 
 void Limit::doConditionDefinitions()
 {
-    flush<ConditionDefinitionsV2>(&Machine::conditionDefinitions,
-        QStringLiteral("Dropping Condition Definitions since last send was at %1, our current time is %2 and we should "
-                       "wait %3ms."));
+    flush<ConditionDefinitionsV2>(&Machine::conditionDefinitions, m_kinds[ConditionDefinitionsKind], nullptr);
 }
 
 void Limit::doConditionValues()
 {
-    // Unlike the other three, this message has no comma after %1: log readers match the text as it stands.
-    flush<ConditionDatasV2>(&Machine::conditionValues,
-        QStringLiteral(
-            "Dropping Condition Values since last send was at %1 our current time is %2 and we should wait %3ms."));
+    flush<ConditionDatasV2>(&Machine::conditionValues, m_kinds[ConditionValuesKind], nullptr);
 }
 
 void Limit::doMaintenanceDefinitions()
 {
-    flush<MaintenanceDefinitionsV1>(&Machine::maintenanceDefinitions,
-        QStringLiteral("Dropping Maintenace Definitions since last send was at %1, our current time is %2 and we "
-                       "should wait %3ms."));
+    flush<MaintenanceDefinitionsV1>(&Machine::maintenanceDefinitions, m_kinds[MaintenanceDefinitionsKind], nullptr);
 }
 
 void Limit::doMaintenanceValues()
 {
-    flush<MaintenanceDatasV1>(&Machine::maintenanceValues,
-        QStringLiteral(
-            "Dropping Maintenace Values since last send was at %1, our current time is %2 and we should wait %3ms."));
+    flush<MaintenanceDatasV1>(&Machine::maintenanceValues, m_kinds[MaintenanceValuesKind], nullptr);
 }
 
 void Limit::doOperatingData()
 {
-    const QDateTime now = QDateTime::currentDateTime();
+    FlushTime time(m_clock());
     // By index: a receiver may bring in a new machine while this runs.
     for (int i = 0; i < m_sortedMachines.size(); ++i) {
         Machine *machine = m_sortedMachines.at(i);
         if (!machine->operatingDataPending)
             continue;
         machine->operatingDataPending = false;
-        emit dataProcessed(now, machine->name, LimiterSource, QVariant::fromValue(machine->operatingData));
+        emit dataProcessed(time.dateTime(), machine->name, LimiterSource, *machine->lastValue(m_operatingDataType));
     }
 }
 
@@ -274,64 +506,326 @@ bool Limit::equal(const Handler *handler, const QVariant &a, const QVariant &b) 
     return a == b;
 }
 
-template <typename List, typename Item, Limit::Table<Item> Limit::Machine::*table, void (Limit::*send)()>
+template <typename List, typename Item, Limit::Table<Item> Limit::Machine::*table, int kind>
 void Limit::takeList(Machine &machine, const QVariant &data)
 {
     const List list = qvariant_cast<List>(data);
+    const QList<Item> &items = list.items;
     Table<Item> &entries = machine.*table;
+
+    // The same items as last time, each still its id's entry: unchanged, unless an item does not equal itself.
+    const bool sameItems
+        = !items.isEmpty() && !entries.list.isEmpty() && &items.constFirst() == &entries.list.constFirst();
+    if (sameItems && entries.listIntact) {
+        if (entries.listSelfEqual < 0) {
+            entries.listSelfEqual = std::all_of(
+                items.cbegin(), items.cend(), [](const Item &item) { return !entryChanged(item, item); });
+        }
+        if (entries.listSelfEqual)
+            return;
+    }
+
+    const quint8 oldMark = entries.listMark;
+    const quint8 newMark = oldMark == ListMarkA ? ListMarkB : ListMarkA;
+    const bool joins = entries.entries.empty();
+    if (joins)
+        entries.entries.reserve(size_t(items.size()));
+    int moved = 0;
+    int listed = 0;
+    bool intact = true;
     bool changed = false;
-    for (const Item &item : list.items)
-        changed = entries.take(item) || changed;
+    int hint = 0;
+    for (const Item &item : items) {
+        uint hash = 0;
+        const int index = entries.find(item.id, hint, &hash);
+        if (index < 0) {
+            entries.add(&item, hash, newMark);
+            ++listed;
+            changed = true;
+            hint = int(entries.entries.size());
+            continue;
+        }
+        auto &entry = entries.entries[size_t(index)];
+        if (entryChanged(*entry.item, item)) {
+            changed = true;
+            if (!entry.pending) {
+                entry.pending = true;
+                ++entries.pendingCount;
+            }
+        }
+        if (entry.home == OwnCopy) {
+            delete entry.item;
+            ++listed;
+        } else if (entry.home == oldMark) {
+            ++moved;
+            ++listed;
+        } else {
+            // The list holds this id twice; the later item is the entry's.
+            intact = false;
+        }
+        entry.item = &item;
+        entry.home = newMark;
+        hint = index + 1;
+    }
+    // The entries the new list leaves out keep their items in copies of their own before the old list goes.
+    if (moved < entries.listed) {
+        for (auto &entry : entries.entries) {
+            if (entry.home == oldMark) {
+                entry.item = new Item(*entry.item);
+                entry.home = OwnCopy;
+            }
+        }
+    }
+    entries.list = items;
+    entries.listMark = newMark;
+    entries.listed = listed;
+    entries.listIntact = intact;
+    if (!sameItems)
+        entries.listSelfEqual = -1;
+
+    ListKind &listKind = m_kinds[kind];
+    if (joins && !entries.entries.empty()) {
+        listKind.members.push_back(&machine);
+        entries.asOf = listKind.last;
+    }
     if (changed)
-        (this->*send)();
+        flush<List>(table, listKind, &machine);
 }
 
-template <typename Item, Limit::Table<Item> Limit::Machine::*table, void (Limit::*send)()>
+template <typename List, typename Item, Limit::Table<Item> Limit::Machine::*table, int kind>
 void Limit::takeItem(Machine &machine, const QVariant &data)
 {
-    if ((machine.*table).take(qvariant_cast<Item>(data)))
-        (this->*send)();
+    const Item item = qvariant_cast<Item>(data);
+    Table<Item> &entries = machine.*table;
+    ListKind &listKind = m_kinds[kind];
+    uint hash = 0;
+    const int index = entries.find(item.id, int(entries.entries.size()), &hash);
+    bool changed = true;
+    if (index < 0) {
+        if (entries.entries.empty()) {
+            listKind.members.push_back(&machine);
+            entries.asOf = listKind.last;
+        }
+        entries.add(new Item(item), hash, OwnCopy);
+    } else {
+        auto &entry = entries.entries[size_t(index)];
+        changed = entryChanged(*entry.item, item);
+        if (changed && !entry.pending) {
+            entry.pending = true;
+            ++entries.pendingCount;
+        }
+        if (entry.home == OwnCopy) {
+            delete entry.item;
+        } else {
+            --entries.listed;
+            entries.listIntact = false;
+        }
+        entry.item = new Item(item);
+        entry.home = OwnCopy;
+    }
+    if (changed)
+        flush<List>(table, listKind, &machine);
 }
 
-void Limit::takeOperatingData(Machine &machine, const QVariant &data)
+void Limit::takeOperatingData(Machine &machine, const QVariant &)
 {
-    const GeneralV1 general = qvariant_cast<GeneralV1>(data);
-    if (machine.hasOperatingData && machine.operatingData == general)
-        return;
-    machine.operatingData = general;
-    machine.hasOperatingData = true;
+    // The duplicate filter has let it through, so it differs from the last one: that is the pending one now.
     machine.operatingDataPending = true;
 }
 
-template <typename List, typename Item> void Limit::flush(Table<Item> Machine::*table, const QString &dropMessage)
+template <typename List, typename Item>
+void Limit::flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed)
 {
-    const qint64 nowMsecs = QDateTime::currentMSecsSinceEpoch();
-    const QDateTime now = QDateTime::fromMSecsSinceEpoch(nowMsecs);
+    FlushTime time(m_clock());
+    const qint64 now = time.msecs;
+
+    // Every machine is visited when the drop messages are logged, and in a flush that a receiver starts while one
+    // is running, as the outer one has visited only some of the machines.
+    if (kind.depth > 0 || lcLimit().isDebugEnabled()) {
+        const FlushDepth depth(kind.depth);
+        ++kind.last;
+        catchUp(table, kind);
+        visitAll<List>(table, kind, time, 0);
+        requeue(table, kind);
+        return;
+    }
+
+    const FlushDepth depth(kind.depth);
+    // The history is kept in ascending order of time and no longer than twice the number of machines.
+    if (!kind.history.empty()
+        && (now < kind.history.back().time || kind.history.size() >= std::max(MinHistory, 2 * kind.members.size())))
+        catchUp(table, kind);
+    if (changed) {
+        Table<Item> &entries = changed->*table;
+        if (entries.pendingCount > 0 && !entries.queued) {
+            resolve(entries, kind);
+            enqueue(kind, changed, entries);
+        }
+    }
+
+    const qint64 number = ++kind.last;
+    while (!kind.queue.empty() && kind.queue.front().first <= now) {
+        std::pop_heap(kind.queue.begin(), kind.queue.end(), ListKind::earlierDue);
+        Machine *machine = kind.queue.back().second;
+        kind.queue.pop_back();
+        (machine->*table).queued = false;
+        kind.due.push_back(machine);
+    }
+    if (kind.due.size() > 1) {
+        std::sort(kind.due.begin(), kind.due.end(), [](const Machine *a, const Machine *b) { return a->name < b->name; });
+    }
+
+    ListKind::Progress progress { now, number, nullptr, 0, false };
+    kind.progress = &progress;
+    for (size_t i = 0; i < kind.due.size(); ++i) {
+        Machine *machine = kind.due[i];
+        Table<Item> &entries = machine->*table;
+        entries.lastSend = now;
+        entries.asOf = number;
+        if (entries.pendingCount == 0)
+            continue;
+        progress.current = machine;
+        progress.index = int(std::lower_bound(m_sortedMachines.cbegin(), m_sortedMachines.cend(), machine->name,
+                                 [](const Machine *a, const QString &b) { return a->name < b; })
+            - m_sortedMachines.cbegin());
+        send<List>(*machine, entries, time);
+        if (progress.handedOver) {
+            // A receiver has run a flush of this kind: from here on every machine is visited.
+            kind.progress = nullptr;
+            kind.due.clear();
+            visitAll<List>(table, kind, time, progress.index + 1);
+            requeue(table, kind);
+            return;
+        }
+    }
+    kind.progress = nullptr;
+    kind.due.clear();
+
+    const qint32 index = qint32(kind.history.size());
+    kind.history.push_back({ now, -1 });
+    while (kind.open < kind.history.size() - 1 && now - kind.history[kind.open].time >= qint64(m_waitTime)) {
+        kind.history[kind.open].next = index;
+        ++kind.open;
+    }
+}
+
+template <typename List, typename Item>
+void Limit::visitAll(Table<Item> Machine::*table, ListKind &kind, FlushTime &time, int from)
+{
     // By index: a receiver may bring in a new machine while this runs.
-    for (int i = 0; i < m_sortedMachines.size(); ++i) {
+    for (int i = from; i < m_sortedMachines.size(); ++i) {
         Machine *machine = m_sortedMachines.at(i);
         Table<Item> &entries = machine->*table;
-        if (entries.entries.isEmpty())
+        if (entries.entries.empty())
             continue;
-        if (entries.lastSend != NoTime && nowMsecs - entries.lastSend < qint64(m_waitTime)) {
-            qCDebug(lcLimit) << dropMessage.arg(QDateTime::fromMSecsSinceEpoch(entries.lastSend).toString(),
-                now.toString(), QString::number(m_waitTime));
+        if (entries.lastSend != NoTime && time.msecs - entries.lastSend < qint64(m_waitTime)) {
+            qCDebug(lcLimit) << kind.dropMessage.arg(QDateTime::fromMSecsSinceEpoch(entries.lastSend).toString(),
+                time.dateTime().toString(), QString::number(m_waitTime));
             continue;
         }
-        entries.lastSend = nowMsecs;
-        if (entries.pending.isEmpty())
+        entries.lastSend = time.msecs;
+        if (entries.pendingCount == 0)
             continue;
-
-        std::sort(entries.pending.begin(), entries.pending.end());
-        List list;
-        list.timestamp = now;
-        list.items.reserve(entries.pending.size());
-        for (const QString &id : qAsConst(entries.pending)) {
-            Entry<Item> &entry = entries.entries[id];
-            entry.pending = false;
-            list.items.append(entry.item);
-        }
-        entries.pending.clear();
-        emit dataProcessed(now, machine->name, LimiterSource, QVariant::fromValue(list));
+        send<List>(*machine, entries, time);
     }
+}
+
+template <typename List, typename Item> void Limit::send(Machine &machine, Table<Item> &entries, FlushTime &time)
+{
+    m_sendOrder.clear();
+    for (size_t index = 0; index < entries.entries.size(); ++index) {
+        if (entries.entries[index].pending)
+            m_sendOrder.push_back(int(index));
+    }
+    std::sort(m_sendOrder.begin(), m_sendOrder.end(),
+        [&entries](int a, int b) { return entries.entries[size_t(a)].item->id < entries.entries[size_t(b)].item->id; });
+
+    List list;
+    list.timestamp = time.dateTime();
+    list.items.reserve(int(m_sendOrder.size()));
+    for (const int index : m_sendOrder) {
+        auto &entry = entries.entries[size_t(index)];
+        entry.pending = false;
+        list.items.append(*entry.item);
+    }
+    entries.pendingCount = 0;
+    emit dataProcessed(time.dateTime(), machine.name, LimiterSource, QVariant::fromValue(list));
+}
+
+template <typename Item> void Limit::catchUp(Table<Item> Machine::*table, ListKind &kind)
+{
+    for (Machine *machine : kind.members)
+        resolve(machine->*table, kind);
+    if (kind.progress && !kind.progress->handedOver) {
+        // A quick flush runs, and a receiver of it has started this one: the quick one has visited the machines up
+        // to the one it sends to, in name order, and none after it.
+        ListKind::Progress &progress = *kind.progress;
+        progress.handedOver = true;
+        for (Machine *machine : kind.members) {
+            Schedule &schedule = machine->*table;
+            if (schedule.asOf >= progress.number || progress.current->name < machine->name)
+                continue;
+            if (schedule.lastSend == NoTime || progress.time - schedule.lastSend >= qint64(m_waitTime))
+                schedule.lastSend = progress.time;
+        }
+    }
+    kind.history.clear();
+    kind.open = 0;
+    kind.first = kind.last + 1;
+}
+
+template <typename Item> void Limit::requeue(Table<Item> Machine::*table, ListKind &kind)
+{
+    kind.queue.clear();
+    for (Machine *machine : kind.members) {
+        Schedule &schedule = machine->*table;
+        schedule.queued = schedule.pendingCount > 0;
+        if (schedule.queued)
+            kind.queue.emplace_back(dueTime(schedule), machine);
+    }
+    std::make_heap(kind.queue.begin(), kind.queue.end(), ListKind::earlierDue);
+}
+
+void Limit::resolve(Schedule &schedule, ListKind &kind)
+{
+    if (kind.history.empty())
+        return;
+    const qint64 newest = kind.first + qint64(kind.history.size()) - 1;
+    if (schedule.asOf >= newest)
+        return;
+    auto hop = kind.history.begin() + std::max<qint64>(schedule.asOf + 1 - kind.first, 0);
+    if (schedule.lastSend != NoTime) {
+        hop = std::lower_bound(hop, kind.history.end(), dueTime(schedule),
+            [](const ListKind::Flush &flush, qint64 time) { return flush.time < time; });
+    }
+    if (hop != kind.history.end()) {
+        qint32 at = qint32(hop - kind.history.begin());
+        qint32 end = at;
+        while (kind.history[size_t(end)].next >= 0)
+            end = kind.history[size_t(end)].next;
+        while (at != end) {
+            const qint32 next = kind.history[size_t(at)].next;
+            kind.history[size_t(at)].next = end;
+            at = next;
+        }
+        schedule.lastSend = kind.history[size_t(end)].time;
+    }
+    schedule.asOf = newest;
+}
+
+void Limit::enqueue(ListKind &kind, Machine *machine, Schedule &schedule)
+{
+    schedule.queued = true;
+    kind.queue.emplace_back(dueTime(schedule), machine);
+    std::push_heap(kind.queue.begin(), kind.queue.end(), ListKind::earlierDue);
+}
+
+qint64 Limit::dueTime(const Schedule &schedule) const
+{
+    if (schedule.lastSend == NoTime)
+        return NoTime;
+    // A wait time beyond the end of the clock's range never ends.
+    if (schedule.lastSend > std::numeric_limits<qint64>::max() - qint64(m_waitTime))
+        return std::numeric_limits<qint64>::max();
+    return schedule.lastSend + qint64(m_waitTime);
 }

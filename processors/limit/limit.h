@@ -10,6 +10,9 @@
 #include <QVariant>
 #include <QVector>
 
+#include <memory>
+#include <vector>
+
 class QTimer;
 
 /**
@@ -22,6 +25,9 @@ class Limit : public QObject, public IProcessor
     Q_OBJECT
     Q_INTERFACES(IProcessor)
 public:
+    /** A source of the current time, in milliseconds since the epoch. */
+    using Clock = qint64 (*)();
+
     explicit Limit(QObject *parent = nullptr);
     ~Limit() override;
 
@@ -39,6 +45,8 @@ public:
     quint32 waitTime() const { return m_waitTime; }
     /** The keep-alive time of repeated states read by init, in milliseconds. */
     quint32 keepAliveTime() const { return m_keepAliveTime; }
+    /** Replaces the clock, by default the system's wall clock; for tests that need exact times. */
+    void setClock(Clock clock) { m_clock = clock; }
 
 signals:
     void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
@@ -59,6 +67,9 @@ public slots:
 
 private:
     struct Machine;
+    struct Schedule;
+    struct ListKind;
+    struct FlushTime;
     template <typename Item> struct Table;
     using Equals = bool (*)(const QVariant &a, const QVariant &b);
     using Take = void (Limit::*)(Machine &machine, const QVariant &data);
@@ -71,22 +82,37 @@ private:
 
     Machine &machineFor(const QString &name);
     bool equal(const Handler *handler, const QVariant &a, const QVariant &b) const;
-    template <typename List, typename Item, Table<Item> Machine::*table, void (Limit::*send)()>
+    template <typename List, typename Item, Table<Item> Machine::*table, int kind>
     void takeList(Machine &machine, const QVariant &data);
-    template <typename Item, Table<Item> Machine::*table, void (Limit::*send)()>
+    template <typename List, typename Item, Table<Item> Machine::*table, int kind>
     void takeItem(Machine &machine, const QVariant &data);
     void takeOperatingData(Machine &machine, const QVariant &data);
-    template <typename List, typename Item> void flush(Table<Item> Machine::*table, const QString &dropMessage);
+    template <typename List, typename Item>
+    void flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed);
+    template <typename List, typename Item>
+    void visitAll(Table<Item> Machine::*table, ListKind &kind, FlushTime &time, int from);
+    template <typename List, typename Item> void send(Machine &machine, Table<Item> &entries, FlushTime &time);
+    template <typename Item> void catchUp(Table<Item> Machine::*table, ListKind &kind);
+    template <typename Item> void requeue(Table<Item> Machine::*table, ListKind &kind);
+    void resolve(Schedule &schedule, ListKind &kind);
+    void enqueue(ListKind &kind, Machine *machine, Schedule &schedule);
+    qint64 dueTime(const Schedule &schedule) const;
 
     quint32 m_waitTime = 0;
     quint32 m_keepAliveTime = 0;
+    Clock m_clock;
     QTimer *m_timer;
     int m_stateType;
+    int m_operatingDataType;
     // Keyed by the registered type id; types without an entry are compared by QVariant and passed on.
     QHash<int, Handler> m_handlers;
     // Owns the machines; the same machines sorted by name give the order in which flushes and the timer send.
     QHash<QString, Machine *> m_machines;
     QVector<Machine *> m_sortedMachines;
+    // One per list kind: condition definitions, condition values, maintenance definitions, maintenance values.
+    std::unique_ptr<ListKind[]> m_kinds;
+    // Scratch space of send(), kept to spare an allocation per list sent.
+    std::vector<int> m_sendOrder;
 };
 
 #endif

@@ -11,7 +11,12 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
 #include <memory>
+#include <random>
 
 using namespace TestSupport;
 
@@ -222,6 +227,204 @@ GeneralV1 general(quint64 pieces)
     return record;
 }
 
+
+/** Switches the debug messages of the category "limit" on or off, and those of every other category off. */
+void showDropMessages(bool on)
+{
+    QLoggingCategory::setFilterRules(on ? QStringLiteral("*.debug=false\nlimit.debug=true") : QStringLiteral("*.debug=false"));
+}
+
+/** The time the limiters under test take for now, when they are given fakeNow as their clock. */
+qint64 s_now = 0;
+
+qint64 fakeNow()
+{
+    return s_now;
+}
+
+const qint64 Start = 1700000000000;
+
+/** Exact texts of values, telling apart what == takes as equal: null and empty texts, the bits of doubles, types. */
+QString exact(const QString &text)
+{
+    return text.isNull() ? QStringLiteral("null") : QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+QString exact(double number)
+{
+    quint64 bits = 0;
+    std::memcpy(&bits, &number, sizeof bits);
+    return QStringLiteral("0x") + QString::number(bits, 16);
+}
+
+QString exact(bool flag)
+{
+    return flag ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+QString exact(qint32 number)
+{
+    return QString::number(number);
+}
+
+QString exact(const QDateTime &time)
+{
+    return QString::number(time.toMSecsSinceEpoch()) + QLatin1Char('@') + QString::number(int(time.timeSpec()));
+}
+
+QString exact(const QVariant &value)
+{
+    const QString type = QString::fromLatin1(value.typeName()) + QLatin1Char(':');
+    switch (value.userType()) {
+    case QMetaType::Double:
+        return type + exact(value.toDouble());
+    case QMetaType::QString:
+        return type + exact(value.toString());
+    default:
+        return type + value.toString();
+    }
+}
+
+template <typename Record> QString exactRecord(const Record &record);
+
+template <typename T> QString exact(const QList<T> &list)
+{
+    QStringList parts;
+    for (const T &item : list)
+        parts.append(exactRecord(item));
+    return QLatin1Char('[') + parts.join(QLatin1Char(',')) + QLatin1Char(']');
+}
+
+template <typename Record> QString exactRecord(const Record &record)
+{
+    QStringList parts;
+    Record::visitFields(
+        [&](const char *name, auto member) { parts.append(QLatin1String(name) + '=' + exact(record.*member)); });
+    return QLatin1Char('(') + parts.join(QLatin1Char(',')) + QLatin1Char(')');
+}
+
+/** A dataset as one exact text. */
+QString describe(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+{
+    const QString head = QStringList { exact(timestamp), machine, source, QString::fromLatin1(data.typeName()) }.join(
+                             QLatin1Char(' '))
+        + QLatin1Char(' ');
+    const int type = data.userType();
+    if (type == qMetaTypeId<ConditionDefinitionsV2>())
+        return head + exactRecord(qvariant_cast<ConditionDefinitionsV2>(data));
+    if (type == qMetaTypeId<ConditionDatasV2>())
+        return head + exactRecord(qvariant_cast<ConditionDatasV2>(data));
+    if (type == qMetaTypeId<MaintenanceDefinitionsV1>())
+        return head + exactRecord(qvariant_cast<MaintenanceDefinitionsV1>(data));
+    if (type == qMetaTypeId<MaintenanceDatasV1>())
+        return head + exactRecord(qvariant_cast<MaintenanceDatasV1>(data));
+    return head + exact(data);
+}
+
+/** The list kind of an emitted list. */
+Kind kindOf(const QVariant &data)
+{
+    const int type = data.userType();
+    if (type == qMetaTypeId<ConditionDefinitionsV2>())
+        return ConditionDefinitions;
+    if (type == qMetaTypeId<ConditionDatasV2>())
+        return ConditionValues;
+    if (type == qMetaTypeId<MaintenanceDefinitionsV1>())
+        return MaintenanceDefinitions;
+    return MaintenanceValues;
+}
+
+/** The same list with a time stamp of its own: its items share their data with the given one's. */
+QVariant restamped(Kind kind, const QVariant &data)
+{
+    switch (kind) {
+    case ConditionDefinitions: {
+        auto list = qvariant_cast<ConditionDefinitionsV2>(data);
+        list.timestamp = nextListTime();
+        return QVariant::fromValue(list);
+    }
+    case ConditionValues: {
+        auto list = qvariant_cast<ConditionDatasV2>(data);
+        list.timestamp = nextListTime();
+        return QVariant::fromValue(list);
+    }
+    case MaintenanceDefinitions: {
+        auto list = qvariant_cast<MaintenanceDefinitionsV1>(data);
+        list.timestamp = nextListTime();
+        return QVariant::fromValue(list);
+    }
+    case MaintenanceValues: {
+        auto list = qvariant_cast<MaintenanceDatasV1>(data);
+        list.timestamp = nextListTime();
+        return QVariant::fromValue(list);
+    }
+    }
+    return QVariant();
+}
+
+/** A condition value of one of the types that compare in their own way: integer, double, NaN, text. */
+QVariant conditionValueOf(const QString &id, int number, int variant)
+{
+    ConditionDataV2 item;
+    item.id = id;
+    switch (variant) {
+    case 0:
+        item.value = number * 0.5;
+        break;
+    case 1:
+        item.value = std::nan("");
+        break;
+    case 2:
+        item.value = QString::number(number);
+        break;
+    default:
+        item.value = number;
+        break;
+    }
+    return QVariant::fromValue(item);
+}
+
+/**
+ * One of two limiters fed the same datasets at the same times: what it sent, and a receiver that, for some of the
+ * lists it gets, sends a change back into it while it is still sending.
+ */
+struct Twin
+{
+    explicit Twin(bool sendsBack, int machines)
+        : sendsBack(sendsBack)
+        , machines(machines)
+    {
+        limit.setClock(&fakeNow);
+        QObject::connect(&limit, &Limit::dataProcessed,
+            [this](const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data) {
+                received(timestamp, machine, source, data);
+            });
+    }
+
+    void received(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+    {
+        const QString text = describe(timestamp, machine, source, data);
+        out.append(text);
+        const uint hash = qHash(text);
+        if (!sendsBack || depth >= 2 || hash % 3 != 0)
+            return;
+        // Decided by what arrived, so that both limiters get the same as long as they sent the same.
+        ++depth;
+        const QString target = (hash / 3) % 5 == 0 ? QStringLiteral("r%1").arg(++broughtIn)
+                                                    : QStringLiteral("m%1").arg((hash / 7) % uint(machines));
+        const QString id = QString(QChar(QLatin1Char('a' + int((hash / 11) % 6))));
+        limit.processData(When, target, QStringLiteral("s1"), makeItem(kindOf(data), id, int((hash / 13) % 4)));
+        --depth;
+    }
+
+    Limit limit;
+    const bool sendsBack;
+    const int machines;
+    QStringList out;
+    int depth = 0;
+    int broughtIn = 0;
+};
+
 } // namespace
 
 Q_DECLARE_METATYPE(Opaque)
@@ -277,6 +480,19 @@ private slots:
     void maintenanceValuesChangeOnlyByValues_data();
     void maintenanceValuesChangeOnlyByValues();
     void conditionValueTypeChangeIsChange();
+
+    void idleMachineFollowsFlushesOfOthers_data();
+    void idleMachineFollowsFlushesOfOthers();
+    void manyMachinesLeaveInNameOrder();
+    void sameItemsWithNewTime_data() { listKinds(); }
+    void sameItemsWithNewTime();
+    void sameItemsWithNaNChangeEachTime();
+    void entriesLeftOutKeepTheirItems_data() { listKinds(); }
+    void entriesLeftOutKeepTheirItems();
+    void entryKeepsLatestOfEqualItems();
+    void receiverSendsBackWhileFlushing();
+    void quickFlushesMatchVisitingEveryMachine_data();
+    void quickFlushesMatchVisitingEveryMachine();
 
 private:
     void configure(Limit &limit, quint32 waitTime, quint32 keepAliveTime = 0);
@@ -994,6 +1210,431 @@ void tst_Limit::conditionValueTypeChangeIsChange()
     const ConditionDatasV2 list = qvariant_cast<ConditionDatasV2>(spy.last().at(3));
     QCOMPARE(list.items.size(), 1);
     QCOMPARE(list.items.first().value.userType(), int(QMetaType::QString));
+}
+
+void tst_Limit::idleMachineFollowsFlushesOfOthers_data()
+{
+    QTest::addColumn<Kind>("kind");
+    QTest::addColumn<bool>("debug");
+
+    const QList<QPair<Kind, QString>> kinds { { ConditionDefinitions, "condition definitions" },
+        { ConditionValues, "condition values" }, { MaintenanceDefinitions, "maintenance definitions" },
+        { MaintenanceValues, "maintenance values" } };
+    for (const auto &kind : kinds) {
+        QTest::newRow(qPrintable(kind.second)) << kind.first << false;
+        QTest::newRow(qPrintable(kind.second + ", drop messages logged")) << kind.first << true;
+    }
+}
+
+void tst_Limit::idleMachineFollowsFlushesOfOthers()
+{
+    QFETCH(Kind, kind);
+    QFETCH(bool, debug);
+
+    showDropMessages(debug);
+    Limit limit;
+    configure(limit, 200);
+    limit.setClock(&fakeNow);
+    QSignalSpy spy(&limit, Processed);
+
+    s_now = Start;
+    send(limit, makeItem(kind, "x", 1), "m1");
+    QCOMPARE(spy.count(), 1);
+    // Flushes run by the first entries of other machines. m1 has nothing pending, yet its last sending moves to the
+    // first flush at least 200 ms after it (210), then to the first at least 200 ms after that (410, not 409).
+    int other = 0;
+    for (const qint64 at : { 150, 210, 300, 409, 410, 500 }) {
+        s_now = Start + at;
+        send(limit, makeItem(kind, "x", 1), QStringLiteral("a%1").arg(++other));
+    }
+    QCOMPARE(spy.count(), 7);
+
+    // So a change at 550 waits, a flush at 609 does not let it go, and one at 610 does.
+    s_now = Start + 550;
+    send(limit, makeItem(kind, "x", 2), "m1");
+    s_now = Start + 609;
+    send(limit, makeItem(kind, "x", 1), "b1");
+    QCOMPARE(spy.count(), 8);
+    QCOMPARE(spy.last().at(1).toString(), QStringLiteral("b1"));
+    s_now = Start + 610;
+    send(limit, makeItem(kind, "x", 1), "b2");
+    QCOMPARE(spy.count(), 10);
+    QCOMPARE(spy.at(8).at(1).toString(), QStringLiteral("b2"));
+    QCOMPARE(spy.at(9).at(1).toString(), QStringLiteral("m1"));
+    QCOMPARE(entriesOf(kind, spy.at(9).at(3)), (Entries { { "x", 2 } }));
+    QCOMPARE(spy.at(9).at(0).toDateTime(), QDateTime::fromMSecsSinceEpoch(Start + 610));
+    if (!debug)
+        QVERIFY(s_log.isEmpty());
+}
+
+void tst_Limit::manyMachinesLeaveInNameOrder()
+{
+    showDropMessages(false);
+    Limit limit;
+    configure(limit, 100);
+    limit.setClock(&fakeNow);
+    QSignalSpy spy(&limit, Processed);
+
+    // Their name order ("edge-10" before "edge-2") is neither the order of their numbers nor the order they come in.
+    const int count = 3000;
+    QStringList names;
+    for (int i = 0; i < count; ++i)
+        names.append(QStringLiteral("edge-%1").arg(i));
+    std::shuffle(names.begin(), names.end(), std::mt19937(7));
+
+    s_now = Start;
+    for (const QString &name : qAsConst(names))
+        send(limit, makeItem(ConditionValues, "x", 1), name);
+    QCOMPARE(spy.count(), count);
+    s_now = Start + 10;
+    for (const QString &name : qAsConst(names))
+        send(limit, makeItem(ConditionValues, "x", 2), name);
+    s_now = Start + 99;
+    send(limit, makeItem(ConditionValues, "x", 1), "zz");
+    QCOMPARE(spy.count(), count + 1);
+
+    // The first change after the wait time lets every machine's pending entries go, one list each, in name order.
+    s_now = Start + 100;
+    send(limit, makeItem(ConditionValues, "y", 1), names.first());
+    QCOMPARE(spy.count(), 2 * count + 1);
+    QStringList sorted = names;
+    std::sort(sorted.begin(), sorted.end());
+    for (int i = 0; i < count; ++i) {
+        const QVariantList &dataset = spy.at(count + 1 + i);
+        QCOMPARE(dataset.at(1).toString(), sorted.at(i));
+        QCOMPARE(dataset.at(0).toDateTime(), QDateTime::fromMSecsSinceEpoch(Start + 100));
+        const Entries expected = sorted.at(i) == names.first() ? Entries { { "x", 2 }, { "y", 1 } }
+                                                               : Entries { { "x", 2 } };
+        QCOMPARE(entriesOf(ConditionValues, dataset.at(3)), expected);
+    }
+
+    // All of them have just sent: a change of one of them waits again.
+    s_now = Start + 150;
+    send(limit, makeItem(ConditionValues, "x", 3), names.last());
+    QCOMPARE(spy.count(), 2 * count + 1);
+    s_now = Start + 200;
+    send(limit, makeItem(ConditionValues, "x", 2), "zz");
+    QCOMPARE(spy.count(), 2 * count + 3);
+    QCOMPARE(spy.at(2 * count + 1).at(1).toString(), names.last());
+    QCOMPARE(spy.at(2 * count + 2).at(1).toString(), QStringLiteral("zz"));
+    QVERIFY(s_log.isEmpty());
+}
+
+void tst_Limit::sameItemsWithNewTime()
+{
+    QFETCH(Kind, kind);
+
+    showDropMessages(false);
+    Limit limit;
+    configure(limit, 0);
+    QSignalSpy spy(&limit, Processed);
+    const QVariant list = makeList(kind, { { "a", 1 }, { "b", 2 } });
+    send(limit, list);
+    QCOMPARE(spy.count(), 1);
+
+    // The same items, shared with the list before, with a new time stamp: nothing has changed.
+    send(limit, restamped(kind, list));
+    QCOMPARE(spy.count(), 1);
+
+    // A single entry in between: the same items again change it back.
+    send(limit, makeItem(kind, "a", 5));
+    QCOMPARE(spy.count(), 2);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "a", 5 } }));
+    send(limit, restamped(kind, list));
+    QCOMPARE(spy.count(), 3);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "a", 1 } }));
+    send(limit, restamped(kind, list));
+    QCOMPARE(spy.count(), 3);
+
+    // A list holding an id twice: the items are taken in turn, so the first is a change, and the second is sent.
+    const QVariant twice = makeList(kind, { { "a", 3 }, { "b", 2 }, { "a", 1 } });
+    send(limit, twice);
+    QCOMPARE(spy.count(), 4);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "a", 1 } }));
+    send(limit, restamped(kind, twice));
+    QCOMPARE(spy.count(), 5);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "a", 1 } }));
+    send(limit, makeList(kind, { { "b", 2 } }));
+    send(limit, restamped(kind, list));
+    QCOMPARE(spy.count(), 5);
+    QVERIFY(s_log.isEmpty());
+}
+
+void tst_Limit::sameItemsWithNaNChangeEachTime()
+{
+    showDropMessages(false);
+    Limit limit;
+    configure(limit, 0);
+    QSignalSpy spy(&limit, Processed);
+    ConditionDatasV2 list;
+    list.timestamp = nextListTime();
+    list.items.append(qvariant_cast<ConditionDataV2>(conditionValueOf("x", 0, 1)));
+    list.items.append(conditionValue("y", 1));
+    send(limit, QVariant::fromValue(list));
+    QCOMPARE(spy.count(), 1);
+
+    // A NaN never equals the stored value, not even itself: it is a change every time the list comes.
+    const QVariant again = restamped(ConditionValues, QVariant::fromValue(list));
+    send(limit, again);
+    QCOMPARE(spy.count(), 2);
+    const ConditionDatasV2 sent = qvariant_cast<ConditionDatasV2>(spy.last().at(3));
+    QCOMPARE(sent.items.size(), 1);
+    QCOMPARE(sent.items.first().id, QStringLiteral("x"));
+    QVERIFY(std::isnan(sent.items.first().value.toDouble()));
+    const QVariant third = restamped(ConditionValues, again);
+    send(limit, third);
+    QCOMPARE(spy.count(), 3);
+    // The very same dataset again is a repeat, though: the duplicate filter takes a list as equal to itself.
+    send(limit, third);
+    QCOMPARE(spy.count(), 3);
+}
+
+void tst_Limit::entriesLeftOutKeepTheirItems()
+{
+    QFETCH(Kind, kind);
+
+    showDropMessages(false);
+    Limit limit;
+    configure(limit, 0);
+    QSignalSpy spy(&limit, Processed);
+    send(limit, makeList(kind, { { "a", 1 }, { "b", 2 }, { "c", 3 } }));
+    QCOMPARE(spy.count(), 1);
+
+    // Lists that leave entries out, while the lists their items came in are gone.
+    send(limit, makeList(kind, { { "b", 2 } }));
+    send(limit, makeList(kind, { { "c", 3 }, { "a", 1 } }));
+    send(limit, makeList(kind, {}));
+    QCOMPARE(spy.count(), 1);
+    send(limit, makeItem(kind, "c", 4));
+    QCOMPARE(spy.count(), 2);
+    send(limit, makeList(kind, { { "a", 1 }, { "c", 4 } }));
+    send(limit, makeList(kind, { { "b", 2 } }));
+    QCOMPARE(spy.count(), 2);
+    send(limit, makeList(kind, { { "a", 7 }, { "b", 2 }, { "c", 4 } }));
+    QCOMPARE(spy.count(), 3);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "a", 7 } }));
+}
+
+void tst_Limit::entryKeepsLatestOfEqualItems()
+{
+    showDropMessages(false);
+    Limit limit;
+    configure(limit, 1000);
+    limit.setClock(&fakeNow);
+    QSignalSpy spy(&limit, Processed);
+
+    s_now = Start;
+    ConditionDataV2 value;
+    value.id = QStringLiteral("x");
+    value.value = 1.0;
+    send(limit, QVariant::fromValue(value));
+    s_now = Start + 10;
+    value.value = 2.0;
+    send(limit, QVariant::fromValue(value));
+    // Equal for QVariant, which compares doubles with a tolerance, so no change; the entry takes it all the same.
+    const double nearly = 2.0 + 4e-15;
+    QVERIFY(nearly != 2.0);
+    s_now = Start + 20;
+    value.value = nearly;
+    ConditionDatasV2 list;
+    list.timestamp = nextListTime();
+    list.items = { value };
+    send(limit, QVariant::fromValue(list));
+    QCOMPARE(spy.count(), 1);
+
+    s_now = Start + 1100;
+    send(limit, QVariant::fromValue(value), "m2");
+    QCOMPARE(spy.count(), 3);
+    QCOMPARE(spy.at(1).at(1).toString(), QStringLiteral("m1"));
+    const ConditionDatasV2 sent = qvariant_cast<ConditionDatasV2>(spy.at(1).at(3));
+    QCOMPARE(sent.items.size(), 1);
+    QCOMPARE(exact(sent.items.first().value), exact(QVariant(nearly)));
+
+    // Likewise an id that is empty where the stored one is null.
+    MaintenanceDatasV1 maintenance;
+    maintenance.timestamp = nextListTime();
+    maintenance.items = { maintenanceValue(QString(), 1) };
+    send(limit, QVariant::fromValue(maintenance), "m3");
+    QCOMPARE(spy.count(), 4);
+    QVERIFY(qvariant_cast<MaintenanceDatasV1>(spy.last().at(3)).items.first().id.isNull());
+    s_now = Start + 2200;
+    send(limit, QVariant::fromValue(maintenanceValue(QStringLiteral(""), 2)), "m3");
+    QCOMPARE(spy.count(), 5);
+    const MaintenanceDatasV1 sentMaintenance = qvariant_cast<MaintenanceDatasV1>(spy.last().at(3));
+    QCOMPARE(exact(sentMaintenance.items), exactRecord(maintenanceValue(QStringLiteral(""), 2)).prepend('[') + ']');
+}
+
+void tst_Limit::receiverSendsBackWhileFlushing()
+{
+    for (const bool debug : { false, true }) {
+        showDropMessages(debug);
+        Limit limit;
+        configure(limit, 100);
+        limit.setClock(&fakeNow);
+        QStringList out;
+        bool sentBack = false;
+        QObject::connect(&limit, &Limit::dataProcessed,
+            [&](const QDateTime &, const QString &machine, const QString &, const QVariant &data) {
+                out.append(machine + QLatin1Char(' ') + QString::number(entriesOf(ConditionValues, data).first().second));
+                // While m2's second list is being sent, a change of m1, which has just sent.
+                if (machine == QLatin1String("m2") && s_now == Start + 150 && !sentBack) {
+                    sentBack = true;
+                    send(limit, makeItem(ConditionValues, "x", 3), "m1");
+                }
+            });
+
+        s_now = Start;
+        for (const char *machine : { "m1", "m2", "m3" })
+            send(limit, makeItem(ConditionValues, "x", 1), machine);
+        s_now = Start + 10;
+        for (const char *machine : { "m1", "m2", "m3" })
+            send(limit, makeItem(ConditionValues, "x", 2), machine);
+        // The flush of m9's first entry sends m1 and m2; the one m2's receiver starts finds m1 within its wait time,
+        // and sends m3 and m9 before the first goes on, which then finds them within their wait times.
+        s_now = Start + 150;
+        send(limit, makeItem(ConditionValues, "x", 1), "m9");
+        QCOMPARE(out, (QStringList { "m1 1", "m2 1", "m3 1", "m1 2", "m2 2", "m3 2", "m9 1" }));
+        s_now = Start + 249;
+        send(limit, makeItem(ConditionValues, "x", 1), "m8");
+        s_now = Start + 250;
+        send(limit, makeItem(ConditionValues, "x", 1), "m7");
+        QCOMPARE(out.mid(7), (QStringList { "m8 1", "m1 3", "m7 1" }));
+    }
+}
+
+void tst_Limit::quickFlushesMatchVisitingEveryMachine_data()
+{
+    QTest::addColumn<quint32>("wait");
+    QTest::addColumn<int>("machines");
+    QTest::addColumn<int>("steps");
+    QTest::addColumn<bool>("sendsBack");
+    QTest::addColumn<bool>("backwards");
+    QTest::addColumn<bool>("switchDebug");
+    QTest::addColumn<uint>("seed");
+
+    QTest::newRow("wait 0") << 0u << 12 << 1500 << false << false << false << 1u;
+    QTest::newRow("wait 50") << 50u << 25 << 4000 << false << false << false << 2u;
+    QTest::newRow("long history") << 1000u << 6 << 6000 << false << false << false << 3u;
+    QTest::newRow("clock steps back") << 50u << 25 << 3000 << false << true << false << 4u;
+    QTest::newRow("receivers send back") << 50u << 25 << 3000 << true << false << false << 5u;
+    QTest::newRow("drop messages switched on and off") << 50u << 25 << 3000 << false << false << true << 6u;
+    QTest::newRow("all at once") << 80u << 60 << 5000 << true << true << true << 7u;
+}
+
+void tst_Limit::quickFlushesMatchVisitingEveryMachine()
+{
+    QFETCH(quint32, wait);
+    QFETCH(int, machines);
+    QFETCH(int, steps);
+    QFETCH(bool, sendsBack);
+    QFETCH(bool, backwards);
+    QFETCH(bool, switchDebug);
+    QFETCH(uint, seed);
+
+    // Two limiters get the same datasets at the same times. The drop messages are always on for the one, so that it
+    // visits every machine in every flush; for the other they are off, or now and then on.
+    s_now = Start;
+    Twin full(sendsBack, machines);
+    Twin quick(sendsBack, machines);
+    configure(full.limit, wait);
+    configure(quick.limit, wait);
+    std::mt19937 random(seed);
+    const auto below = [&random](int bound) { return int(random() % uint(bound)); };
+    const QStringList ids { "a", "b", "c", "d", "e", "f" };
+    const auto valueVariant = [&below]() {
+        const int choice = below(20);
+        return choice < 16 ? 3 : choice - 16;
+    };
+    QHash<QString, QVariant> lastLists;
+    bool quickDebug = false;
+    int sent = 0;
+    int logged = 0;
+
+    for (int step = 0; step < steps; ++step) {
+        const QString machine = QStringLiteral("m%1").arg(below(machines));
+        const Kind kind = Kind(below(4));
+        const QString key = machine + QLatin1Char('/') + QString::number(kind);
+        const int choice = below(100);
+        QVariant data;
+        bool flushes = false;
+        if (choice < 45) {
+            QStringList chosen;
+            for (const QString &id : ids) {
+                if (below(3) != 0)
+                    chosen.append(id);
+            }
+            if (below(10) < 3)
+                std::shuffle(chosen.begin(), chosen.end(), random);
+            if (!chosen.isEmpty() && below(20) == 0)
+                chosen.append(chosen.first());
+            Entries entries;
+            for (const QString &id : qAsConst(chosen))
+                entries.append({ id, below(4) });
+            if (kind == ConditionValues) {
+                ConditionDatasV2 list;
+                list.timestamp = nextListTime();
+                for (const auto &entry : qAsConst(entries))
+                    list.items.append(
+                        qvariant_cast<ConditionDataV2>(conditionValueOf(entry.first, entry.second, valueVariant())));
+                data = QVariant::fromValue(list);
+            } else {
+                data = makeList(kind, entries);
+            }
+            lastLists.insert(key, data);
+        } else if (choice < 55) {
+            if (lastLists.contains(key)) {
+                data = restamped(kind, lastLists.value(key));
+                lastLists.insert(key, data);
+            }
+        } else if (choice < 60) {
+            data = lastLists.value(key);
+        } else if (choice < 75) {
+            const QString id = ids.at(below(ids.size()));
+            data = kind == ConditionValues ? conditionValueOf(id, below(4), valueVariant())
+                                           : makeItem(kind, id, below(4));
+        } else if (choice < 80) {
+            flushes = true;
+        } else if (choice < 95) {
+            s_now += below(int(wait / 2) + 2);
+        } else if (choice < 97) {
+            s_now += qint64(wait) + below(int(wait) + 1);
+        } else if (choice < 99) {
+            if (backwards)
+                s_now -= below(int(wait) + 5);
+        } else if (switchDebug) {
+            quickDebug = !quickDebug;
+        }
+
+        const auto apply = [&](Twin &twin) {
+            if (data.isValid())
+                twin.limit.processData(When, machine, QStringLiteral("s1"), data);
+            else if (flushes)
+                flush(twin.limit, kind);
+        };
+        showDropMessages(true);
+        s_log.clear();
+        apply(full);
+        const QStringList fullLog = s_log;
+        showDropMessages(quickDebug);
+        s_log.clear();
+        apply(quick);
+        if (quick.out != full.out || (quickDebug && s_log != fullLog)) {
+            QFAIL(qPrintable(QStringLiteral("step %1, %2 of %3: sent %4 and logged %5 where visiting every machine "
+                                            "sends %6 and logs %7")
+                                 .arg(step)
+                                 .arg(machine)
+                                 .arg(kind)
+                                 .arg(quick.out.join(QLatin1String("; ")), s_log.join(QLatin1String("; ")),
+                                     full.out.join(QLatin1String("; ")), fullLog.join(QLatin1String("; ")))));
+        }
+        sent += full.out.size();
+        logged += fullLog.size();
+        full.out.clear();
+        quick.out.clear();
+    }
+    // Lists went out, and (with a wait time) lists were held back.
+    QVERIFY(sent > steps / 10);
+    QVERIFY(wait == 0 || logged > steps / 10);
 }
 
 QTEST_GUILESS_MAIN(tst_Limit)

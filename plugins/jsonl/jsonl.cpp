@@ -15,28 +15,11 @@ namespace {
 const QString Group = QStringLiteral("jsonl");
 const QString StandardOutput = QStringLiteral("standard output");
 
-// The text of a key, or its default from the table. QSettings reads an unquoted value with a comma as a list.
-QString settingText(const QVariantMap &group, const char *key)
-{
-    const QString name = QString::fromLatin1(key);
-    if (!group.contains(name)) {
-        for (const Jsonl::Setting &setting : Jsonl::settings()) {
-            if (qstrcmp(setting.key, key) == 0)
-                return QString::fromUtf8(setting.defaultValue);
-        }
-        return QString();
-    }
-    const QVariant value = group.value(name);
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
-}
-
 } // namespace
 
-const QVector<Jsonl::Setting> &Jsonl::settings()
+const QVector<PluginSettings::Key> &Jsonl::settings()
 {
-    static const QVector<Setting> table {
+    static const QVector<PluginSettings::Key> table {
         { "file", "", "File the datasets are appended to, one JSON line each; empty or - writes to standard output." },
     };
     return table;
@@ -49,8 +32,8 @@ Jsonl::Jsonl(QObject *parent)
 
 bool Jsonl::init(const QVariantMap &config, QVariantMap &)
 {
-    const QVariantMap group = config.value(Group).toMap();
-    const QString path = settingText(group, "file");
+    const PluginSettings settings(config.value(Group).toMap(), Jsonl::settings());
+    const QString path = settings.text("file");
     if (path.isEmpty() || path == QLatin1String("-")) {
         m_target = StandardOutput;
         // The console log shares standard output; it writes whole lines too, so the two never mix within a line.

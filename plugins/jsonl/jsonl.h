@@ -2,6 +2,7 @@
 #define ORVIX_JSONL_H
 
 #include "itarget.h"
+#include "pluginsettings.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -20,16 +21,8 @@ class Jsonl : public QObject, public ITarget
     Q_PLUGIN_METADATA(IID "ITarget" FILE "jsonl.json")
     Q_INTERFACES(ITarget)
 public:
-    /** One key of the group jsonl: its name, its default as written in the INI file, and what it means. */
-    struct Setting
-    {
-        const char *key;
-        const char *defaultValue;
-        const char *meaning;
-    };
-
-    /** Every key the target reads, in the order its sample.ini documents them. */
-    static const QVector<Setting> &settings();
+    /** Every key of the group jsonl, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
 
     explicit Jsonl(QObject *parent = nullptr);
 

@@ -137,6 +137,17 @@ bool MqttConnection::checkTopic(const QByteArray &topic, bool filter, QString *e
     return false;
 }
 
+QString MqttConnection::topicLevel(const QString &name)
+{
+    // A name put into a topic stays one level and never becomes a wildcard.
+    QString level = name;
+    for (QChar &c : level) {
+        if (c == QLatin1Char('/') || c == QLatin1Char('+') || c == QLatin1Char('#'))
+            c = QLatin1Char('_');
+    }
+    return level;
+}
+
 QString MqttConnection::reasonString(int reasonCode)
 {
     return QString::fromUtf8(mosquitto_reason_string(reasonCode));

@@ -65,6 +65,9 @@ public:
     /** Whether topic can be published to, or as a filter subscribed to; false with the library's reason in error. */
     static bool checkTopic(const QByteArray &topic, bool filter, QString *error);
 
+    /** A name as one level of a topic: its slashes and wildcard characters made underscores. */
+    static QString topicLevel(const QString &name);
+
     /** The text of an MQTT 5 reason code, as the broker's reason for a refusal. */
     static QString reasonString(int reasonCode);
 

@@ -1,26 +1,19 @@
 #include "mqttsettings.h"
 
-MqttSettings::MqttSettings(const QVariantMap &group, const QVector<Key> &keys)
-    : m_group(group)
-    , m_keys(keys)
+QVector<PluginSettings::Key> MqttSettings::connectionKeys(const char *clientIdMeaning)
 {
-}
-
-QString MqttSettings::text(const char *key) const
-{
-    const QString name = QString::fromLatin1(key);
-    if (!m_group.contains(name)) {
-        for (const Key &entry : m_keys) {
-            if (qstrcmp(entry.key, key) == 0)
-                return QString::fromUtf8(entry.defaultValue);
-        }
-        return QString();
-    }
-    const QVariant value = m_group.value(name);
-    // QSettings reads an unquoted value with a comma as a list.
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
+    return {
+        { "host", "localhost", "Host name or address of the broker." },
+        { "port", "1883", "TCP port of the broker; brokers with TLS usually listen on 8883." },
+        { "clientId", "", clientIdMeaning },
+        { "username", "", "User name at the broker; empty connects without one." },
+        { "password", "", "Password of username." },
+        { "tls", "false", "true connects with TLS." },
+        { "caFile", "", "CA certificates the broker's certificate must chain to; empty uses the system's CAs." },
+        { "certFile", "", "Client certificate for brokers that require one; needs keyFile." },
+        { "keyFile", "", "Private key of certFile, without a passphrase." },
+        { "keepAlive", "30", "Seconds between keep-alive pings; 0 for none, otherwise 5 or more." },
+    };
 }
 
 QStringList MqttSettings::list(const char *key) const
@@ -37,19 +30,14 @@ QStringList MqttSettings::list(const char *key) const
 
 bool MqttSettings::integer(const char *key, qint64 minimum, qint64 maximum, qint64 *value, QString *error) const
 {
-    const QString raw = text(key).trimmed();
-    bool ok = false;
-    const qint64 number = raw.toLongLong(&ok);
-    if (!ok || number < minimum || number > maximum) {
-        *error = QStringLiteral("%1 must be a whole number from %2 to %3, not \"%4\"")
-                     .arg(QString::fromLatin1(key))
-                     .arg(minimum)
-                     .arg(maximum)
-                     .arg(raw);
-        return false;
-    }
-    *value = number;
-    return true;
+    if (PluginSettings::integer(key, minimum, maximum, value))
+        return true;
+    *error = QStringLiteral("%1 must be a whole number from %2 to %3, not \"%4\"")
+                 .arg(QString::fromLatin1(key))
+                 .arg(minimum)
+                 .arg(maximum)
+                 .arg(text(key).trimmed());
+    return false;
 }
 
 bool MqttSettings::flag(const char *key, bool *value, QString *error) const

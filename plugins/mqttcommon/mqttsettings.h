@@ -2,6 +2,7 @@
 #define ORVIX_MQTTSETTINGS_H
 
 #include "mqttconnection.h"
+#include "pluginsettings.h"
 
 #include <QString>
 #include <QStringList>
@@ -12,21 +13,18 @@
  * The INI group of an MQTT plugin read through the plugin's table of keys: a missing key takes the table's default,
  * and each reader names the key and the value it could not use.
  */
-class MqttSettings
+class MqttSettings : public PluginSettings
 {
 public:
-    /** One key of the group: its name, its default as written in the INI file, and what it means. */
-    struct Key
-    {
-        const char *key;
-        const char *defaultValue;
-        const char *meaning;
-    };
+    using PluginSettings::integer;
+    using PluginSettings::PluginSettings;
 
-    MqttSettings(const QVariantMap &group, const QVector<Key> &keys);
+    /**
+     * The keys that every MQTT plugin shares, from host to keepAlive, the first rows of each plugin's table;
+     * clientIdMeaning tells what an empty client id stands for.
+     */
+    static QVector<Key> connectionKeys(const char *clientIdMeaning);
 
-    /** The value as text (a list that QSettings split at commas joined again), or the default. */
-    QString text(const char *key) const;
     /** The value split at commas, each entry trimmed, empty ones left out. */
     QStringList list(const char *key) const;
     /** A whole number from minimum to maximum; false with a sentence in error otherwise. */
@@ -34,12 +32,8 @@ public:
     /** true/false, yes/no, on/off or 1/0; false with a sentence in error otherwise. */
     bool flag(const char *key, bool *value, QString *error) const;
 
-    /** The keys that every MQTT plugin shares, from host to keepAlive; the client id falls back to defaultClientId. */
+    /** The keys of connectionKeys() read into options; the client id falls back to defaultClientId. */
     bool connectionOptions(const QString &defaultClientId, MqttConnection::Options *options, QString *error) const;
-
-private:
-    QVariantMap m_group;
-    QVector<Key> m_keys;
 };
 
 #endif

@@ -11,35 +11,17 @@ namespace {
 
 const QString Group = QStringLiteral("mqttIn");
 
-QString topicLevel(const QString &name)
-{
-    QString level = name;
-    for (QChar &c : level) {
-        if (c == QLatin1Char('/') || c == QLatin1Char('+') || c == QLatin1Char('#'))
-            c = QLatin1Char('_');
-    }
-    return level;
-}
-
 } // namespace
 
-const QVector<MqttSettings::Key> &MqttIn::settings()
+const QVector<PluginSettings::Key> &MqttIn::settings()
 {
-    static const QVector<MqttSettings::Key> table {
-        { "host", "localhost", "Host name or address of the broker." },
-        { "port", "1883", "TCP port of the broker; brokers with TLS usually listen on 8883." },
-        { "clientId", "", "Client id at the broker; empty means orvix- followed by the host name and -in." },
-        { "username", "", "User name at the broker; empty connects without one." },
-        { "password", "", "Password of username." },
-        { "tls", "false", "true connects with TLS." },
-        { "caFile", "", "CA certificates the broker's certificate must chain to; empty uses the system's CAs." },
-        { "certFile", "", "Client certificate for brokers that require one; needs keyFile." },
-        { "keyFile", "", "Private key of certFile, without a passphrase." },
-        { "keepAlive", "30", "Seconds between keep-alive pings; 0 for none, otherwise 5 or more." },
-        { "topics", "orvix/in/#", "Topic filters subscribed to, separated by commas." },
-        { "qos", "1", "QoS of the subscriptions and of the published requests, 0 or 1." },
-        { "maxPayload", "262144", "Bytes a message may have; a larger one is dropped with a warning." },
-    };
+    static const QVector<PluginSettings::Key> table
+        = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name and -in.")
+        + QVector<PluginSettings::Key> {
+              { "topics", "orvix/in/#", "Topic filters subscribed to, separated by commas." },
+              { "qos", "1", "QoS of the subscriptions and of the published requests, 0 or 1." },
+              { "maxPayload", "262144", "Bytes a message may have; a larger one is dropped with a warning." },
+          };
     return table;
 }
 
@@ -105,7 +87,7 @@ void MqttIn::machineRequest(QString machine, QVariant request)
 {
     if (!m_initialised)
         return;
-    const QByteArray topic = QStringLiteral("orvix/request/%1").arg(topicLevel(machine)).toUtf8();
+    const QByteArray topic = QStringLiteral("orvix/request/%1").arg(MqttConnection::topicLevel(machine)).toUtf8();
     const QByteArray payload = DatasetCodec::encodeLine(QDateTime::currentDateTimeUtc(), machine, QString(), request);
     int mid = 0;
     bool confirmed = false;

@@ -20,40 +20,22 @@ constexpr int FirstRefusalReason = 0x80;
 
 const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String("{source}"), QLatin1String("{type}") };
 
-// A name put into a topic stays one level and never becomes a wildcard.
-QString topicLevel(const QString &name)
-{
-    QString level = name;
-    for (QChar &c : level) {
-        if (c == QLatin1Char('/') || c == QLatin1Char('+') || c == QLatin1Char('#'))
-            c = QLatin1Char('_');
-    }
-    return level;
-}
-
 } // namespace
 
-const QVector<MqttSettings::Key> &MqttOut::settings()
+const QVector<PluginSettings::Key> &MqttOut::settings()
 {
-    static const QVector<MqttSettings::Key> table {
-        { "host", "localhost", "Host name or address of the broker." },
-        { "port", "1883", "TCP port of the broker; brokers with TLS usually listen on 8883." },
-        { "clientId", "", "Client id at the broker; empty means orvix- followed by the host name." },
-        { "username", "", "User name at the broker; empty connects without one." },
-        { "password", "", "Password of username." },
-        { "tls", "false", "true connects with TLS." },
-        { "caFile", "", "CA certificates the broker's certificate must chain to; empty uses the system's CAs." },
-        { "certFile", "", "Client certificate for brokers that require one; needs keyFile." },
-        { "keyFile", "", "Private key of certFile, without a passphrase." },
-        { "keepAlive", "30", "Seconds between keep-alive pings; 0 for none, otherwise 5 or more." },
-        { "qos", "1",
-            "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
-            "connection." },
-        { "topic", "orvix/{machine}/{type}", "Topic of each dataset; {machine}, {source} and {type} are replaced." },
-        { "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas." },
-        { "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way." },
-        { "spoolMaxBytes", "67108864", "Bytes the spool may hold; past that the oldest datasets are dropped." },
-    };
+    static const QVector<PluginSettings::Key> table
+        = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name.")
+        + QVector<PluginSettings::Key> {
+              { "qos", "1",
+                  "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
+                  "connection." },
+              { "topic", "orvix/{machine}/{type}",
+                  "Topic of each dataset; {machine}, {source} and {type} are replaced." },
+              { "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas." },
+              { "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way." },
+              { "spoolMaxBytes", "67108864", "Bytes the spool may hold; past that the oldest datasets are dropped." },
+          };
     return table;
 }
 
@@ -86,7 +68,8 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
         && settings.integer("spoolMaxBytes", 65536, std::numeric_limits<qint64>::max(), &maxBytes, &error);
     const QString folder = settings.text("spool").trimmed();
     m_topic = settings.text("topic").trimmed();
-    const QByteArray statusTopic = QStringLiteral("orvix/status/%1").arg(topicLevel(options.clientId)).toUtf8();
+    const QByteArray statusTopic
+        = QStringLiteral("orvix/status/%1").arg(MqttConnection::topicLevel(options.clientId)).toUtf8();
     if (usable && folder.isEmpty()) {
         error = QStringLiteral("spool is empty");
         usable = false;
@@ -173,7 +156,8 @@ void MqttOut::processData(QDateTime timestamp, QString machine, QString source, 
 
 QByteArray MqttOut::topicFor(const QString &machine, const QString &source, const QString &type) const
 {
-    const QString values[] = { topicLevel(machine), topicLevel(source), topicLevel(type) };
+    const QString values[]
+        = { MqttConnection::topicLevel(machine), MqttConnection::topicLevel(source), MqttConnection::topicLevel(type) };
     QString topic;
     topic.reserve(m_topic.size() + machine.size() + type.size());
     // One pass, so that a machine named "{type}" stays a machine name.

@@ -31,7 +31,7 @@ class MqttOut : public QObject, public ITarget
     Q_INTERFACES(ITarget)
 public:
     /** Every key of the group mqttOut, in the order its sample.ini documents them. */
-    static const QVector<MqttSettings::Key> &settings();
+    static const QVector<PluginSettings::Key> &settings();
 
     explicit MqttOut(QObject *parent = nullptr);
     ~MqttOut() override;

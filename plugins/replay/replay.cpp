@@ -15,62 +15,22 @@ const QString Group = QStringLiteral("replay");
 const QString DelayKey = QStringLiteral("delayMs");
 constexpr int MaxPause = std::numeric_limits<int>::max();
 
-// The text of a key, or its default from the table. QSettings reads an unquoted value with a comma as a list.
-QString settingText(const QVariantMap &group, const char *key)
+bool settingBool(const PluginSettings &settings, const char *key)
 {
-    const QString name = QString::fromLatin1(key);
-    if (!group.contains(name)) {
-        for (const Replay::Setting &setting : Replay::settings()) {
-            if (qstrcmp(setting.key, key) == 0)
-                return QString::fromUtf8(setting.defaultValue);
-        }
-        return QString();
-    }
-    const QVariant value = group.value(name);
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
-}
-
-QString settingDefault(const char *key)
-{
-    return settingText(QVariantMap(), key);
-}
-
-void warnInvalid(const QString &text, const char *key)
-{
-    qCWarning(lcReplay) << QStringLiteral("Value %1 of %2 is not valid, using %3")
-                               .arg(text, QString::fromLatin1(key), settingDefault(key));
-}
-
-// Milliseconds from 0 to the longest pause a timer takes.
-int settingMilliseconds(const QVariantMap &group, const char *key)
-{
-    const QString text = settingText(group, key).trimmed();
-    bool ok = false;
-    const int value = text.toInt(&ok);
-    if (ok && value >= 0)
-        return value;
-    warnInvalid(text, key);
-    return settingDefault(key).toInt();
-}
-
-bool settingBool(const QVariantMap &group, const char *key)
-{
-    const QString text = settingText(group, key).trimmed().toLower();
+    const QString text = settings.text(key).trimmed().toLower();
     if (text == QLatin1String("true") || text == QLatin1String("yes") || text == QLatin1String("1"))
         return true;
     if (text == QLatin1String("false") || text == QLatin1String("no") || text == QLatin1String("0"))
         return false;
-    warnInvalid(text, key);
-    return settingDefault(key) == QLatin1String("true");
+    PluginSettings::warnInvalid(lcReplay(), text, key, settings.defaultText(key));
+    return settings.defaultText(key) == QLatin1String("true");
 }
 
 } // namespace
 
-const QVector<Replay::Setting> &Replay::settings()
+const QVector<PluginSettings::Key> &Replay::settings()
 {
-    static const QVector<Setting> table {
+    static const QVector<PluginSettings::Key> table {
         { "file", "", "JSON-lines file to replay, one dataset per line in the form of codec/README.md." },
         { "interval", "0",
             "Milliseconds between two datasets; 0 sends one per turn of the event loop. A line's delayMs overrides "
@@ -91,10 +51,11 @@ Replay::Replay(QObject *parent)
 
 bool Replay::init(const QVariantMap &config, QVariantMap &)
 {
-    const QVariantMap group = config.value(Group).toMap();
-    const QString path = settingText(group, "file");
-    m_interval = settingMilliseconds(group, "interval");
-    m_loop = settingBool(group, "loop");
+    const PluginSettings settings(config.value(Group).toMap(), Replay::settings());
+    const QString path = settings.text("file");
+    // Milliseconds from 0 to the longest pause a timer takes.
+    m_interval = settings.number("interval", 0, MaxPause, lcReplay());
+    m_loop = settingBool(settings, "loop");
     if (path.isEmpty()) {
         qCWarning(lcReplay) << QStringLiteral("No file to replay: set file in the group replay");
         return false;

@@ -3,6 +3,7 @@
 
 #include "datasetcodec.h"
 #include "idatasource.h"
+#include "pluginsettings.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -22,16 +23,8 @@ class Replay : public QObject, public IDatasource
     Q_PLUGIN_METADATA(IID "IDatasource" FILE "replay.json")
     Q_INTERFACES(IDatasource)
 public:
-    /** One key of the group replay: its name, its default as written in the INI file, and what it means. */
-    struct Setting
-    {
-        const char *key;
-        const char *defaultValue;
-        const char *meaning;
-    };
-
-    /** Every key the datasource reads, in the order its sample.ini documents them. */
-    static const QVector<Setting> &settings();
+    /** Every key of the group replay, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
 
     explicit Replay(QObject *parent = nullptr);
 

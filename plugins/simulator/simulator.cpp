@@ -140,45 +140,6 @@ WwBaseEventType messageEvent(const Message &message, bool withdrawn)
     return record;
 }
 
-// The text of a key, or its default from the table. QSettings reads an unquoted value with a comma as a list.
-QString settingText(const QVariantMap &group, const char *key)
-{
-    const QString name = QString::fromLatin1(key);
-    if (!group.contains(name)) {
-        for (const Simulator::Setting &setting : Simulator::settings()) {
-            if (qstrcmp(setting.key, key) == 0)
-                return QString::fromUtf8(setting.defaultValue);
-        }
-        return QString();
-    }
-    const QVariant value = group.value(name);
-    if (value.userType() == QMetaType::QStringList)
-        return value.toStringList().join(QLatin1Char(','));
-    return value.toString();
-}
-
-QString settingDefault(const char *key)
-{
-    return settingText(QVariantMap(), key);
-}
-
-void warnInvalid(const QString &text, const char *key, const QString &instead)
-{
-    qCWarning(lcSimulator)
-        << QStringLiteral("Value %1 of %2 is not valid, using %3").arg(text, QString::fromLatin1(key), instead);
-}
-
-int settingNumber(const QVariantMap &group, const char *key, int low, int high)
-{
-    const QString text = settingText(group, key).trimmed();
-    bool ok = false;
-    const int value = text.toInt(&ok);
-    if (ok && value >= low && value <= high)
-        return value;
-    warnInvalid(text, key, settingDefault(key));
-    return settingDefault(key).toInt();
-}
-
 } // namespace
 
 /** One simulated machine: where it is in its day, its counters and its open messages. */
@@ -554,9 +515,9 @@ WwState Simulator::Machine::state() const
     return record;
 }
 
-const QVector<Simulator::Setting> &Simulator::settings()
+const QVector<PluginSettings::Key> &Simulator::settings()
 {
-    static const QVector<Setting> table {
+    static const QVector<PluginSettings::Key> table {
         { "machines", "2", "Number of simulated machines, from 1 to 1000." },
         { "prefix", "sim", "Machine names: this prefix followed by 1, 2, 3 ..." },
         { "interval", "1000",
@@ -577,16 +538,16 @@ Simulator::~Simulator() = default;
 
 bool Simulator::init(const QVariantMap &config, QVariantMap &)
 {
-    const QVariantMap group = config.value(Group).toMap();
-    const int machines = settingNumber(group, "machines", 1, MaxMachines);
-    const QString prefix = settingText(group, "prefix");
-    m_interval = settingNumber(group, "interval", 1, std::numeric_limits<int>::max());
-    const QString seedText = settingText(group, "seed").trimmed();
+    const PluginSettings settings(config.value(Group).toMap(), Simulator::settings());
+    const int machines = settings.number("machines", 1, MaxMachines, lcSimulator());
+    const QString prefix = settings.text("prefix");
+    m_interval = settings.number("interval", 1, std::numeric_limits<int>::max(), lcSimulator());
+    const QString seedText = settings.text("seed").trimmed();
     bool seeded = false;
     if (!seedText.isEmpty()) {
         m_seed = seedText.toULongLong(&seeded);
         if (!seeded)
-            warnInvalid(seedText, "seed", QStringLiteral("a new one"));
+            PluginSettings::warnInvalid(lcSimulator(), seedText, "seed", QStringLiteral("a new one"));
     }
     if (!seeded)
         m_seed = QRandomGenerator::global()->generate64();

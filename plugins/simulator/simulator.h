@@ -2,6 +2,7 @@
 #define ORVIX_SIMULATOR_H
 
 #include "idatasource.h"
+#include "pluginsettings.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -24,16 +25,8 @@ class Simulator : public QObject, public IDatasource
     Q_PLUGIN_METADATA(IID "IDatasource" FILE "simulator.json")
     Q_INTERFACES(IDatasource)
 public:
-    /** One key of the group simulator: its name, its default as written in the INI file, and what it means. */
-    struct Setting
-    {
-        const char *key;
-        const char *defaultValue;
-        const char *meaning;
-    };
-
-    /** Every key the datasource reads, in the order its sample.ini documents them. */
-    static const QVector<Setting> &settings();
+    /** Every key of the group simulator, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
 
     explicit Simulator(QObject *parent = nullptr);
     ~Simulator() override;

@@ -1,12 +1,12 @@
 #include "jsonl.h"
 
 #include "datasetcodec.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
+#include "pluginchecks.h"
 #include "testsupport.h"
 #include "wwtypes.h"
 
-#include <QPluginLoader>
-#include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -16,25 +16,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString info(const QString &message)
-{
-    return QStringLiteral("INFO jsonl: \"%1\"").arg(message);
-}
-
-QString warning(const QString &message)
-{
-    return QStringLiteral("WARNING jsonl: \"%1\"").arg(message);
-}
 
 QVariantMap config(const QVariant &file)
 {
@@ -114,52 +95,32 @@ private slots:
 
 private:
     QTemporaryDir m_dir;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("jsonl") };
 };
 
 void tst_Jsonl::init()
 {
-    s_log.clear();
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start();
 }
 
 void tst_Jsonl::cleanup()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
 }
 
 void tst_Jsonl::metadata()
 {
-    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libjsonl.so"));
-    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), QStringLiteral("TARGET"));
-    ITarget *target = qobject_cast<ITarget *>(loader.instance());
-    QVERIFY2(target, qPrintable(loader.errorString()));
-    QCOMPARE(target->name(), QStringLiteral("jsonl"));
-    QVERIFY(loader.instance()->metaObject()->indexOfSlot("processData(QDateTime,QString,QString,QVariant)") >= 0);
+    PluginChecks::checkTargetLibrary("jsonl", "jsonl");
 }
 
 void tst_Jsonl::sampleIniDocumentsEverySetting()
 {
-    const QString path = QStringLiteral(ORVIX_SOURCE_DIR "/plugins/jsonl/sample.ini");
-    QStringList expected { "[jsonl]" };
-    for (const Jsonl::Setting &setting : Jsonl::settings()) {
-        expected << QStringLiteral("; %1").arg(QString::fromUtf8(setting.meaning))
-                 << QStringLiteral("%1=%2").arg(
-                        QString::fromLatin1(setting.key), QString::fromUtf8(setting.defaultValue));
-    }
-    QCOMPARE(QString::fromUtf8(readFile(path)).split('\n', Qt::SkipEmptyParts), expected);
-
-    QSettings ini(path, QSettings::IniFormat);
-    ini.beginGroup("jsonl");
-    for (const Jsonl::Setting &setting : Jsonl::settings())
-        QCOMPARE(ini.value(setting.key).toString(), QString::fromUtf8(setting.defaultValue));
+    PluginChecks::checkSampleIni("jsonl", "jsonl", Jsonl::settings());
 }
 
 void tst_Jsonl::readmeQuotesSampleIni()
 {
-    const QByteArray sample = readFile(ORVIX_SOURCE_DIR "/plugins/jsonl/sample.ini");
-    QVERIFY(!sample.isEmpty());
-    QVERIFY(readFile(ORVIX_SOURCE_DIR "/plugins/jsonl/README.md").contains("```ini\n" + sample + "```\n"));
+    PluginChecks::checkReadmeQuotesSampleIni("jsonl");
 }
 
 void tst_Jsonl::writesOneLinePerDatasetAtOnce()
@@ -168,7 +129,7 @@ void tst_Jsonl::writesOneLinePerDatasetAtOnce()
     Jsonl target;
     QVariantMap shared;
     QVERIFY(target.init(config(path), shared));
-    QCOMPARE(s_log, QStringList { info("Writing datasets to " + path) });
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Writing datasets to " + path) });
 
     target.processData(When, "m1", "opcua", QVariant::fromValue(state(3)));
     // Read while the target still holds the file open: the line is there without a flush or close.
@@ -237,7 +198,7 @@ void tst_Jsonl::standardOutput()
         target.processData(When, "m1", "s", QVariant::fromValue(state(5)));
         target.processData(When, "m1", "s", QVariant::fromValue(state(6)));
     }
-    QCOMPARE(s_log, QStringList { info("Writing datasets to standard output") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Writing datasets to standard output") });
     QCOMPARE(readFile(path),
         DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(5))) + '\n'
             + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(6))) + '\n');
@@ -251,7 +212,7 @@ void tst_Jsonl::unwritableFile()
     Jsonl target;
     QVariantMap shared;
     QVERIFY(!target.init(config(path), shared));
-    QCOMPARE(s_log, QStringList { warning("Can't open " + path + " for writing: Is a directory") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't open " + path + " for writing: Is a directory") });
 }
 
 void tst_Jsonl::folderCannotBeMade()
@@ -261,9 +222,9 @@ void tst_Jsonl::folderCannotBeMade()
     Jsonl target;
     QVariantMap shared;
     QVERIFY(!target.init(config(path), shared));
-    QCOMPARE(s_log,
-        QStringList { warning(QStringLiteral("Can't open %1 for writing: can't create the folder %2")
-                                  .arg(path, m_dir.filePath("plain/sub"))) });
+    QCOMPARE(m_log.lines(),
+        QStringList { m_log.warning(QStringLiteral("Can't open %1 for writing: can't create the folder %2")
+                                        .arg(path, m_dir.filePath("plain/sub"))) });
 }
 
 void tst_Jsonl::writeFailureWarnsOnce()
@@ -273,10 +234,10 @@ void tst_Jsonl::writeFailureWarnsOnce()
     Jsonl target;
     QVariantMap shared;
     QVERIFY(target.init(config("/dev/full"), shared));
-    s_log.clear();
+    m_log.clear();
     target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
-    QCOMPARE(s_log, QStringList { warning("Can't write to /dev/full: No space left on device") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't write to /dev/full: No space left on device") });
 }
 
 void tst_Jsonl::disabledTargetWritesNothing()
@@ -284,7 +245,7 @@ void tst_Jsonl::disabledTargetWritesNothing()
     // Core leaves a disabled target connected but never calls its init.
     Jsonl target;
     target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_Jsonl)

@@ -1,44 +1,15 @@
 #include "mqttin.h"
 
 #include "datasetcodec.h"
-#include "idatasource.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "mosquittobroker.h"
-#include "testsupport.h"
+#include "pluginchecks.h"
 
-#include <QPluginLoader>
 #include <QSignalSpy>
 #include <QtTest>
 
-using namespace TestSupport;
-
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString warning(const QString &message)
-{
-    QString escaped = message;
-    escaped.replace(QLatin1Char('"'), QLatin1String("\\\""));
-    return QStringLiteral("WARNING mqttIn: \"%1\"").arg(escaped);
-}
-
-QStringList warnings()
-{
-    QStringList found;
-    for (const QString &entry : qAsConst(s_log)) {
-        if (entry.startsWith(QLatin1String("WARNING")))
-            found.append(entry);
-    }
-    return found;
-}
 
 QVariantMap inConfig(quint16 port, const QVariantMap &extra = QVariantMap())
 {
@@ -71,8 +42,9 @@ private slots:
     void init();
     void cleanup();
 
-    void pluginMetadata();
-    void sampleIniMatchesTheKeyTable();
+    void metadata();
+    void sampleIniDocumentsEverySetting();
+    void readmeQuotesSampleIni();
     void initRefuses_data();
     void initRefuses();
 
@@ -90,30 +62,22 @@ private:
     bool waitForSubscription(const QString &filter);
     bool start(MqttIn &in, const MosquittoBroker &broker, const QVariantMap &extra = QVariantMap());
 
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("mqttIn") };
 };
 
 void tst_MqttIn::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nmqttIn.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false\nmqttIn.debug=true"));
 }
 
 void tst_MqttIn::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 bool tst_MqttIn::waitForSubscription(const QString &filter)
 {
-    const QString subscribed = QStringLiteral("DEBUG mqttIn: \"Subscribed to %1 at QoS 1\"").arg(filter);
-    QElapsedTimer clock;
-    clock.start();
-    while (!s_log.contains(subscribed) && clock.elapsed() < 20000)
-        QTest::qWait(10);
-    return s_log.contains(subscribed);
+    return m_log.waitFor(m_log.debug(QStringLiteral("Subscribed to %1 at QoS 1").arg(filter)), 20000);
 }
 
 bool tst_MqttIn::start(MqttIn &in, const MosquittoBroker &broker, const QVariantMap &extra)
@@ -126,36 +90,20 @@ bool tst_MqttIn::start(MqttIn &in, const MosquittoBroker &broker, const QVariant
         && waitForSubscription(settings.value("topics").toStringList().value(0));
 }
 
-void tst_MqttIn::pluginMetadata()
+void tst_MqttIn::metadata()
 {
-    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libmqttin.so"));
-    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), QStringLiteral("DATASOURCE"));
-    IDatasource *source = qobject_cast<IDatasource *>(loader.instance());
-    QVERIFY2(source, qPrintable(loader.errorString()));
-    QCOMPARE(source->name(), QStringLiteral("mqttIn"));
-    QVERIFY(loader.instance()->metaObject()->indexOfSlot("machineRequest(QString,QVariant)") >= 0);
-    QVERIFY(loader.instance()->metaObject()->indexOfSignal("dataReceived(QDateTime,QString,QString,QVariant)") >= 0);
+    PluginChecks::checkDatasourceLibrary("mqttin", "mqttIn", { "machineRequest(QString,QVariant)" });
 }
 
-void tst_MqttIn::sampleIniMatchesTheKeyTable()
+void tst_MqttIn::sampleIniDocumentsEverySetting()
 {
-    const QByteArray sample = readFile(QStringLiteral(ORVIX_SOURCE_DIR "/plugins/mqttin/sample.ini"));
-    const QList<QByteArray> lines = sample.split('\n');
-    QCOMPARE(lines.first(), QByteArray("[mqttIn]"));
-    int key = 0;
-    for (int i = 1; i < lines.size(); ++i) {
-        if (lines.at(i).isEmpty() || lines.at(i).startsWith(';'))
-            continue;
-        QVERIFY(key < MqttIn::settings().size());
-        const MqttSettings::Key &entry = MqttIn::settings().at(key++);
-        QCOMPARE(lines.at(i), QByteArray(entry.key) + '=' + entry.defaultValue);
-        QCOMPARE(lines.at(i - 1), QByteArray("; ") + entry.meaning);
-    }
-    QCOMPARE(key, MqttIn::settings().size());
-    QVERIFY(readFile(QStringLiteral(ORVIX_SOURCE_DIR "/plugins/mqttin/README.md")).contains(sample));
-    // The default filter as QSettings reads it from the sample.
-    QSettings settings(QStringLiteral(ORVIX_SOURCE_DIR "/plugins/mqttin/sample.ini"), QSettings::IniFormat);
-    QCOMPARE(settings.value("mqttIn/topics").toString(), QStringLiteral("orvix/in/#"));
+    // QSettings reads each default as written, the filter orvix/in/# too.
+    PluginChecks::checkSampleIni("mqttin", "mqttIn", MqttIn::settings());
+}
+
+void tst_MqttIn::readmeQuotesSampleIni()
+{
+    PluginChecks::checkReadmeQuotesSampleIni("mqttin");
 }
 
 void tst_MqttIn::initRefuses_data()
@@ -181,7 +129,7 @@ void tst_MqttIn::initRefuses()
     MqttIn in;
     QVariantMap shared;
     QVERIFY(!in.init(inConfig(1883, settings), shared));
-    QCOMPARE(s_log, QStringList { warning(message) });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning(message) });
 }
 
 void tst_MqttIn::emitsTheDatasetsOfAMessage()
@@ -191,8 +139,8 @@ void tst_MqttIn::emitsTheDatasetsOfAMessage()
     MqttIn in;
     QSignalSpy received(&in, &MqttIn::dataReceived);
     QVERIFY(start(in, broker));
-    QCOMPARE(s_log.first(),
-        QStringLiteral("INFO mqttIn: \"Subscribing to plant/# at 127.0.0.1:%1 as orvix-test-in\"").arg(broker.port()));
+    QCOMPARE(m_log.lines().first(),
+        m_log.info(QStringLiteral("Subscribing to plant/# at 127.0.0.1:%1 as orvix-test-in").arg(broker.port())));
     MosquittoBroker::Client publisher;
     QVERIFY(publisher.connectTo(broker.port(), "nothing"));
     QVERIFY(publisher.publish("plant/x/StateV1", StateLine));
@@ -206,7 +154,7 @@ void tst_MqttIn::emitsTheDatasetsOfAMessage()
     QCOMPARE(received.at(0).at(3).value<StateV1>().state, 3);
     QCOMPARE(received.at(1).at(3).value<StateV1>().state, 3);
     QCOMPARE(received.at(2).at(3).value<GeneralV1>().pieces, quint64(12));
-    QCOMPARE(warnings(), QStringList());
+    QCOMPARE(m_log.warnings(), QStringList());
 }
 
 void tst_MqttIn::machineFromTheTopicWhenThePayloadHasNone()
@@ -267,8 +215,8 @@ void tst_MqttIn::badPayloads()
     QVERIFY(publisher.publish("plant/m1/good", GeneralLine));
     QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 20000);
     QCOMPARE(received.first().at(3).value<GeneralV1>().pieces, quint64(12));
-    QCOMPARE(
-        warnings(), QStringList { warning(QStringLiteral("Dropped the message on plant/m1/bad: %1").arg(reason)) });
+    QCOMPARE(m_log.warnings(),
+        QStringList { m_log.warning(QStringLiteral("Dropped the message on plant/m1/bad: %1").arg(reason)) });
 }
 
 void tst_MqttIn::emptyMessageIsIgnored()
@@ -283,8 +231,8 @@ void tst_MqttIn::emptyMessageIsIgnored()
     QVERIFY(publisher.publish("plant/m1/StateV1", QByteArray()));
     QVERIFY(publisher.publish("plant/m1/StateV1", StateLine));
     QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 20000);
-    QVERIFY(s_log.contains("DEBUG mqttIn: \"Ignored the empty message on plant/m1/StateV1\""));
-    QCOMPARE(warnings(), QStringList());
+    QVERIFY(m_log.lines().contains(m_log.debug("Ignored the empty message on plant/m1/StateV1")));
+    QCOMPARE(m_log.warnings(), QStringList());
 }
 
 void tst_MqttIn::subscribesAgainAfterEveryReconnect()
@@ -296,14 +244,14 @@ void tst_MqttIn::subscribesAgainAfterEveryReconnect()
     QSignalSpy received(&in, &MqttIn::dataReceived);
     QVERIFY(start(in, broker, { { "topics", QStringList { "plant/#", "other/+" } } }));
     broker.stop();
-    QTRY_VERIFY_WITH_TIMEOUT(!warnings().isEmpty(), 20000);
-    QCOMPARE(warnings(),
-        QStringList {
-            warning(QStringLiteral("Connection to 127.0.0.1:%1 lost: The connection was lost.").arg(broker.port())) });
-    s_log.clear();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_log.warnings().isEmpty(), 20000);
+    QCOMPARE(m_log.warnings(),
+        QStringList { m_log.warning(
+            QStringLiteral("Connection to 127.0.0.1:%1 lost: The connection was lost.").arg(broker.port())) });
+    m_log.clear();
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     QVERIFY(waitForSubscription("plant/#"));
-    QVERIFY(s_log.contains("DEBUG mqttIn: \"Subscribed to other/+ at QoS 1\""));
+    QVERIFY(m_log.lines().contains(m_log.debug("Subscribed to other/+ at QoS 1")));
     MosquittoBroker::Client publisher;
     QVERIFY(publisher.connectTo(broker.port(), "nothing"));
     QVERIFY(publisher.publish("other/x", StateLine));
@@ -333,7 +281,7 @@ void tst_MqttIn::requestsGoToTheMachinesTopic()
     QVERIFY(qAbs(request.timestamp.msecsTo(QDateTime::currentDateTimeUtc())) < 60000);
     QVERIFY(DatasetCodec::decodeLine(messages.at(1).payload, &request));
     QCOMPARE(request.data.toString(), QStringLiteral("reset counters"));
-    QCOMPARE(warnings(), QStringList());
+    QCOMPARE(m_log.warnings(), QStringList());
 }
 
 void tst_MqttIn::requestWithoutConnectionIsWarned()
@@ -342,14 +290,14 @@ void tst_MqttIn::requestWithoutConnectionIsWarned()
     MqttIn in;
     QVariantMap shared;
     QVERIFY(in.init(inConfig(broker.port()), shared));
-    s_log.clear();
+    m_log.clear();
     in.machineRequest(QStringLiteral("m1"), QStringLiteral("reset"));
-    QCOMPARE(warnings(),
-        QStringList {
-            warning(QStringLiteral("Request for m1 not sent: not connected to 127.0.0.1:%1").arg(broker.port())) });
+    QCOMPARE(m_log.warnings(),
+        QStringList { m_log.warning(
+            QStringLiteral("Request for m1 not sent: not connected to 127.0.0.1:%1").arg(broker.port())) });
     MqttIn notInitialised;
     notInitialised.machineRequest(QStringLiteral("m1"), QStringLiteral("reset"));
-    QCOMPARE(warnings().size(), 1);
+    QCOMPARE(m_log.warnings().size(), 1);
 }
 
 void tst_MqttIn::usernameAndPassword()

@@ -3,14 +3,14 @@
 
 #include "datasetcodec.h"
 #include "isolatedservice.h"
-#include "itarget.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "mosquittobroker.h"
 #include "mqttspool.h"
+#include "pluginchecks.h"
 #include "testsupport.h"
 
 #include <QDirIterator>
-#include <QPluginLoader>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -22,30 +22,6 @@ using namespace TestSupport;
 Q_LOGGING_CATEGORY(lcSpoolReader, "spoolreader")
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString warning(const QString &message)
-{
-    return QStringLiteral("WARNING mqttOut: \"%1\"").arg(message);
-}
-
-QStringList linesStartingWith(const QString &prefix)
-{
-    QStringList found;
-    for (const QString &entry : qAsConst(s_log)) {
-        if (entry.startsWith(prefix))
-            found.append(entry);
-    }
-    return found;
-}
 
 const QDateTime When = QDateTime::fromMSecsSinceEpoch(1700000000250, Qt::UTC);
 
@@ -145,8 +121,9 @@ private slots:
     void init();
     void cleanup();
 
-    void pluginMetadata();
-    void sampleIniMatchesTheKeyTable();
+    void metadata();
+    void sampleIniDocumentsEverySetting();
+    void readmeQuotesSampleIni();
     void initRefuses_data();
     void initRefuses();
     void unreachableBrokerIsNoFailure();
@@ -171,7 +148,7 @@ private:
 
     QTemporaryDir m_dir;
     MosquittoBroker::Certificates m_certificates;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("mqttOut") };
 };
 
 void tst_MqttOut::initTestCase()
@@ -182,52 +159,34 @@ void tst_MqttOut::initTestCase()
 
 void tst_MqttOut::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nmqttIn.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false\nmqttIn.debug=true"));
 }
 
 void tst_MqttOut::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 bool tst_MqttOut::waitForSubscription(const QString &filter)
 {
-    const QString subscribed = QStringLiteral("DEBUG mqttIn: \"Subscribed to %1 at QoS 1\"").arg(filter);
-    QElapsedTimer clock;
-    clock.start();
-    while (!s_log.contains(subscribed) && clock.elapsed() < 20000)
-        QTest::qWait(10);
-    return s_log.contains(subscribed);
+    return m_log.waitFor(
+        LogCapture::line("DEBUG", QStringLiteral("mqttIn"), QStringLiteral("Subscribed to %1 at QoS 1").arg(filter)),
+        20000);
 }
 
-void tst_MqttOut::pluginMetadata()
+void tst_MqttOut::metadata()
 {
-    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libmqttout.so"));
-    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), QStringLiteral("TARGET"));
-    ITarget *target = qobject_cast<ITarget *>(loader.instance());
-    QVERIFY2(target, qPrintable(loader.errorString()));
-    QCOMPARE(target->name(), QStringLiteral("mqttOut"));
+    PluginChecks::checkTargetLibrary("mqttout", "mqttOut");
 }
 
-void tst_MqttOut::sampleIniMatchesTheKeyTable()
+void tst_MqttOut::sampleIniDocumentsEverySetting()
 {
-    const QByteArray sample = readFile(QStringLiteral(ORVIX_SOURCE_DIR "/plugins/mqttout/sample.ini"));
-    const QList<QByteArray> lines = sample.split('\n');
-    QCOMPARE(lines.first(), QByteArray("[mqttOut]"));
-    int key = 0;
-    for (int i = 1; i < lines.size(); ++i) {
-        if (lines.at(i).isEmpty() || lines.at(i).startsWith(';'))
-            continue;
-        QVERIFY(key < MqttOut::settings().size());
-        const MqttSettings::Key &entry = MqttOut::settings().at(key++);
-        QCOMPARE(lines.at(i), QByteArray(entry.key) + '=' + entry.defaultValue);
-        QCOMPARE(lines.at(i - 1), QByteArray("; ") + entry.meaning);
-    }
-    QCOMPARE(key, MqttOut::settings().size());
-    QVERIFY(readFile(QStringLiteral(ORVIX_SOURCE_DIR "/plugins/mqttout/README.md")).contains(sample));
+    PluginChecks::checkSampleIni("mqttout", "mqttOut", MqttOut::settings());
+}
+
+void tst_MqttOut::readmeQuotesSampleIni()
+{
+    PluginChecks::checkReadmeQuotesSampleIni("mqttout");
 }
 
 void tst_MqttOut::initRefuses_data()
@@ -236,24 +195,24 @@ void tst_MqttOut::initRefuses_data()
     QTest::addColumn<QString>("message");
     const QString settingsProblem = QStringLiteral("Can't use the settings: %1");
     QTest::newRow("port 0") << QVariantMap { { "port", "0" } }
-                            << settingsProblem.arg("port must be a whole number from 1 to 65535, not \\\"0\\\"");
-    QTest::newRow("port not a number") << QVariantMap { { "port",
-        "x" } } << settingsProblem.arg("port must be a whole number from 1 to 65535, not \\\"x\\\"");
+                            << settingsProblem.arg("port must be a whole number from 1 to 65535, not \"0\"");
+    QTest::newRow("port not a number") << QVariantMap { { "port", "x" } }
+                                       << settingsProblem.arg("port must be a whole number from 1 to 65535, not \"x\"");
     QTest::newRow("qos 2") << QVariantMap { { "qos", "2" } }
-                           << settingsProblem.arg("qos must be a whole number from 0 to 1, not \\\"2\\\"");
+                           << settingsProblem.arg("qos must be a whole number from 0 to 1, not \"2\"");
     QTest::newRow("keepAlive 3") << QVariantMap { { "keepAlive", "3" } }
                                  << settingsProblem.arg("keepAlive must be 0 or from 5 to 65535 seconds, not 3");
     QTest::newRow("tls maybe") << QVariantMap { { "tls", "maybe" } }
-                               << settingsProblem.arg("tls must be true or false, not \\\"maybe\\\"");
+                               << settingsProblem.arg("tls must be true or false, not \"maybe\"");
     QTest::newRow("password alone") << QVariantMap { { "password", "secret" } }
                                     << settingsProblem.arg("password is set but username is empty");
     QTest::newRow("missing CA file") << QVariantMap { { "tls", "true" }, { "caFile", "/nonexistent/ca.crt" } }
                                      << settingsProblem.arg("can't read /nonexistent/ca.crt");
     QTest::newRow("small spool") << QVariantMap { { "spoolMaxBytes", "1000" } }
                                  << settingsProblem.arg("spoolMaxBytes must be a whole number from 65536 to "
-                                                        "9223372036854775807, not \\\"1000\\\"");
+                                                        "9223372036854775807, not \"1000\"");
     QTest::newRow("wildcard in the topic") << QVariantMap { { "topic", "orvix/#/{type}" } }
-                                           << settingsProblem.arg("topic: \\\"orvix/#/t\\\" is not a valid topic");
+                                           << settingsProblem.arg("topic: \"orvix/#/t\" is not a valid topic");
     QTest::newRow("no spool") << QVariantMap { { "spool", "" } } << settingsProblem.arg("spool is empty");
     QVERIFY(writeFile(m_dir.filePath("file"), "not a folder"));
     QTest::newRow("spool under a file") << QVariantMap {
@@ -268,7 +227,7 @@ void tst_MqttOut::initRefuses()
     MqttOut out;
     QVariantMap shared;
     QVERIFY(!out.init(outConfig(1883, m_dir.filePath("refused"), settings), shared));
-    QCOMPARE(s_log, QStringList { warning(message) });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning(message) });
     out.processData(When, "m1", "s", operatingData(1));
     QCOMPARE(out.spooled(), 0);
 }
@@ -283,13 +242,13 @@ void tst_MqttOut::unreachableBrokerIsNoFailure()
     for (int i = 0; i < 5; ++i)
         out.processData(When, "m1", "s", operatingData(i));
     QCOMPARE(out.spooled(), 5);
-    QCOMPARE(s_log.at(0),
-        QStringLiteral("INFO mqttOut: \"Publishing to 127.0.0.1:%1 as orvix-test-out through the spool %2, 0 datasets "
-                       "waiting\"")
-            .arg(broker.port())
-            .arg(spool));
-    QCOMPARE(
-        s_log.at(1), warning(QStringLiteral("Can't reach broker 127.0.0.1:%1: Connection refused").arg(broker.port())));
+    QCOMPARE(m_log.lines().at(0),
+        m_log.info(
+            QStringLiteral("Publishing to 127.0.0.1:%1 as orvix-test-out through the spool %2, 0 datasets waiting")
+                .arg(broker.port())
+                .arg(spool)));
+    QCOMPARE(m_log.lines().at(1),
+        m_log.warning(QStringLiteral("Can't reach broker 127.0.0.1:%1: Connection refused").arg(broker.port())));
 }
 
 void tst_MqttOut::notInitialisedIgnoresData()
@@ -298,7 +257,7 @@ void tst_MqttOut::notInitialisedIgnoresData()
     QCOMPARE(out.name(), QStringLiteral("mqttOut"));
     out.processData(When, "m1", "s", operatingData(1));
     QCOMPARE(out.spooled(), 0);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_MqttOut::roundTripThroughMqttIn_data()
@@ -351,7 +310,7 @@ void tst_MqttOut::roundTripThroughMqttIn()
             DatasetCodec::encodeLine(got.at(0).toDateTime(), got.at(1).toString(), got.at(2).toString(), got.at(3)),
             DatasetCodec::encodeLine(sent.timestamp, sent.machine, sent.source, sent.data));
     }
-    QCOMPARE(linesStartingWith("WARNING"), QStringList());
+    QCOMPARE(m_log.warnings(), QStringList());
 }
 
 void tst_MqttOut::topicTemplateAndRetainedTypes()
@@ -494,7 +453,7 @@ void tst_MqttOut::brokerStoppedWhileThousandDatasetsAreSent()
         QVERIFY2(number < 300, qPrintable(QString::number(number)));
     QVERIFY2(repeats.size() <= 150, qPrintable(QString::number(repeats.size())));
     QTRY_COMPARE_WITH_TIMEOUT(out.spooled(), 0, 20000);
-    QCOMPARE(linesStartingWith("WARNING mqttOut: \"Connection to").size(), 1);
+    QCOMPARE(m_log.startingWith("WARNING mqttOut: \"Connection to").size(), 1);
 }
 
 void tst_MqttOut::killedWithAFullSpoolAndStartedAgain()
@@ -515,7 +474,7 @@ void tst_MqttOut::killedWithAFullSpoolAndStartedAgain()
     MqttOut out;
     QVariantMap shared;
     QVERIFY(out.init(outConfig(broker.port(), spool), shared));
-    QVERIFY(s_log.first().endsWith(", 2000 datasets waiting\""));
+    QVERIFY(m_log.lines().first().endsWith(", 2000 datasets waiting\""));
     // What arrives after the restart waits behind what the spool kept.
     for (int i = 2000; i < 2010; ++i)
         out.processData(When, "m1", "s", operatingData(i));
@@ -579,9 +538,9 @@ void tst_MqttOut::realServiceKilledWithAFullSpool()
     const QVector<MosquittoBroker::Message> messages = watcher.messages();
     for (int i = 0; i < 300; ++i)
         QCOMPARE(messages.at(i).topic, "plant/out/" + machine(i).toUtf8() + "/StateV1");
-    QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains(QStringLiteral(
-                                 "INFO mqttOut: \"Connected to 127.0.0.1:%1 as orvix-e2e-out\"")
-                                                             .arg(output.port())),
+    QTRY_VERIFY_WITH_TIMEOUT(
+        service.logLines().contains(
+            QStringLiteral("INFO mqttOut: \"Connected to 127.0.0.1:%1 as orvix-e2e-out\"").arg(output.port())),
         20000);
     QVERIFY(service.logLines().contains(
         QStringLiteral("INFO mqttOut: \"Publishing to 127.0.0.1:%1 as orvix-e2e-out through the spool %2, 300 "
@@ -624,7 +583,7 @@ void tst_MqttOut::spoolLimitDropsTheOldest()
         QStringLiteral("^WARNING mqttOut: \"Spool %1 is full: dropped the (\\d+) oldest datasets\"$").arg(spool));
     qint64 total = 0;
     int warnings = 0;
-    for (const QString &entry : qAsConst(s_log)) {
+    for (const QString &entry : m_log.lines()) {
         const QRegularExpressionMatch match = dropped.match(entry);
         if (match.hasMatch()) {
             total += match.captured(1).toLongLong();
@@ -647,18 +606,18 @@ void tst_MqttOut::datasetLargerThanTheSpool()
     MqttOut out;
     QVariantMap shared;
     QVERIFY(out.init(outConfig(broker.port(), m_dir.filePath("large"), { { "spoolMaxBytes", "65536" } }), shared));
-    s_log.clear();
+    m_log.clear();
     const QVariant huge = QString(70000, QLatin1Char('x'));
     out.processData(When, "m1", "s", huge);
     out.processData(When, "m1", "s", huge);
     out.processData(When, "m1", "s", operatingData(1));
     out.processData(When, "m1", "s", huge);
-    const QString tooLarge = warning(
+    const QString tooLarge = m_log.warning(
         QStringLiteral("Dropped a dataset of m1: a record of %1 bytes does not fit into "
                        "a spool of 65536 bytes")
             .arg(11 + QByteArray("orvix/m1/QString").size() + DatasetCodec::encodeLine(When, "m1", "s", huge).size()));
     // Said once for a run of failures, and again after a success.
-    QCOMPARE(linesStartingWith("WARNING"), QStringList({ tooLarge, tooLarge }));
+    QCOMPARE(m_log.warnings(), QStringList({ tooLarge, tooLarge }));
     QCOMPARE(out.spooled(), 1);
 }
 
@@ -678,9 +637,9 @@ void tst_MqttOut::usernameAndPassword()
                            { { "username", "orvix" }, { "password", "guess" }, { "clientId", "orvix-wrong" } }),
         shared));
     wrong.processData(When, "m1", "s", operatingData(1));
-    const QString refused
-        = warning(QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
-    QTRY_VERIFY_WITH_TIMEOUT(s_log.contains(refused), 20000);
+    const QString refused = m_log.warning(
+        QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
+    QTRY_VERIFY_WITH_TIMEOUT(m_log.lines().contains(refused), 20000);
     QCOMPARE(wrong.spooled(), 1);
 
     MqttOut right;
@@ -718,12 +677,12 @@ void tst_MqttOut::tlsWithAClientCertificate()
     out.processData(When, "m1", "s", operatingData(2));
     QTRY_COMPARE_WITH_TIMEOUT(numbers(watcher.payloads()), QList<int> { 2 }, 20000);
     QTRY_COMPARE_WITH_TIMEOUT(out.spooled(), 0, 20000);
-    QVERIFY(s_log.contains(
-        QStringLiteral("INFO mqttOut: \"Connected to 127.0.0.1:%1 as orvix-test-out\"").arg(broker.port())));
+    QVERIFY(m_log.lines().contains(
+        m_log.info(QStringLiteral("Connected to 127.0.0.1:%1 as orvix-test-out").arg(broker.port()))));
     // The broker wants a certificate: without one the connection never comes up.
     QCOMPARE(withoutCertificate.spooled(), 1);
-    QVERIFY(!s_log.contains(
-        QStringLiteral("INFO mqttOut: \"Connected to 127.0.0.1:%1 as orvix-nocert\"").arg(broker.port())));
+    QVERIFY(!m_log.lines().contains(
+        m_log.info(QStringLiteral("Connected to 127.0.0.1:%1 as orvix-nocert").arg(broker.port()))));
 }
 
 void tst_MqttOut::datasetRefusedByTheBrokerIsDropped()
@@ -742,10 +701,11 @@ void tst_MqttOut::datasetRefusedByTheBrokerIsDropped()
     QTRY_COMPARE_WITH_TIMEOUT(numbers(watcher.payloads("orvix/allowed/")), QList<int> { 3 }, 20000);
     QTRY_COMPARE_WITH_TIMEOUT(out.spooled(), 0, 20000);
     // Once per topic and connection: a broker that refuses a topic refuses every dataset on it.
-    QCOMPARE(linesStartingWith("WARNING"),
-        QStringList { warning(QStringLiteral("Broker 127.0.0.1:%1 refused the dataset on orvix/denied/GeneralV1: Not "
-                                             "authorized")
-                                  .arg(broker.port())) });
+    QCOMPARE(m_log.warnings(),
+        QStringList {
+            m_log.warning(QStringLiteral("Broker 127.0.0.1:%1 refused the dataset on orvix/denied/GeneralV1: Not "
+                                         "authorized")
+                              .arg(broker.port())) });
 }
 
 int main(int argc, char *argv[])

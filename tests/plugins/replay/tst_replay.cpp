@@ -1,13 +1,13 @@
 #include "replay.h"
 
 #include "datasetcodec.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
+#include "pluginchecks.h"
 #include "testsupport.h"
 #include "wwtypes.h"
 
 #include <QElapsedTimer>
-#include <QPluginLoader>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -15,28 +15,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString info(const QString &message)
-{
-    return QStringLiteral("INFO replay: \"%1\"").arg(message);
-}
-
-// QDebug escapes the double quotes inside a quoted string, as the log sinks show them.
-QString warning(const QString &message)
-{
-    QString escaped = message;
-    escaped.replace(QLatin1Char('"'), QLatin1String("\\\""));
-    return QStringLiteral("WARNING replay: \"%1\"").arg(escaped);
-}
 
 const char *const Received = SIGNAL(dataReceived(QDateTime, QString, QString, QVariant));
 
@@ -115,18 +93,17 @@ private:
     bool start(Replay &replay, const QString &path, const QVariantMap &more = QVariantMap());
 
     QTemporaryDir m_dir;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("replay") };
 };
 
 void tst_Replay::init()
 {
-    s_log.clear();
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start();
 }
 
 void tst_Replay::cleanup()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
 }
 
 QString tst_Replay::write(const QByteArray &content)
@@ -147,36 +124,17 @@ bool tst_Replay::start(Replay &replay, const QString &path, const QVariantMap &m
 
 void tst_Replay::metadata()
 {
-    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libreplay.so"));
-    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), QStringLiteral("DATASOURCE"));
-    IDatasource *datasource = qobject_cast<IDatasource *>(loader.instance());
-    QVERIFY2(datasource, qPrintable(loader.errorString()));
-    QCOMPARE(datasource->name(), QStringLiteral("replay"));
-    QVERIFY(loader.instance()->metaObject()->indexOfSignal("dataReceived(QDateTime,QString,QString,QVariant)") >= 0);
+    PluginChecks::checkDatasourceLibrary("replay", "replay");
 }
 
 void tst_Replay::sampleIniDocumentsEverySetting()
 {
-    const QString path = QStringLiteral(ORVIX_SOURCE_DIR "/plugins/replay/sample.ini");
-    QStringList expected { "[replay]" };
-    for (const Replay::Setting &setting : Replay::settings()) {
-        expected << QStringLiteral("; %1").arg(QString::fromUtf8(setting.meaning))
-                 << QStringLiteral("%1=%2").arg(
-                        QString::fromLatin1(setting.key), QString::fromUtf8(setting.defaultValue));
-    }
-    QCOMPARE(QString::fromUtf8(readFile(path)).split('\n', Qt::SkipEmptyParts), expected);
-
-    QSettings ini(path, QSettings::IniFormat);
-    ini.beginGroup("replay");
-    for (const Replay::Setting &setting : Replay::settings())
-        QCOMPARE(ini.value(setting.key).toString(), QString::fromUtf8(setting.defaultValue));
+    PluginChecks::checkSampleIni("replay", "replay", Replay::settings());
 }
 
 void tst_Replay::readmeQuotesSampleIni()
 {
-    const QByteArray sample = readFile(ORVIX_SOURCE_DIR "/plugins/replay/sample.ini");
-    QVERIFY(!sample.isEmpty());
-    QVERIFY(readFile(ORVIX_SOURCE_DIR "/plugins/replay/README.md").contains("```ini\n" + sample + "```\n"));
+    PluginChecks::checkReadmeQuotesSampleIni("replay");
 }
 
 void tst_Replay::sendsEveryLineInFileOrder()
@@ -193,8 +151,9 @@ void tst_Replay::sendsEveryLineInFileOrder()
     QCOMPARE(spy.at(1).at(3).typeName(), "WwState");
     QCOMPARE(qvariant_cast<WwState>(spy.at(1).at(3)).Values->AbsolutePiecesOut, quint64(15230));
     QCOMPARE(spy.at(2).at(0).toDateTime(), QDateTime::fromString("2021-03-01T08:00:02.000+01:00", Qt::ISODateWithMs));
-    QCOMPARE(
-        s_log, (QStringList { info("Replaying " + path), info("Finished replaying " + path + ", datasets sent: 3") }));
+    QCOMPARE(m_log.lines(),
+        (QStringList {
+            m_log.info("Replaying " + path), m_log.info("Finished replaying " + path + ", datasets sent: 3") }));
 
     // Once finished, nothing more comes.
     QTest::qWait(20);
@@ -284,7 +243,7 @@ void tst_Replay::loopStartsAgain()
     QTRY_VERIFY(spy.count() >= 7);
     for (int index = 0; index < 7; ++index)
         QCOMPARE(spy.at(index).at(3).value<StateV1>().state, index % 2 + 1);
-    QCOMPARE(s_log, QStringList { info("Replaying " + path) });
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Replaying " + path) });
 }
 
 void tst_Replay::missingTimestampIsNow_data()
@@ -339,12 +298,12 @@ void tst_Replay::badLinesAreSkipped()
     QTRY_COMPARE(spy.count(), 2);
     QCOMPARE(spy.at(0).at(3).value<StateV1>().state, 1);
     QCOMPARE(spy.at(1).at(3).value<StateV1>().state, 2);
-    QTRY_COMPARE(s_log.size(), 3);
+    QTRY_COMPARE(m_log.lines().size(), 3);
     // Blank lines count: the bad one is the third line of the file.
-    QCOMPARE(s_log,
-        (QStringList { info("Replaying " + path),
-            warning(QStringLiteral("Skipping line 3 of %1: %2").arg(path, reason)),
-            info("Finished replaying " + path + ", datasets sent: 2") }));
+    QCOMPARE(m_log.lines(),
+        (QStringList { m_log.info("Replaying " + path),
+            m_log.warning(QStringLiteral("Skipping line 3 of %1: %2").arg(path, reason)),
+            m_log.info("Finished replaying " + path + ", datasets sent: 2") }));
 }
 
 void tst_Replay::fileWithoutDatasetIsNotLooped()
@@ -353,14 +312,14 @@ void tst_Replay::fileWithoutDatasetIsNotLooped()
     Replay replay;
     QSignalSpy spy(&replay, Received);
     QVERIFY(start(replay, path, { { "loop", "yes" } }));
-    QCOMPARE(s_log,
-        (QStringList { info("Replaying " + path),
-            warning(QStringLiteral("Skipping line 1 of %1: %2").arg(path, decoderError("{bad"))),
-            warning(QStringLiteral("Skipping line 2 of %1: %2").arg(path, decoderError("[]"))),
-            warning("No dataset in " + path + ", not replaying it again") }));
+    QCOMPARE(m_log.lines(),
+        (QStringList { m_log.info("Replaying " + path),
+            m_log.warning(QStringLiteral("Skipping line 1 of %1: %2").arg(path, decoderError("{bad"))),
+            m_log.warning(QStringLiteral("Skipping line 2 of %1: %2").arg(path, decoderError("[]"))),
+            m_log.warning("No dataset in " + path + ", not replaying it again") }));
     QTest::qWait(20);
     QCOMPARE(spy.count(), 0);
-    QCOMPARE(s_log.size(), 4);
+    QCOMPARE(m_log.lines().size(), 4);
 }
 
 void tst_Replay::missingFile()
@@ -368,7 +327,7 @@ void tst_Replay::missingFile()
     const QString path = m_dir.filePath("missing.jsonl");
     Replay replay;
     QVERIFY(!start(replay, path));
-    QCOMPARE(s_log, QStringList { warning("Can't open " + path + ": No such file or directory") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't open " + path + ": No such file or directory") });
 }
 
 void tst_Replay::noFileSet_data()
@@ -385,7 +344,7 @@ void tst_Replay::noFileSet()
     Replay replay;
     QVariantMap shared;
     QVERIFY(!replay.init(configuration, shared));
-    QCOMPARE(s_log, QStringList { warning("No file to replay: set file in the group replay") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("No file to replay: set file in the group replay") });
 }
 
 void tst_Replay::invalidSettings_data()
@@ -416,9 +375,9 @@ void tst_Replay::invalidSettings()
     QTRY_COMPARE(spy.count(), 1);
     QTest::qWait(20);
     QCOMPARE(spy.count(), 1);
-    QCOMPARE(s_log,
-        (QStringList {
-            warning(message), info("Replaying " + path), info("Finished replaying " + path + ", datasets sent: 1") }));
+    QCOMPARE(m_log.lines(),
+        (QStringList { m_log.warning(message), m_log.info("Replaying " + path),
+            m_log.info("Finished replaying " + path + ", datasets sent: 1") }));
 }
 
 QTEST_GUILESS_MAIN(tst_Replay)

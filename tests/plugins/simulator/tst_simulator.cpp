@@ -1,50 +1,18 @@
 #include "simulator.h"
 
 #include "datasetcodec.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "opcuatommmapper.h"
-#include "testsupport.h"
+#include "pluginchecks.h"
 #include "validator.h"
 #include "wwtypes.h"
 
-#include <QPluginLoader>
 #include <QSet>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QtTest>
 
-using namespace TestSupport;
-
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString info(const QString &message)
-{
-    return QStringLiteral("INFO simulator: \"%1\"").arg(message);
-}
-
-QString warning(const QString &message)
-{
-    return QStringLiteral("WARNING simulator: \"%1\"").arg(message);
-}
-
-QStringList warnings()
-{
-    QStringList found;
-    for (const QString &line : qAsConst(s_log)) {
-        if (!line.startsWith(QLatin1String("DEBUG")) && !line.startsWith(QLatin1String("INFO")))
-            found.append(line);
-    }
-    return found;
-}
 
 const char *const Received = SIGNAL(dataReceived(QDateTime, QString, QString, QVariant));
 const QDateTime Start = QDateTime::fromMSecsSinceEpoch(1714979289000, Qt::UTC);
@@ -133,7 +101,7 @@ private slots:
 
 private:
     QList<Dataset> m_longRun;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("simulator") };
 };
 
 void tst_Simulator::initTestCase()
@@ -143,47 +111,27 @@ void tst_Simulator::initTestCase()
 
 void tst_Simulator::init()
 {
-    s_log.clear();
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start();
 }
 
 void tst_Simulator::cleanup()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
 }
 
 void tst_Simulator::metadata()
 {
-    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libsimulator.so"));
-    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), QStringLiteral("DATASOURCE"));
-    IDatasource *datasource = qobject_cast<IDatasource *>(loader.instance());
-    QVERIFY2(datasource, qPrintable(loader.errorString()));
-    QCOMPARE(datasource->name(), QStringLiteral("simulator"));
-    QVERIFY(loader.instance()->metaObject()->indexOfSignal("dataReceived(QDateTime,QString,QString,QVariant)") >= 0);
+    PluginChecks::checkDatasourceLibrary("simulator", "simulator");
 }
 
 void tst_Simulator::sampleIniDocumentsEverySetting()
 {
-    const QString path = QStringLiteral(ORVIX_SOURCE_DIR "/plugins/simulator/sample.ini");
-    QStringList expected { "[simulator]" };
-    for (const Simulator::Setting &setting : Simulator::settings()) {
-        expected << QStringLiteral("; %1").arg(QString::fromUtf8(setting.meaning))
-                 << QStringLiteral("%1=%2").arg(
-                        QString::fromLatin1(setting.key), QString::fromUtf8(setting.defaultValue));
-    }
-    QCOMPARE(QString::fromUtf8(readFile(path)).split('\n', Qt::SkipEmptyParts), expected);
-
-    QSettings ini(path, QSettings::IniFormat);
-    ini.beginGroup("simulator");
-    for (const Simulator::Setting &setting : Simulator::settings())
-        QCOMPARE(ini.value(setting.key).toString(), QString::fromUtf8(setting.defaultValue));
+    PluginChecks::checkSampleIni("simulator", "simulator", Simulator::settings());
 }
 
 void tst_Simulator::readmeQuotesSampleIni()
 {
-    const QByteArray sample = readFile(ORVIX_SOURCE_DIR "/plugins/simulator/sample.ini");
-    QVERIFY(!sample.isEmpty());
-    QVERIFY(readFile(ORVIX_SOURCE_DIR "/plugins/simulator/README.md").contains("```ini\n" + sample + "```\n"));
+    PluginChecks::checkReadmeQuotesSampleIni("simulator");
 }
 
 void tst_Simulator::defaultSettings()
@@ -192,8 +140,9 @@ void tst_Simulator::defaultSettings()
     QSignalSpy spy(&simulator, Received);
     QVariantMap shared;
     QVERIFY(simulator.init(QVariantMap(), shared));
-    QCOMPARE(s_log,
-        QStringList { info(QStringLiteral("Simulating sim1, sim2 every 1000 ms with seed %1").arg(simulator.seed())) });
+    QCOMPARE(m_log.lines(),
+        QStringList {
+            m_log.info(QStringLiteral("Simulating sim1, sim2 every 1000 ms with seed %1").arg(simulator.seed())) });
     simulator.tick();
     QCOMPARE(spy.count(), 4);
     const QStringList expected { "sim1 WwIdentification", "sim1 WwState", "sim2 WwIdentification", "sim2 WwState" };
@@ -212,7 +161,7 @@ void tst_Simulator::namesAndInterval()
 {
     const QList<Dataset> datasets
         = simulate({ { "machines", "5" }, { "prefix", "press" }, { "interval", "250" }, { "seed", "7" } }, 1);
-    QCOMPARE(s_log, QStringList { info("Simulating press1 to press5 every 250 ms with seed 7") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Simulating press1 to press5 every 250 ms with seed 7") });
     QStringList machines;
     for (const Dataset &dataset : datasets) {
         if (typeOf(dataset) == QLatin1String("WwIdentification"))
@@ -220,9 +169,9 @@ void tst_Simulator::namesAndInterval()
     }
     QCOMPARE(machines, (QStringList { "press1", "press2", "press3", "press4", "press5" }));
 
-    s_log.clear();
+    m_log.clear();
     simulate({ { "machines", "1" }, { "prefix", "" }, { "seed", "18446744073709551615" } }, 1);
-    QCOMPARE(s_log, QStringList { info("Simulating 1 every 1000 ms with seed 18446744073709551615") });
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Simulating 1 every 1000 ms with seed 18446744073709551615") });
 }
 
 void tst_Simulator::invalidSettings_data()
@@ -258,10 +207,10 @@ void tst_Simulator::invalidSettings()
     Simulator simulator;
     QVariantMap shared;
     QVERIFY(simulator.init(QVariantMap { { "simulator", QVariantMap { { key, value } } } }, shared));
-    QCOMPARE(s_log.size(), 2);
-    QCOMPARE(s_log.first(), warning(message));
-    QCOMPARE(
-        s_log.last(), info(QStringLiteral("Simulating sim1, sim2 every 1000 ms with seed %1").arg(simulator.seed())));
+    QCOMPARE(m_log.lines().size(), 2);
+    QCOMPARE(m_log.lines().first(), m_log.warning(message));
+    QCOMPARE(m_log.lines().last(),
+        m_log.info(QStringLiteral("Simulating sim1, sim2 every 1000 ms with seed %1").arg(simulator.seed())));
 }
 
 void tst_Simulator::nameplateFirst()
@@ -525,12 +474,12 @@ void tst_Simulator::mappedDatasetsAreValid()
         [&](QDateTime timestamp, QString machine, QString source, QVariant data) {
             mapped.append({ timestamp, machine, source, data });
         });
-    s_log.clear();
+    m_log.clear();
     for (const Dataset &dataset : qAsConst(m_longRun))
         mapper.processData(dataset.timestamp, dataset.machine, dataset.source, dataset.data);
 
     // Nothing is incomplete to the mapper or invalid to the validator.
-    QCOMPARE(warnings(), QStringList());
+    QCOMPARE(m_log.warnings(), QStringList());
 
     QHash<QString, int> types;
     QSet<qint32> codes;

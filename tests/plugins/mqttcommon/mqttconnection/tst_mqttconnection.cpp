@@ -1,5 +1,6 @@
 #include "mqttconnection.h"
 
+#include "logcapture.h"
 #include "mosquittobroker.h"
 #include "testsupport.h"
 
@@ -18,28 +19,6 @@ using namespace TestSupport;
 Q_LOGGING_CATEGORY(lcConnectionTest, "conntest")
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
-QString line(const char *level, const QString &message)
-{
-    return QStringLiteral("%1 conntest: \"%2\"").arg(QLatin1String(level), message);
-}
-
-int countLines(const QString &prefix)
-{
-    int count = 0;
-    for (const QString &entry : qAsConst(s_log))
-        count += entry.startsWith(prefix) ? 1 : 0;
-    return count;
-}
 
 MqttConnection::Options local(quint16 port)
 {
@@ -81,7 +60,7 @@ private slots:
 private:
     QTemporaryDir m_dir;
     MosquittoBroker::Certificates m_certificates;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("conntest") };
 };
 
 void tst_MqttConnection::initTestCase()
@@ -92,15 +71,12 @@ void tst_MqttConnection::initTestCase()
 
 void tst_MqttConnection::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nconntest.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false\nconntest.debug=true"));
 }
 
 void tst_MqttConnection::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_MqttConnection::reconnectDelay_data()
@@ -243,10 +219,11 @@ void tst_MqttConnection::connectsPublishesAndSaysOnlineThenOffline()
     connection->close();
     QTRY_COMPARE_WITH_TIMEOUT(watcher.payloads("orvix/status/"), (QList<QByteArray> { "online", "offline" }), 20000);
     QCOMPARE(disconnected.size(), 0);
-    QCOMPARE(s_log.first(), line("DEBUG", QStringLiteral("Connecting to 127.0.0.1:%1, attempt 1").arg(broker.port())));
-    QVERIFY(
-        s_log.contains(line("INFO", QStringLiteral("Connected to 127.0.0.1:%1 as orvix-conntest").arg(broker.port()))));
-    QCOMPARE(countLines("WARNING"), 0);
+    QCOMPARE(
+        m_log.lines().first(), m_log.debug(QStringLiteral("Connecting to 127.0.0.1:%1, attempt 1").arg(broker.port())));
+    QVERIFY(m_log.lines().contains(
+        m_log.info(QStringLiteral("Connected to 127.0.0.1:%1 as orvix-conntest").arg(broker.port()))));
+    QCOMPARE(m_log.startingWith("WARNING").size(), 0);
 }
 
 void tst_MqttConnection::qosZeroIsConfirmedWhileWriting()
@@ -280,18 +257,20 @@ void tst_MqttConnection::unreachableBrokerIsWarnedOnceThenRetriedWithBackOff()
     connection.setReconnectDelays(100, 400);
     connection.open();
     const QString address = QStringLiteral("127.0.0.1:%1").arg(broker.port());
-    QTRY_VERIFY_WITH_TIMEOUT(countLines("DEBUG conntest: \"Connecting to") >= 5, 20000);
-    QCOMPARE(s_log.at(0), line("DEBUG", QStringLiteral("Connecting to %1, attempt 1").arg(address)));
-    QCOMPARE(s_log.at(1), line("WARNING", QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
-    QVERIFY(
-        s_log.at(2).startsWith(line("DEBUG", QStringLiteral("Next attempt to reach %1 in ").arg(address)).chopped(1)));
-    QCOMPARE(s_log.at(3), line("DEBUG", QStringLiteral("Connecting to %1, attempt 2").arg(address)));
-    QCOMPARE(s_log.at(4), line("DEBUG", QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
-    QCOMPARE(countLines("WARNING"), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(m_log.startingWith("DEBUG conntest: \"Connecting to").size() >= 5, 20000);
+    QCOMPARE(m_log.lines().at(0), m_log.debug(QStringLiteral("Connecting to %1, attempt 1").arg(address)));
+    QCOMPARE(
+        m_log.lines().at(1), m_log.warning(QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
+    QVERIFY(m_log.lines().at(2).startsWith(
+        m_log.debug(QStringLiteral("Next attempt to reach %1 in ").arg(address)).chopped(1)));
+    QCOMPARE(m_log.lines().at(3), m_log.debug(QStringLiteral("Connecting to %1, attempt 2").arg(address)));
+    QCOMPARE(
+        m_log.lines().at(4), m_log.debug(QStringLiteral("Can't reach broker %1: Connection refused").arg(address)));
+    QCOMPARE(m_log.startingWith("WARNING").size(), 1);
     // The delays double up to the maximum, each within a fifth of its base.
     QList<int> delays;
     static const QRegularExpression delay(QStringLiteral("Next attempt to reach .* in (\\d+) ms"));
-    for (const QString &entry : qAsConst(s_log)) {
+    for (const QString &entry : m_log.lines()) {
         const QRegularExpressionMatch match = delay.match(entry);
         if (match.hasMatch())
             delays.append(match.captured(1).toInt());
@@ -304,7 +283,7 @@ void tst_MqttConnection::unreachableBrokerIsWarnedOnceThenRetriedWithBackOff()
 
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 1, 20000);
-    QVERIFY(s_log.contains(line("INFO", QStringLiteral("Connected to %1 as orvix-conntest").arg(address))));
+    QVERIFY(m_log.lines().contains(m_log.info(QStringLiteral("Connected to %1 as orvix-conntest").arg(address))));
 }
 
 void tst_MqttConnection::lossIsWarnedWithTheReasonAndReconnects()
@@ -325,21 +304,20 @@ void tst_MqttConnection::lossIsWarnedWithTheReasonAndReconnects()
     intruder.open();
     QTRY_COMPARE_WITH_TIMEOUT(disconnected.size(), 1, 20000);
     const QString address = QStringLiteral("127.0.0.1:%1").arg(broker.port());
-    const QString lost
-        = line("WARNING", QStringLiteral("Connection to %1 lost: The connection was lost.").arg(address));
-    QVERIFY2(s_log.contains(lost), qPrintable(s_log.join('\n')));
+    const QString lost = m_log.warning(QStringLiteral("Connection to %1 lost: The connection was lost.").arg(address));
+    QVERIFY2(m_log.lines().contains(lost), qPrintable(m_log.lines().join('\n')));
     intruder.close();
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 2, 20000);
 
-    s_log.clear();
+    m_log.clear();
     broker.stop();
     QTRY_COMPARE_WITH_TIMEOUT(disconnected.size(), 2, 20000);
-    QVERIFY2(s_log.contains(lost), qPrintable(s_log.join('\n')));
+    QVERIFY2(m_log.lines().contains(lost), qPrintable(m_log.lines().join('\n')));
     QVERIFY(!connection.isConnected());
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 3, 20000);
     // Lost while connected: the failed attempts before the broker came back are not warned again.
-    QCOMPARE(countLines("WARNING"), 1);
+    QCOMPARE(m_log.startingWith("WARNING").size(), 1);
 }
 
 void tst_MqttConnection::brokersReasonForDisconnecting()
@@ -373,9 +351,9 @@ void tst_MqttConnection::brokersReasonForDisconnecting()
     connection.open();
     QTRY_COMPARE_WITH_TIMEOUT(disconnected.size(), 1, 20000);
     broker.join();
-    QVERIFY2(s_log.contains(line("WARNING",
+    QVERIFY2(m_log.lines().contains(m_log.warning(
                  QStringLiteral("Connection to 127.0.0.1:%1 lost: Server shutting down").arg(ntohs(address.sin_port)))),
-        qPrintable(s_log.join('\n')));
+        qPrintable(m_log.lines().join('\n')));
 }
 
 void tst_MqttConnection::subscribesAgainAfterEveryConnect()
@@ -390,9 +368,9 @@ void tst_MqttConnection::subscribesAgainAfterEveryConnect()
     connection.setSubscriptions({ QStringLiteral("a/#"), QStringLiteral("b/+") }, 1);
     connection.open();
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 1, 20000);
-    const QString subscribedA = line("DEBUG", QStringLiteral("Subscribed to a/# at QoS 1"));
-    QTRY_VERIFY_WITH_TIMEOUT(s_log.contains(subscribedA), 20000);
-    QVERIFY(s_log.contains(line("DEBUG", QStringLiteral("Subscribed to b/+ at QoS 1"))));
+    const QString subscribedA = m_log.debug(QStringLiteral("Subscribed to a/# at QoS 1"));
+    QTRY_VERIFY_WITH_TIMEOUT(m_log.lines().contains(subscribedA), 20000);
+    QVERIFY(m_log.lines().contains(m_log.debug(QStringLiteral("Subscribed to b/+ at QoS 1"))));
 
     MosquittoBroker::Client publisher;
     QVERIFY(publisher.connectTo(broker.port(), "nothing"));
@@ -403,11 +381,11 @@ void tst_MqttConnection::subscribesAgainAfterEveryConnect()
     QCOMPARE(received.at(0), QVariantList({ QByteArray("a/x/y"), QByteArray("first") }));
     QCOMPARE(received.at(1), QVariantList({ QByteArray("b/z"), QByteArray("second") }));
 
-    s_log.clear();
+    m_log.clear();
     broker.stop();
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 2, 20000);
-    QTRY_VERIFY_WITH_TIMEOUT(s_log.contains(subscribedA), 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(m_log.lines().contains(subscribedA), 20000);
     MosquittoBroker::Client again;
     QVERIFY(again.connectTo(broker.port(), "nothing"));
     QVERIFY(again.publish("a/after", "third"));
@@ -429,10 +407,10 @@ void tst_MqttConnection::refusedPasswordIsWarnedWithTheBrokersReason()
     connection.setReconnectDelays(100, 200);
     connection.open();
     // Mosquitto answers a wrong password to an MQTT 5 client with "not authorized".
-    const QString refused = line(
-        "WARNING", QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
+    const QString refused = m_log.warning(
+        QStringLiteral("Broker 127.0.0.1:%1 refused the connection: Not authorized").arg(broker.port()));
     // Every refusal is warned: it needs someone to fix the configuration.
-    QTRY_VERIFY2_WITH_TIMEOUT(countLines(refused) >= 2, qPrintable(s_log.join('\n')), 20000);
+    QTRY_VERIFY2_WITH_TIMEOUT(m_log.startingWith(refused).size() >= 2, qPrintable(m_log.lines().join('\n')), 20000);
     QCOMPARE(connected.size(), 0);
 
     options.password = QStringLiteral("right");
@@ -459,11 +437,11 @@ void tst_MqttConnection::tlsFailureNamesTheCertificateProblem()
     connection.setOptions(options);
     connection.setReconnectDelays(100, 200);
     connection.open();
-    const QString unverified = line("WARNING",
+    const QString unverified = m_log.warning(
         QStringLiteral("Can't reach broker 127.0.0.1:%1: OpenSSL Error[0]: error:0A000086:SSL routines::certificate "
                        "verify failed")
             .arg(broker.port()));
-    QTRY_VERIFY2_WITH_TIMEOUT(s_log.contains(unverified), qPrintable(s_log.join('\n')), 20000);
+    QTRY_VERIFY2_WITH_TIMEOUT(m_log.lines().contains(unverified), qPrintable(m_log.lines().join('\n')), 20000);
 
     options.caFile = m_certificates.caFile;
     MqttConnection trusted(lcConnectionTest());

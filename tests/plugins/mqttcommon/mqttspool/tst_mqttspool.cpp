@@ -1,5 +1,6 @@
 #include "mqttspool.h"
 
+#include "logcapture.h"
 #include "testsupport.h"
 
 #include <QDirIterator>
@@ -13,15 +14,6 @@ using namespace TestSupport;
 Q_LOGGING_CATEGORY(lcSpoolTest, "spooltest")
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
 
 constexpr qint64 SmallSpool = 65536;
 // Header (8), flags and topic length (3), topic "t/7" (3): what a record adds to its payload.
@@ -94,18 +86,17 @@ private:
     static void appendRecords(MqttSpool &spool, int from, int to, int size = 100);
 
     QTemporaryDir m_dir;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("spooltest") };
 };
 
 void tst_MqttSpool::init()
 {
-    s_log.clear();
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start();
 }
 
 void tst_MqttSpool::cleanup()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
 }
 
 std::unique_ptr<MqttSpool> tst_MqttSpool::openSpool(const QString &folder, qint64 maxBytes)
@@ -243,7 +234,7 @@ void tst_MqttSpool::survivesReopening()
         QCOMPARE(record.sequence, quint64(i));
         QCOMPARE(record.payload, payload(i));
     }
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_MqttSpool::acknowledgementsSinceTheLastSyncComeBack()
@@ -434,10 +425,9 @@ void tst_MqttSpool::tornLastRecordIsCutOff()
 
     auto spool = openSpool(folder);
     QVERIFY(spool);
-    QCOMPARE(s_log,
-        QStringList { QStringLiteral("WARNING spooltest: \"Spool file %1 is damaged at byte 342; 7 bytes after it "
-                                     "dropped\"")
-                          .arg(file) });
+    QCOMPARE(m_log.lines(),
+        QStringList { m_log.warning(
+            QStringLiteral("Spool file %1 is damaged at byte 342; 7 bytes after it dropped").arg(file)) });
     QCOMPARE(spool->count(), 3);
     appendRecords(*spool, 3, 4);
     MqttSpool::Record record;
@@ -466,8 +456,8 @@ void tst_MqttSpool::damagedRecordCutsTheRestOfItsSegment()
 
     auto spool = openSpool(folder);
     QVERIFY(spool);
-    QCOMPARE(s_log.size(), 1);
-    QVERIFY(s_log.first().contains("is damaged at byte 570;"));
+    QCOMPARE(m_log.lines().size(), 1);
+    QVERIFY(m_log.lines().first().contains("is damaged at byte 570;"));
     // Five records of the first segment and the 15 of the second, which moves up behind them.
     QCOMPARE(spool->count(), 5 + 15);
     MqttSpool::Record record;

@@ -1,0 +1,98 @@
+#ifndef ORVIX_PLUGINCHECKS_H
+#define ORVIX_PLUGINCHECKS_H
+
+#include "idatasource.h"
+#include "itarget.h"
+#include "pluginsettings.h"
+#include "testsupport.h"
+
+#include <QJsonObject>
+#include <QMetaObject>
+#include <QPluginLoader>
+#include <QSettings>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <QtTest>
+
+/**
+ * The checks that the tests of every shipped plugin make: the built library against the plugin contract, and the
+ * sample.ini and README.md of the plugin's folder against its table of keys. A failed check returns from the check
+ * only, so each is the whole body of a test function.
+ */
+namespace PluginChecks {
+
+namespace Detail {
+
+template <typename Interface>
+void checkLibrary(const QString &file, const QString &type, const QString &name, const QStringList &signalSignatures,
+    const QStringList &slotSignatures)
+{
+    QPluginLoader loader(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/lib%1.so").arg(file));
+    QCOMPARE(loader.metaData().value("MetaData").toObject().value("TYPE").toString(), type);
+    Interface *plugin = qobject_cast<Interface *>(loader.instance());
+    QVERIFY2(plugin, qPrintable(loader.errorString()));
+    QCOMPARE(plugin->name(), name);
+    const QMetaObject *meta = loader.instance()->metaObject();
+    for (const QString &signature : signalSignatures)
+        QVERIFY2(meta->indexOfSignal(signature.toLatin1().constData()) >= 0, qPrintable(signature));
+    for (const QString &signature : slotSignatures)
+        QVERIFY2(meta->indexOfSlot(signature.toLatin1().constData()) >= 0, qPrintable(signature));
+}
+
+inline QString pluginFile(const QString &folder, const char *name)
+{
+    return QStringLiteral(ORVIX_SOURCE_DIR "/plugins/%1/%2").arg(folder, QLatin1String(name));
+}
+
+} // namespace Detail
+
+/**
+ * Checks the built lib<file>.so: TYPE "DATASOURCE", an IDatasource called name with the signal dataReceived, and the
+ * slots of moreSlots (normalised signatures).
+ */
+inline void checkDatasourceLibrary(
+    const QString &file, const QString &name, const QStringList &moreSlots = QStringList())
+{
+    Detail::checkLibrary<IDatasource>(file, QStringLiteral("DATASOURCE"), name,
+        { QStringLiteral("dataReceived(QDateTime,QString,QString,QVariant)") }, moreSlots);
+}
+
+/** Checks the built lib<file>.so: TYPE "TARGET", an ITarget called name with the slot processData. */
+inline void checkTargetLibrary(const QString &file, const QString &name)
+{
+    Detail::checkLibrary<ITarget>(file, QStringLiteral("TARGET"), name, QStringList(),
+        { QStringLiteral("processData(QDateTime,QString,QString,QVariant)") });
+}
+
+/**
+ * Checks that plugins/<folder>/sample.ini is the group followed by every key of the table in its order, each as a
+ * comment line with its meaning and a line key=default, and that QSettings reads each default as written.
+ */
+inline void checkSampleIni(const QString &folder, const QString &group, const QVector<PluginSettings::Key> &keys)
+{
+    const QString path = Detail::pluginFile(folder, "sample.ini");
+    QStringList expected { QStringLiteral("[%1]").arg(group) };
+    for (const PluginSettings::Key &key : keys) {
+        expected << QStringLiteral("; %1").arg(QString::fromUtf8(key.meaning))
+                 << QStringLiteral("%1=%2").arg(QString::fromLatin1(key.key), QString::fromUtf8(key.defaultValue));
+    }
+    QCOMPARE(QString::fromUtf8(TestSupport::readFile(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts), expected);
+
+    QSettings ini(path, QSettings::IniFormat);
+    ini.beginGroup(group);
+    for (const PluginSettings::Key &key : keys)
+        QCOMPARE(ini.value(QString::fromLatin1(key.key)).toString(), QString::fromUtf8(key.defaultValue));
+}
+
+/** Checks that plugins/<folder>/README.md quotes the folder's sample.ini whole, as an ini block. */
+inline void checkReadmeQuotesSampleIni(const QString &folder)
+{
+    const QByteArray sample = TestSupport::readFile(Detail::pluginFile(folder, "sample.ini"));
+    QVERIFY(!sample.isEmpty());
+    QVERIFY(TestSupport::readFile(Detail::pluginFile(folder, "README.md")).contains("```ini\n" + sample + "```\n"));
+}
+
+} // namespace PluginChecks
+
+#endif

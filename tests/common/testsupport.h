@@ -2,6 +2,7 @@
 #define ORVIX_TESTSUPPORT_H
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -26,6 +27,18 @@ inline QByteArray readFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
     return file.readAll();
+}
+
+/** The bytes of the files in a folder, its subfolders left out. */
+inline qint64 folderBytes(const QString &folder)
+{
+    qint64 total = 0;
+    QDirIterator it(folder, QDir::Files);
+    while (it.hasNext()) {
+        it.next();
+        total += it.fileInfo().size();
+    }
+    return total;
 }
 
 /** The lines of a log file without their leading "yyyy-MM-dd HH:mm:ss " time. */

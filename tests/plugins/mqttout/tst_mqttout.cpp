@@ -10,7 +10,6 @@
 #include "pluginchecks.h"
 #include "testsupport.h"
 
-#include <QDirIterator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -59,17 +58,6 @@ QList<int> range(int from, int to)
     for (int i = from; i < to; ++i)
         result.append(i);
     return result;
-}
-
-qint64 folderBytes(const QString &folder)
-{
-    qint64 total = 0;
-    QDirIterator it(folder, QDir::Files);
-    while (it.hasNext()) {
-        it.next();
-        total += it.fileInfo().size();
-    }
-    return total;
 }
 
 qint64 residentBytes()

@@ -3,7 +3,6 @@
 #include "logcapture.h"
 #include "testsupport.h"
 
-#include <QDirIterator>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -29,17 +28,6 @@ QByteArray payload(int index, int size = 100)
 QStringList segmentFiles(const QString &folder)
 {
     return QDir(folder).entryList({ QStringLiteral("*.seg") }, QDir::Files, QDir::Name);
-}
-
-qint64 folderBytes(const QString &folder)
-{
-    qint64 total = 0;
-    QDirIterator it(folder, QDir::Files);
-    while (it.hasNext()) {
-        it.next();
-        total += it.fileInfo().size();
-    }
-    return total;
 }
 
 bool copyFolder(const QString &from, const QString &to)

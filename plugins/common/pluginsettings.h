@@ -25,6 +25,7 @@ public:
         const char *meaning;
     };
 
+    /** Reads group, the plugin's map of its INI group, through keys, the plugin's table. */
     PluginSettings(const QVariantMap &group, const QVector<Key> &keys)
         : m_group(group)
         , m_keys(keys)

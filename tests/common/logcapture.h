@@ -48,6 +48,7 @@ public:
 
     /** The lines captured since start() or clear(), oldest first. */
     const QStringList &lines() const { return captured(); }
+    /** Forgets the lines captured so far, so that a test looks only at what follows. */
     void clear() { captured().clear(); }
 
     /** The captured lines that start with prefix. */
@@ -82,6 +83,7 @@ public:
         return captured().contains(line);
     }
 
+    /** The line of message logged at that level in the category of the component under test. */
     QString debug(const QString &message) const { return line("DEBUG", m_category, message); }
     QString info(const QString &message) const { return line("INFO", m_category, message); }
     QString warning(const QString &message) const { return line("WARNING", m_category, message); }

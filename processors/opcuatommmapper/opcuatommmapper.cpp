@@ -302,6 +302,8 @@ void OpcUaToMMMapper::mapState(
         qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing some flags, the state might be incomplete");
     StateV1 result;
     result.state = stateCode(state);
+    // Made afresh, unlike the other two: a StateV1 lives inside the variant itself, so keeping one would save nothing
+    // (a copy of it costs what making one costs).
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(result));
 }
 

@@ -23,8 +23,9 @@ constexpr int KindCount = 4;
 // Flushes remembered at least, whatever the number of machines, before they are applied to every machine.
 constexpr size_t MinHistory = 1024;
 
-// Where a list entry's item is kept: in a copy of its own, or in the last list taken, told apart by the list's mark.
-enum Home : quint8 { OwnCopy, ListMarkA, ListMarkB };
+// The state of a list entry: where its item is kept (in a copy of its own, or in the last list taken, told apart by
+// the list's mark), and whether it is pending.
+enum EntryState : quint8 { OwnCopy = 0, ListMarkA = 1, ListMarkB = 2, HomeMask = 3, Pending = 4 };
 
 template <typename Record> bool recordEquals(const QVariant &a, const QVariant &b)
 {
@@ -109,78 +110,86 @@ struct Limit::Schedule
 /**
  * One list kind of one machine: its entries in order of arrival, found by id through an open-addressing index.
  * An entry's item is, as long as it can be, the item in the last list taken, which the duplicate filter keeps
- * anyway, so that each item is held once.
+ * anyway, so that each item is held once. The items and the states are apart, so that going through the entries of
+ * a list touches few cache lines.
  */
 template <typename Item> struct Limit::Table : Schedule
 {
-    struct Entry
-    {
-        const Item *item;
-        uint hash;
-        quint8 home;
-        bool pending;
-    };
-
     Table() = default;
     Table(const Table &) = delete;
     Table &operator=(const Table &) = delete;
     ~Table()
     {
-        for (const Entry &entry : entries) {
-            if (entry.home == OwnCopy)
-                delete entry.item;
+        for (size_t index = 0; index < items.size(); ++index) {
+            if (home(index) == OwnCopy)
+                delete items[index];
         }
     }
 
     /**
      * The index of the entry of an id, -1 if there is none. The entry at hint is tried first: lists come with their
-     * ids in the same order each time. Otherwise hash is set to the id's hash.
+     * ids in the same order each time.
      */
-    int find(const QString &id, int hint, uint *hash) const
+    int find(const QString &id, int hint) const
     {
-        if (hint < int(entries.size())) {
-            const QString &known = entries[size_t(hint)].item->id;
+        if (hint < int(items.size())) {
+            const QString &known = items[size_t(hint)]->id;
             if ((known.constData() == id.constData() && known.size() == id.size()) || known == id)
                 return hint;
         }
-        *hash = qHash(id);
         if (buckets.empty())
             return -1;
         const size_t mask = buckets.size() - 1;
-        for (size_t slot = *hash & mask;; slot = (slot + 1) & mask) {
-            const qint32 index = buckets[slot];
+        for (size_t bucket = qHash(id) & mask;; bucket = (bucket + 1) & mask) {
+            const qint32 index = buckets[bucket];
             if (index < 0)
                 return -1;
-            const Entry &entry = entries[size_t(index)];
-            if (entry.hash == *hash && entry.item->id == id)
+            if (items[size_t(index)]->id == id)
                 return index;
         }
     }
 
     /** Appends a new entry, pending. */
-    void add(const Item *item, uint hash, quint8 home)
+    void add(const Item *item, quint8 where)
     {
-        if ((entries.size() + 1) * 4 > buckets.size() * 3) {
+        if ((items.size() + 1) * 4 > buckets.size() * 3) {
             buckets.assign(std::max<size_t>(8, buckets.size() * 2), -1);
-            for (size_t index = 0; index < entries.size(); ++index)
+            for (size_t index = 0; index < items.size(); ++index)
                 place(index);
         }
-        entries.push_back({ item, hash, home, true });
+        items.push_back(item);
+        states.push_back(where | Pending);
         ++pendingCount;
-        place(entries.size() - 1);
+        place(items.size() - 1);
     }
 
     void place(size_t index)
     {
         const size_t mask = buckets.size() - 1;
-        size_t slot = entries[index].hash & mask;
-        while (buckets[slot] >= 0)
-            slot = (slot + 1) & mask;
-        buckets[slot] = qint32(index);
+        size_t bucket = qHash(items[index]->id) & mask;
+        while (buckets[bucket] >= 0)
+            bucket = (bucket + 1) & mask;
+        buckets[bucket] = qint32(index);
     }
 
-    std::vector<Entry> entries;
-    // Entry indices by hash of the id, -1 for a free slot; a power of two long, at most three quarters used.
+    quint8 home(size_t index) const { return states[index] & HomeMask; }
+
+    void setHome(size_t index, quint8 where) { states[index] = quint8((states[index] & ~HomeMask) | where); }
+
+    bool pending(size_t index) const { return states[index] & Pending; }
+
+    void markPending(size_t index)
+    {
+        if (!pending(index)) {
+            states[index] |= Pending;
+            ++pendingCount;
+        }
+    }
+
+    std::vector<const Item *> items;
+    // Per entry its home and the Pending bit.
+    std::vector<quint8> states;
+    // Entry indices by hash of the id, -1 for a free bucket; a power of two long, at most three quarters used.
     std::vector<qint32> buckets;
     // The items of the last list taken; never changed here, so that pointers into it stay valid.
     QList<Item> list;
@@ -482,9 +491,14 @@ void Limit::doOperatingData()
 
 Limit::Machine &Limit::machineFor(const QString &name)
 {
+    // The datasets a machine's update becomes come one after the other.
+    if (m_recent && m_recent->name == name)
+        return *m_recent;
     const auto found = m_machines.constFind(name);
-    if (found != m_machines.constEnd())
-        return *found.value();
+    if (found != m_machines.constEnd()) {
+        m_recent = found.value();
+        return *m_recent;
+    }
 
     auto *machine = new Machine;
     machine->name = name;
@@ -492,6 +506,7 @@ Limit::Machine &Limit::machineFor(const QString &name)
     const auto place = std::lower_bound(m_sortedMachines.begin(), m_sortedMachines.end(), name,
         [](const Machine *a, const QString &b) { return a->name < b; });
     m_sortedMachines.insert(place, machine);
+    m_recent = machine;
     return *machine;
 }
 
@@ -518,8 +533,8 @@ void Limit::takeList(Machine &machine, const QVariant &data)
         = !items.isEmpty() && !entries.list.isEmpty() && &items.constFirst() == &entries.list.constFirst();
     if (sameItems && entries.listIntact) {
         if (entries.listSelfEqual < 0) {
-            entries.listSelfEqual = std::all_of(
-                items.cbegin(), items.cend(), [](const Item &item) { return !entryChanged(item, item); });
+            entries.listSelfEqual
+                = std::all_of(items.cbegin(), items.cend(), [](const Item &item) { return !entryChanged(item, item); });
         }
         if (entries.listSelfEqual)
             return;
@@ -527,52 +542,51 @@ void Limit::takeList(Machine &machine, const QVariant &data)
 
     const quint8 oldMark = entries.listMark;
     const quint8 newMark = oldMark == ListMarkA ? ListMarkB : ListMarkA;
-    const bool joins = entries.entries.empty();
-    if (joins)
-        entries.entries.reserve(size_t(items.size()));
+    const bool joins = entries.items.empty();
+    if (joins) {
+        entries.items.reserve(size_t(items.size()));
+        entries.states.reserve(size_t(items.size()));
+    }
     int moved = 0;
     int listed = 0;
     bool intact = true;
     bool changed = false;
     int hint = 0;
     for (const Item &item : items) {
-        uint hash = 0;
-        const int index = entries.find(item.id, hint, &hash);
-        if (index < 0) {
-            entries.add(&item, hash, newMark);
+        const int found = entries.find(item.id, hint);
+        if (found < 0) {
+            entries.add(&item, newMark);
             ++listed;
             changed = true;
-            hint = int(entries.entries.size());
+            hint = int(entries.items.size());
             continue;
         }
-        auto &entry = entries.entries[size_t(index)];
-        if (entryChanged(*entry.item, item)) {
+        const size_t index = size_t(found);
+        if (entryChanged(*entries.items[index], item)) {
             changed = true;
-            if (!entry.pending) {
-                entry.pending = true;
-                ++entries.pendingCount;
-            }
+            entries.markPending(index);
         }
-        if (entry.home == OwnCopy) {
-            delete entry.item;
+        const quint8 home = entries.home(index);
+        if (home == OwnCopy) {
+            delete entries.items[index];
             ++listed;
-        } else if (entry.home == oldMark) {
+        } else if (home == oldMark) {
             ++moved;
             ++listed;
         } else {
             // The list holds this id twice; the later item is the entry's.
             intact = false;
         }
-        entry.item = &item;
-        entry.home = newMark;
-        hint = index + 1;
+        entries.items[index] = &item;
+        entries.setHome(index, newMark);
+        hint = found + 1;
     }
     // The entries the new list leaves out keep their items in copies of their own before the old list goes.
     if (moved < entries.listed) {
-        for (auto &entry : entries.entries) {
-            if (entry.home == oldMark) {
-                entry.item = new Item(*entry.item);
-                entry.home = OwnCopy;
+        for (size_t index = 0; index < entries.items.size(); ++index) {
+            if (entries.home(index) == oldMark) {
+                entries.items[index] = new Item(*entries.items[index]);
+                entries.setHome(index, OwnCopy);
             }
         }
     }
@@ -584,7 +598,7 @@ void Limit::takeList(Machine &machine, const QVariant &data)
         entries.listSelfEqual = -1;
 
     ListKind &listKind = m_kinds[kind];
-    if (joins && !entries.entries.empty()) {
+    if (joins && !entries.items.empty()) {
         listKind.members.push_back(&machine);
         entries.asOf = listKind.last;
     }
@@ -598,30 +612,27 @@ void Limit::takeItem(Machine &machine, const QVariant &data)
     const Item item = qvariant_cast<Item>(data);
     Table<Item> &entries = machine.*table;
     ListKind &listKind = m_kinds[kind];
-    uint hash = 0;
-    const int index = entries.find(item.id, int(entries.entries.size()), &hash);
+    const int found = entries.find(item.id, int(entries.items.size()));
     bool changed = true;
-    if (index < 0) {
-        if (entries.entries.empty()) {
+    if (found < 0) {
+        if (entries.items.empty()) {
             listKind.members.push_back(&machine);
             entries.asOf = listKind.last;
         }
-        entries.add(new Item(item), hash, OwnCopy);
+        entries.add(new Item(item), OwnCopy);
     } else {
-        auto &entry = entries.entries[size_t(index)];
-        changed = entryChanged(*entry.item, item);
-        if (changed && !entry.pending) {
-            entry.pending = true;
-            ++entries.pendingCount;
-        }
-        if (entry.home == OwnCopy) {
-            delete entry.item;
+        const size_t index = size_t(found);
+        changed = entryChanged(*entries.items[index], item);
+        if (changed)
+            entries.markPending(index);
+        if (entries.home(index) == OwnCopy) {
+            delete entries.items[index];
         } else {
             --entries.listed;
             entries.listIntact = false;
         }
-        entry.item = new Item(item);
-        entry.home = OwnCopy;
+        entries.items[index] = new Item(item);
+        entries.setHome(index, OwnCopy);
     }
     if (changed)
         flush<List>(table, listKind, &machine);
@@ -633,8 +644,7 @@ void Limit::takeOperatingData(Machine &machine, const QVariant &)
     machine.operatingDataPending = true;
 }
 
-template <typename List, typename Item>
-void Limit::flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed)
+template <typename List, typename Item> void Limit::flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed)
 {
     FlushTime time(m_clock());
     const qint64 now = time.msecs;
@@ -672,7 +682,8 @@ void Limit::flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed)
         kind.due.push_back(machine);
     }
     if (kind.due.size() > 1) {
-        std::sort(kind.due.begin(), kind.due.end(), [](const Machine *a, const Machine *b) { return a->name < b->name; });
+        std::sort(
+            kind.due.begin(), kind.due.end(), [](const Machine *a, const Machine *b) { return a->name < b->name; });
     }
 
     ListKind::Progress progress { now, number, nullptr, 0, false };
@@ -716,7 +727,7 @@ void Limit::visitAll(Table<Item> Machine::*table, ListKind &kind, FlushTime &tim
     for (int i = from; i < m_sortedMachines.size(); ++i) {
         Machine *machine = m_sortedMachines.at(i);
         Table<Item> &entries = machine->*table;
-        if (entries.entries.empty())
+        if (entries.items.empty())
             continue;
         if (entries.lastSend != NoTime && time.msecs - entries.lastSend < qint64(m_waitTime)) {
             qCDebug(lcLimit) << kind.dropMessage.arg(QDateTime::fromMSecsSinceEpoch(entries.lastSend).toString(),
@@ -733,20 +744,19 @@ void Limit::visitAll(Table<Item> Machine::*table, ListKind &kind, FlushTime &tim
 template <typename List, typename Item> void Limit::send(Machine &machine, Table<Item> &entries, FlushTime &time)
 {
     m_sendOrder.clear();
-    for (size_t index = 0; index < entries.entries.size(); ++index) {
-        if (entries.entries[index].pending)
+    for (size_t index = 0; index < entries.items.size(); ++index) {
+        if (entries.pending(index))
             m_sendOrder.push_back(int(index));
     }
     std::sort(m_sendOrder.begin(), m_sendOrder.end(),
-        [&entries](int a, int b) { return entries.entries[size_t(a)].item->id < entries.entries[size_t(b)].item->id; });
+        [&entries](int a, int b) { return entries.items[size_t(a)]->id < entries.items[size_t(b)]->id; });
 
     List list;
     list.timestamp = time.dateTime();
     list.items.reserve(int(m_sendOrder.size()));
     for (const int index : m_sendOrder) {
-        auto &entry = entries.entries[size_t(index)];
-        entry.pending = false;
-        list.items.append(*entry.item);
+        entries.states[size_t(index)] &= ~Pending;
+        list.items.append(*entries.items[size_t(index)]);
     }
     entries.pendingCount = 0;
     emit dataProcessed(time.dateTime(), machine.name, LimiterSource, QVariant::fromValue(list));

@@ -87,8 +87,7 @@ private:
     template <typename List, typename Item, Table<Item> Machine::*table, int kind>
     void takeItem(Machine &machine, const QVariant &data);
     void takeOperatingData(Machine &machine, const QVariant &data);
-    template <typename List, typename Item>
-    void flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed);
+    template <typename List, typename Item> void flush(Table<Item> Machine::*table, ListKind &kind, Machine *changed);
     template <typename List, typename Item>
     void visitAll(Table<Item> Machine::*table, ListKind &kind, FlushTime &time, int from);
     template <typename List, typename Item> void send(Machine &machine, Table<Item> &entries, FlushTime &time);
@@ -109,6 +108,8 @@ private:
     // Owns the machines; the same machines sorted by name give the order in which flushes and the timer send.
     QHash<QString, Machine *> m_machines;
     QVector<Machine *> m_sortedMachines;
+    // The machine of the last dataset.
+    Machine *m_recent = nullptr;
     // One per list kind: condition definitions, condition values, maintenance definitions, maintenance values.
     std::unique_ptr<ListKind[]> m_kinds;
     // Scratch space of send(), kept to spare an allocation per list sent.

@@ -227,11 +227,11 @@ GeneralV1 general(quint64 pieces)
     return record;
 }
 
-
 /** Switches the debug messages of the category "limit" on or off, and those of every other category off. */
 void showDropMessages(bool on)
 {
-    QLoggingCategory::setFilterRules(on ? QStringLiteral("*.debug=false\nlimit.debug=true") : QStringLiteral("*.debug=false"));
+    QLoggingCategory::setFilterRules(
+        on ? QStringLiteral("*.debug=false\nlimit.debug=true") : QStringLiteral("*.debug=false"));
 }
 
 /** The time the limiters under test take for now, when they are given fakeNow as their clock. */
@@ -306,8 +306,8 @@ template <typename Record> QString exactRecord(const Record &record)
 /** A dataset as one exact text. */
 QString describe(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
-    const QString head = QStringList { exact(timestamp), machine, source, QString::fromLatin1(data.typeName()) }.join(
-                             QLatin1Char(' '))
+    const QString head
+        = QStringList { exact(timestamp), machine, source, QString::fromLatin1(data.typeName()) }.join(QLatin1Char(' '))
         + QLatin1Char(' ');
     const int type = data.userType();
     if (type == qMetaTypeId<ConditionDefinitionsV2>())
@@ -411,7 +411,7 @@ struct Twin
         // Decided by what arrived, so that both limiters get the same as long as they sent the same.
         ++depth;
         const QString target = (hash / 3) % 5 == 0 ? QStringLiteral("r%1").arg(++broughtIn)
-                                                    : QStringLiteral("m%1").arg((hash / 7) % uint(machines));
+                                                   : QStringLiteral("m%1").arg((hash / 7) % uint(machines));
         const QString id = QString(QChar(QLatin1Char('a' + int((hash / 11) % 6))));
         limit.processData(When, target, QStringLiteral("s1"), makeItem(kindOf(data), id, int((hash / 13) % 4)));
         --depth;
@@ -1303,8 +1303,8 @@ void tst_Limit::manyMachinesLeaveInNameOrder()
         const QVariantList &dataset = spy.at(count + 1 + i);
         QCOMPARE(dataset.at(1).toString(), sorted.at(i));
         QCOMPARE(dataset.at(0).toDateTime(), QDateTime::fromMSecsSinceEpoch(Start + 100));
-        const Entries expected = sorted.at(i) == names.first() ? Entries { { "x", 2 }, { "y", 1 } }
-                                                               : Entries { { "x", 2 } };
+        const Entries expected
+            = sorted.at(i) == names.first() ? Entries { { "x", 2 }, { "y", 1 } } : Entries { { "x", 2 } };
         QCOMPARE(entriesOf(ConditionValues, dataset.at(3)), expected);
     }
 
@@ -1475,7 +1475,8 @@ void tst_Limit::receiverSendsBackWhileFlushing()
         bool sentBack = false;
         QObject::connect(&limit, &Limit::dataProcessed,
             [&](const QDateTime &, const QString &machine, const QString &, const QVariant &data) {
-                out.append(machine + QLatin1Char(' ') + QString::number(entriesOf(ConditionValues, data).first().second));
+                out.append(
+                    machine + QLatin1Char(' ') + QString::number(entriesOf(ConditionValues, data).first().second));
                 // While m2's second list is being sent, a change of m1, which has just sent.
                 if (machine == QLatin1String("m2") && s_now == Start + 150 && !sentBack) {
                     sentBack = true;

@@ -1604,6 +1604,11 @@ void tst_Limit::quickFlushesMatchVisitingEveryMachine()
                 s_now -= below(int(wait) + 5);
         } else if (switchDebug) {
             quickDebug = !quickDebug;
+        } else if (wait != 0 && below(4) == 0) {
+            // A new wait time from here on, for the machines that are waiting as well.
+            const quint32 newWait = quint32(below(int(2 * wait) + 1));
+            configure(full.limit, newWait);
+            configure(quick.limit, newWait);
         }
 
         const auto apply = [&](Twin &twin) {

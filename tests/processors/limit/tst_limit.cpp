@@ -2,6 +2,7 @@
 #include "iprocessor.h"
 #include "limit.h"
 #include "limitlogging.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "testsupport.h"
 
@@ -21,15 +22,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
 
 const QDateTime When = QDateTime::fromMSecsSinceEpoch(1700000000000);
 const char *const Processed = SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant));
@@ -500,20 +492,17 @@ private:
     static void listKinds();
     static void checkDropLine(const QString &line, Kind kind, quint32 waitTime);
 
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("limit") };
 };
 
 void tst_Limit::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nlimit.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false\nlimit.debug=true"));
 }
 
 void tst_Limit::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_Limit::configure(Limit &limit, quint32 waitTime, quint32 keepAliveTime)
@@ -562,7 +551,7 @@ void tst_Limit::identity()
     QCOMPARE(limit.orderNumber(), 1000u);
     QVERIFY(limit.qt_metacast("IProcessor"));
     QCOMPARE(QString::fromLatin1(lcLimit().categoryName()), QStringLiteral("limit"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::slotOrder()
@@ -621,7 +610,7 @@ void tst_Limit::settings()
     QVERIFY(limit.init(config, shared));
     QCOMPARE(limit.waitTime(), waitTime);
     QCOMPARE(limit.keepAliveTime(), keepAliveTime);
-    QCOMPARE(s_log, log);
+    QCOMPARE(m_log.lines(), log);
 
     QTimer *timer = limit.findChild<QTimer *>();
     QVERIFY(timer);
@@ -741,7 +730,7 @@ void tst_Limit::duplicates()
     Limit limit;
     QVariantMap shared;
     limit.init(QVariantMap(), shared);
-    s_log.clear();
+    m_log.clear();
     QSignalSpy spy(&limit, Processed);
 
     limit.processData(When, "m1", "s1", first);
@@ -761,7 +750,7 @@ void tst_Limit::duplicates()
     // What passes keeps its own time stamp and source.
     QCOMPARE(spy.at(2).at(0).toDateTime(), When.addSecs(9));
     QCOMPARE(spy.at(2).at(2).toString(), QStringLiteral("s9"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::duplicatesPerMachine()
@@ -842,7 +831,7 @@ void tst_Limit::stateKeepAlive()
     // And the time counts from there anew.
     send(limit, QVariant::fromValue(state(2)));
     QCOMPARE(spy.count(), 5);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::operatingDataLeavesWithTimer()
@@ -869,7 +858,7 @@ void tst_Limit::operatingDataLeavesWithTimer()
     send(limit, QVariant::fromValue(general(8)));
     QTRY_COMPARE_WITH_TIMEOUT(spy.count(), 2, 2000);
     QCOMPARE(qvariant_cast<GeneralV1>(spy.last().at(3)), general(8));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::operatingDataLatestAndInMachineOrder()
@@ -949,7 +938,7 @@ void tst_Limit::firstListLeavesAtOnce()
     QDateTime listTime;
     QCOMPARE(entriesOf(kind, dataset.at(3), &listTime), (Entries { { "a", 1 }, { "b", 2 }, { "c", 3 } }));
     QCOMPARE(listTime, dataset.at(0).toDateTime());
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::unchangedEntriesGiveNothing()
@@ -969,7 +958,7 @@ void tst_Limit::unchangedEntriesGiveNothing()
     send(limit, makeList(kind, {}));
     send(limit, makeItem(kind, "b", 2));
     QCOMPARE(spy.count(), 1);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::onlyChangedEntriesLeave()
@@ -1031,26 +1020,26 @@ void tst_Limit::waitTimeHoldsPendingEntries()
     send(limit, makeItem(kind, "a", 2));
     send(limit, makeList(kind, { { "b", 1 }, { "a", 3 } }));
     QCOMPARE(spy.count(), 1);
-    QCOMPARE(s_log.size(), 2);
-    checkDropLine(s_log.at(0), kind, wait);
-    checkDropLine(s_log.at(1), kind, wait);
+    QCOMPARE(m_log.lines().size(), 2);
+    checkDropLine(m_log.lines().at(0), kind, wait);
+    checkDropLine(m_log.lines().at(1), kind, wait);
 
     // Nothing sends them by itself: there is no timer for lists.
     QTest::qWait(int(wait) + 30);
     QCOMPARE(spy.count(), 1);
 
-    s_log.clear();
+    m_log.clear();
     flush(limit, kind);
     QCOMPARE(spy.count(), 2);
     QCOMPARE(entriesOf(kind, spy.at(1).at(3)), (Entries { { "a", 3 }, { "b", 1 } }));
     QCOMPARE(spy.at(1).at(2).toString(), QStringLiteral("Limiter"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 
     // Released: a further flush has nothing to send, and logs that it is too early.
     flush(limit, kind);
     QCOMPARE(spy.count(), 2);
-    QCOMPARE(s_log.size(), 1);
-    checkDropLine(s_log.at(0), kind, wait);
+    QCOMPARE(m_log.lines().size(), 1);
+    checkDropLine(m_log.lines().at(0), kind, wait);
 }
 
 void tst_Limit::laterChangeOfAnotherMachineReleases()
@@ -1067,19 +1056,19 @@ void tst_Limit::laterChangeOfAnotherMachineReleases()
     QTest::qWait(10);
     send(limit, makeItem(kind, "x", 2));
     QCOMPARE(spy.count(), 1);
-    QCOMPARE(s_log.size(), 1);
-    checkDropLine(s_log.at(0), kind, wait);
+    QCOMPARE(m_log.lines().size(), 1);
+    checkDropLine(m_log.lines().at(0), kind, wait);
 
     // A change of any machine after the wait time lets it go, machines in ascending order of name.
     QTest::qWait(int(wait) + 30);
-    s_log.clear();
+    m_log.clear();
     send(limit, makeItem(kind, "x", 1), "a0");
     QCOMPARE(spy.count(), 3);
     QCOMPARE(spy.at(1).at(1).toString(), QStringLiteral("a0"));
     QCOMPARE(entriesOf(kind, spy.at(1).at(3)), (Entries { { "x", 1 } }));
     QCOMPARE(spy.at(2).at(1).toString(), QStringLiteral("m1"));
     QCOMPARE(entriesOf(kind, spy.at(2).at(3)), (Entries { { "x", 2 } }));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::skippedMachinesAreLoggedEach()
@@ -1095,16 +1084,16 @@ void tst_Limit::skippedMachinesAreLoggedEach()
     send(limit, makeItem(kind, "x", 1), "m1");
     // m1's flush found m2 within its wait time, with nothing pending.
     QCOMPARE(spy.count(), 2);
-    QCOMPARE(s_log.size(), 1);
-    checkDropLine(s_log.at(0), kind, wait);
+    QCOMPARE(m_log.lines().size(), 1);
+    checkDropLine(m_log.lines().at(0), kind, wait);
 
-    s_log.clear();
+    m_log.clear();
     send(limit, makeItem(kind, "x", 2), "m3");
     QCOMPARE(spy.count(), 3);
     QCOMPARE(spy.at(2).at(1).toString(), QStringLiteral("m3"));
-    QCOMPARE(s_log.size(), 2);
-    checkDropLine(s_log.at(0), kind, wait);
-    checkDropLine(s_log.at(1), kind, wait);
+    QCOMPARE(m_log.lines().size(), 2);
+    checkDropLine(m_log.lines().at(0), kind, wait);
+    checkDropLine(m_log.lines().at(1), kind, wait);
 }
 
 void tst_Limit::flushRestartsWaitOfIdleMachine()
@@ -1121,11 +1110,11 @@ void tst_Limit::flushRestartsWaitOfIdleMachine()
     // This flush passes m1 after its wait time: m1's last sending becomes now although it has nothing to send.
     send(limit, makeItem(kind, "x", 1), "m2");
     QCOMPARE(spy.count(), 2);
-    s_log.clear();
+    m_log.clear();
     send(limit, makeItem(kind, "x", 2), "m1");
     QCOMPARE(spy.count(), 2);
-    QCOMPARE(s_log.size(), 2);
-    checkDropLine(s_log.at(0), kind, wait);
+    QCOMPARE(m_log.lines().size(), 2);
+    checkDropLine(m_log.lines().at(0), kind, wait);
 }
 
 void tst_Limit::kindsWaitIndependently()
@@ -1141,7 +1130,7 @@ void tst_Limit::kindsWaitIndependently()
             send(limit, makeItem(Kind(other), "x", 1));
     }
     QCOMPARE(spy.count(), 4);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::dropMessagesNeedDebug()
@@ -1155,7 +1144,7 @@ void tst_Limit::dropMessagesNeedDebug()
     send(limit, makeItem(kind, "x", 1));
     send(limit, makeItem(kind, "x", 2));
     QCOMPARE(spy.count(), 1);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::maintenanceValuesChangeOnlyByValues_data()
@@ -1264,7 +1253,7 @@ void tst_Limit::idleMachineFollowsFlushesOfOthers()
     QCOMPARE(entriesOf(kind, spy.at(9).at(3)), (Entries { { "x", 2 } }));
     QCOMPARE(spy.at(9).at(0).toDateTime(), QDateTime::fromMSecsSinceEpoch(Start + 610));
     if (!debug)
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::manyMachinesLeaveInNameOrder()
@@ -1317,7 +1306,7 @@ void tst_Limit::manyMachinesLeaveInNameOrder()
     QCOMPARE(spy.count(), 2 * count + 3);
     QCOMPARE(spy.at(2 * count + 1).at(1).toString(), names.last());
     QCOMPARE(spy.at(2 * count + 2).at(1).toString(), QStringLiteral("zz"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::sameItemsWithNewTime()
@@ -1357,7 +1346,7 @@ void tst_Limit::sameItemsWithNewTime()
     send(limit, makeList(kind, { { "b", 2 } }));
     send(limit, restamped(kind, list));
     QCOMPARE(spy.count(), 5);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Limit::sameItemsWithNaNChangeEachTime()
@@ -1618,19 +1607,19 @@ void tst_Limit::quickFlushesMatchVisitingEveryMachine()
                 flush(twin.limit, kind);
         };
         showDropMessages(true);
-        s_log.clear();
+        m_log.clear();
         apply(full);
-        const QStringList fullLog = s_log;
+        const QStringList fullLog = m_log.lines();
         showDropMessages(quickDebug);
-        s_log.clear();
+        m_log.clear();
         apply(quick);
-        if (quick.out != full.out || (quickDebug && s_log != fullLog)) {
+        if (quick.out != full.out || (quickDebug && m_log.lines() != fullLog)) {
             QFAIL(qPrintable(QStringLiteral("step %1, %2 of %3: sent %4 and logged %5 where visiting every machine "
                                             "sends %6 and logs %7")
                                  .arg(step)
                                  .arg(machine)
                                  .arg(kind)
-                                 .arg(quick.out.join(QLatin1String("; ")), s_log.join(QLatin1String("; ")),
+                                 .arg(quick.out.join(QLatin1String("; ")), m_log.lines().join(QLatin1String("; ")),
                                      full.out.join(QLatin1String("; ")), fullLog.join(QLatin1String("; ")))));
         }
         sent += full.out.size();

@@ -1,3 +1,4 @@
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "validator.h"
 #include "validatorlogging.h"
@@ -7,26 +8,17 @@
 
 namespace {
 
-QStringList s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    static const QHash<QtMsgType, QString> levels { { QtDebugMsg, "DEBUG" }, { QtInfoMsg, "INFO" },
-        { QtWarningMsg, "WARNING" }, { QtCriticalMsg, "CRITICAL" }, { QtFatalMsg, "FATAL" } };
-    s_log.append(QStringLiteral("%1 %2: %3").arg(levels.value(type), QString::fromUtf8(context.category), message));
-}
-
 const QDateTime When = QDateTime::fromMSecsSinceEpoch(1700000000000);
 const char *const Processed = SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant));
 
 QString warning(const QString &message)
 {
-    return QStringLiteral("WARNING validator: \"%1\"").arg(message);
+    return LogCapture::line("WARNING", QStringLiteral("validator"), message);
 }
 
 QString debug(const QString &message)
 {
-    return QStringLiteral("DEBUG validator: \"%1\"").arg(message);
+    return LogCapture::line("DEBUG", QStringLiteral("validator"), message);
 }
 
 QString dropped(const QString &type, const QString &reason)
@@ -39,10 +31,9 @@ QString modified(const QString &type, const QString &reason)
     return debug(QStringLiteral("Dataset %1 from m1(s1) was modified: %2.").arg(type, reason));
 }
 
-// QDebug escapes the double quotes inside a quoted string.
 const QString TimestampReason = QStringLiteral("The timestamp is invalid. A valid timestamp is mandatory.");
 const QString MessageReason = QStringLiteral("The message is missing or empty. A valid message is mandatory.");
-const QString CodeReason = QStringLiteral("The message code is empty or \\\"0\\\". A valid message code is mandatory.");
+const QString CodeReason = QStringLiteral("The message code is empty or \"0\". A valid message code is mandatory.");
 const QString IdReason
     = QStringLiteral("ID is missing or empty. To acknowledge a specific notification. The ID is mandatory.");
 
@@ -151,20 +142,17 @@ private:
     static void learn(
         Validator &validator, const QString &id, qint32 dataType, const QString &machine = QStringLiteral("m1"));
 
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("validator") };
 };
 
 void tst_Validator::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nvalidator.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false\nvalidator.debug=true"));
 }
 
 void tst_Validator::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_Validator::process(Validator &validator, const QVariant &data, const QString &machine)
@@ -188,7 +176,7 @@ void tst_Validator::identity()
     QCOMPARE(validator.orderNumber(), 900u);
     QVERIFY(validator.qt_metacast("IProcessor"));
     QCOMPARE(QString::fromLatin1(lcValidator().categoryName()), QStringLiteral("validator"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::state_data()
@@ -221,10 +209,10 @@ void tst_Validator::state()
         QCOMPARE(spy.first().at(1).toString(), QStringLiteral("m1"));
         QCOMPARE(spy.first().at(2).toString(), QStringLiteral("s1"));
         QCOMPARE(qvariant_cast<StateV1>(spy.first().at(3)), record);
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
     } else {
         QCOMPARE(spy.count(), 0);
-        QCOMPARE(s_log,
+        QCOMPARE(m_log.lines(),
             QStringList { dropped("StateV1",
                 QStringLiteral("received State %1. Only states between including 1 and 7 are valid!").arg(state)) });
     }
@@ -262,10 +250,10 @@ void tst_Validator::notificationAdd()
     if (reason.isNull()) {
         QCOMPARE(spy.count(), 1);
         QCOMPARE(qvariant_cast<NotificationsAddV1>(spy.first().at(3)), record);
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
     } else {
         QCOMPARE(spy.count(), 0);
-        QCOMPARE(s_log, QStringList { dropped("NotificationsAddV1", reason) });
+        QCOMPARE(m_log.lines(), QStringList { dropped("NotificationsAddV1", reason) });
     }
 }
 
@@ -298,10 +286,10 @@ void tst_Validator::notificationRemove()
     if (reason.isNull()) {
         QCOMPARE(spy.count(), 1);
         QCOMPARE(qvariant_cast<NotificationsRemoveV1>(spy.first().at(3)), record);
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
     } else {
         QCOMPARE(spy.count(), 0);
-        QCOMPARE(s_log, QStringList { dropped("NotificationsRemoveV1", reason) });
+        QCOMPARE(m_log.lines(), QStringList { dropped("NotificationsRemoveV1", reason) });
     }
 }
 
@@ -328,10 +316,10 @@ void tst_Validator::notificationRemoveAll()
     if (valid) {
         QCOMPARE(spy.count(), 1);
         QCOMPARE(qvariant_cast<NotificationsRemoveAllV1>(spy.first().at(3)), record);
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
     } else {
         QCOMPARE(spy.count(), 0);
-        QCOMPARE(s_log, QStringList { dropped("NotificationsRemoveAllV1", TimestampReason) });
+        QCOMPARE(m_log.lines(), QStringList { dropped("NotificationsRemoveAllV1", TimestampReason) });
     }
 }
 
@@ -373,7 +361,7 @@ void tst_Validator::untouchedTypes()
     QCOMPARE(spy.count(), 1);
     QCOMPARE(spy.first().at(3).userType(), data.userType());
     QVERIFY(sameValue(spy.first().at(3), data));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::conditionDefinitionsPassUnchanged()
@@ -391,7 +379,7 @@ void tst_Validator::conditionDefinitionsPassUnchanged()
     QCOMPARE(qvariant_cast<ConditionDefinitionsV2>(spy.at(0).at(3)), list);
     QCOMPARE(qvariant_cast<ConditionDefinitionV2>(spy.at(1).at(3)), definition("m1/State/Machine/Values/b", -5));
     QCOMPARE(QString::fromLatin1(spy.at(2).at(3).typeName()), QStringLiteral("ConditionDefinitionV2"));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::unitCode_data()
@@ -445,10 +433,10 @@ void tst_Validator::unitCode()
 
     const bool changed = unitCode.isEmpty() && !expected.isEmpty();
     if (changed)
-        QCOMPARE(s_log,
+        QCOMPARE(m_log.lines(),
             QStringList { modified("MaintenanceDefinitionV1", QStringLiteral("Added unitcode to maintenance")) });
     else
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::unitCodeList_data()
@@ -496,9 +484,9 @@ void tst_Validator::unitCodeList()
     QCOMPARE(qvariant_cast<MaintenanceDefinitionsV1>(out), wanted);
 
     if (reason.isNull())
-        QVERIFY(s_log.isEmpty());
+        QVERIFY(m_log.lines().isEmpty());
     else
-        QCOMPARE(s_log, QStringList { modified("MaintenanceDefinitionsV1", reason) });
+        QCOMPARE(m_log.lines(), QStringList { modified("MaintenanceDefinitionsV1", reason) });
 }
 
 void tst_Validator::conditionValue_data()
@@ -575,17 +563,17 @@ void tst_Validator::conditionValue()
     QCOMPARE(record.id, id);
     QCOMPARE(record.value.userType(), expected.userType());
     QCOMPARE(record.value, expected);
-    QCOMPARE(s_log, log.isNull() ? QStringList() : QStringList { log });
+    QCOMPARE(m_log.lines(), log.isNull() ? QStringList() : QStringList { log });
 
     // Without a definition of the condition the value stays as it came.
-    s_log.clear();
+    m_log.clear();
     Validator unaware;
     QSignalSpy unawareSpy(&unaware, Processed);
     learn(unaware, QStringLiteral("m1/State/Machine/Values/other"), dataType);
     process(unaware, QVariant::fromValue(::value(id, value)));
     QCOMPARE(unawareSpy.count(), 2);
     QCOMPARE(qvariant_cast<ConditionDataV2>(unawareSpy.at(1).at(3)).value.userType(), value.userType());
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::conditionValueList()
@@ -614,24 +602,24 @@ void tst_Validator::conditionValueList()
     QCOMPARE(result.items.at(1).value.userType(), int(QMetaType::Int));
     QCOMPARE(result.items.at(3).value.userType(), int(QMetaType::Double));
     // Warnings in list order, then the reason of the last item that changed.
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.lines(),
         (QStringList { warning("Couldn't interpret nope from m1 as Bool"),
             warning("Couldn't interpret x from m1 as Integer"),
             modified("ConditionDatasV2", "Changed Variant Datatype from String to Double") }));
 
     // A list in which nothing changes leaves as it came and is not reported.
-    s_log.clear();
+    m_log.clear();
     ConditionDatasV2 plain;
     plain.items = { value("t", "text"), value("i", 4), value("u", "1") };
     process(validator, QVariant::fromValue(plain));
     QCOMPARE(spy.count(), 3);
     QCOMPARE(qvariant_cast<ConditionDatasV2>(spy.at(2).at(3)), plain);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 
     ConditionDatasV2 empty;
     process(validator, QVariant::fromValue(empty));
     QCOMPARE(spy.count(), 4);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_Validator::conditionTypesPerMachine()
@@ -651,7 +639,7 @@ void tst_Validator::conditionTypesPerMachine()
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(3).at(3)).value, QVariant(5));
     QCOMPARE(spy.at(3).at(1).toString(), QStringLiteral("m2"));
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(4).at(3)).value, QVariant(true));
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.lines(),
         (QStringList { debug("Dataset ConditionDataV2 from m2(s1) was modified: Changed Variant Datatype from "
                              "String to Int."),
             modified("ConditionDataV2", "Changed Variant Datatype from String to Bool") }));
@@ -672,7 +660,7 @@ void tst_Validator::laterDefinitionReplacesType()
     QCOMPARE(spy.count(), 5);
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(2).at(3)).value, QVariant(1.5));
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(4).at(3)).value, QVariant("1.5"));
-    QCOMPARE(s_log, QStringList { modified("ConditionDataV2", "Changed Variant Datatype from String to Double") });
+    QCOMPARE(m_log.lines(), QStringList { modified("ConditionDataV2", "Changed Variant Datatype from String to Double") });
 }
 
 void tst_Validator::repairWithoutDebugOutput()
@@ -688,7 +676,7 @@ void tst_Validator::repairWithoutDebugOutput()
     QCOMPARE(spy.count(), 4);
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(1).at(3)).value, QVariant(3));
     QCOMPARE(qvariant_cast<MaintenanceDefinitionV1>(spy.at(2).at(3)).unitCode, QStringLiteral("HUR"));
-    QCOMPARE(s_log, QStringList { warning("Couldn't interpret y from m1 as Integer") });
+    QCOMPARE(m_log.lines(), QStringList { warning("Couldn't interpret y from m1 as Integer") });
 }
 
 QTEST_GUILESS_MAIN(tst_Validator)

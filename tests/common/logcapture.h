@@ -62,6 +62,19 @@ public:
         return found;
     }
 
+    /** The captured lines of the category under test: of every level, or of level ("DEBUG", "WARNING" ...) only. */
+    QStringList ofComponent(const char *level = nullptr) const
+    {
+        const QString own = m_category + QLatin1String(": ");
+        QStringList found;
+        for (const QString &line : captured()) {
+            const int space = line.indexOf(QLatin1Char(' '));
+            if (line.midRef(space + 1).startsWith(own) && (!level || line.leftRef(space) == QLatin1String(level)))
+                found.append(line);
+        }
+        return found;
+    }
+
     /** The captured warnings and worse: every line but the debug and info ones. */
     QStringList warnings() const
     {

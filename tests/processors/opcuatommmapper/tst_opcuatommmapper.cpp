@@ -1,5 +1,6 @@
 #include "opcuatommmapper.h"
 
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "wwtypes.h"
 
@@ -8,40 +9,7 @@
 
 namespace {
 
-struct LogLine
-{
-    QtMsgType type;
-    QString category;
-    QString message;
-};
-
-QList<LogLine> s_log;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    s_log.append({ type, QString::fromUtf8(context.category), message });
-}
-
-// The mapper streams its messages as strings, so they arrive quoted, as the log sinks show them.
-QString quoted(const QString &text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
-
-QStringList mapperMessages(QtMsgType type)
-{
-    QStringList messages;
-    for (const LogLine &line : qAsConst(s_log)) {
-        if (line.type == type && line.category == QLatin1String("opcuatommmapper"))
-            messages.append(line.message);
-    }
-    return messages;
-}
-
-QStringList mapperWarnings()
-{
-    return mapperMessages(QtWarningMsg);
-}
+const QString IncompleteState = QStringLiteral("Missing some flags, the state might be incomplete");
 
 const QDateTime s_when = QDateTime::fromMSecsSinceEpoch(1614585600123, Qt::UTC);
 
@@ -705,7 +673,7 @@ private slots:
     void dispatchOrder();
 
 private:
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("opcuatommmapper") };
 };
 
 void tst_OpcUaToMMMapper::initTestCase()
@@ -723,15 +691,12 @@ void tst_OpcUaToMMMapper::initTestCase()
 
 void tst_OpcUaToMMMapper::init()
 {
-    s_log.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("*.debug=false"));
 }
 
 void tst_OpcUaToMMMapper::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_OpcUaToMMMapper::identity()
@@ -753,24 +718,24 @@ void tst_OpcUaToMMMapper::initLogsAndReadsNoConfiguration()
     const QVariantMap config { { QStringLiteral("opcuatommmapper"), QVariantMap { { "x", 1 } } } };
     QVERIFY(mapper.init(config, shared));
     QVERIFY(shared.isEmpty());
-    QCOMPARE(mapperMessages(QtInfoMsg), QStringList { quoted("OpcUaToMMMapper::init") });
-    QCOMPARE(s_log.size(), 1);
+    QCOMPARE(m_log.ofComponent("INFO"), QStringList { m_log.info("OpcUaToMMMapper::init") });
+    QCOMPARE(m_log.lines().size(), 1);
 }
 
 void tst_OpcUaToMMMapper::debugLineOnlyWhenEnabled()
 {
     OpcUaToMMMapper mapper;
     mapper.processData(s_when, "m1", "s1", QVariant(42));
-    QVERIFY(mapperMessages(QtDebugMsg).isEmpty());
+    QVERIFY(m_log.ofComponent("DEBUG").isEmpty());
 
     QLoggingCategory::setFilterRules(QStringLiteral("opcuatommmapper.debug=true"));
     mapper.processData(s_when, "m1", "s1", QVariant(42));
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(0, 0, allFlagsFalse(), std::nullopt)));
-    const QStringList lines = mapperMessages(QtDebugMsg);
+    const QStringList lines = m_log.ofComponent("DEBUG");
     QCOMPARE(lines.size(), 2);
     // One line with the four arguments in order.
     QVERIFY(lines.first().contains(QLatin1String("\"m1\" \"s1\" QVariant(int, 42)")));
-    QVERIFY(lines.first().startsWith(QLatin1String("QDateTime(2021-03-01 08:00:00.123 UTC")));
+    QVERIFY(lines.first().startsWith(QLatin1String("DEBUG opcuatommmapper: QDateTime(2021-03-01 08:00:00.123 UTC")));
 }
 
 void tst_OpcUaToMMMapper::otherDatasetsPassUnchanged_data()
@@ -835,7 +800,7 @@ void tst_OpcUaToMMMapper::otherDatasetsPassUnchanged()
     const QVariant out = spy.first().at(3);
     QCOMPARE(out.userType(), data.userType());
     QVERIFY(sameRecord(out, data));
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_OpcUaToMMMapper::stateRules_data()
@@ -917,10 +882,10 @@ void tst_OpcUaToMMMapper::stateRules()
     const QVariant first = spy.first().at(3);
     QCOMPARE(first.typeName(), "StateV1");
     QCOMPARE(qvariant_cast<StateV1>(first).state, expected);
-    const QString warning = quoted("Missing some flags, the state might be incomplete");
-    QCOMPARE(mapperWarnings().count(warning), incomplete ? 1 : 0);
+    const QString warning = m_log.warning(IncompleteState);
+    QCOMPARE(m_log.ofComponent("WARNING").count(warning), incomplete ? 1 : 0);
     if (incomplete)
-        QCOMPARE(mapperWarnings().first(), warning);
+        QCOMPARE(m_log.ofComponent("WARNING").first(), warning);
 }
 
 void tst_OpcUaToMMMapper::completenessNeedsEachFlag_data()
@@ -937,7 +902,7 @@ void tst_OpcUaToMMMapper::completenessNeedsEachFlag()
     OpcUaToMMMapper mapper;
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(0, 0, flagsFrom(flag + "=-"), std::nullopt)));
-    QCOMPARE(mapperWarnings(), QStringList { quoted("Missing some flags, the state might be incomplete") });
+    QCOMPARE(m_log.ofComponent("WARNING"), QStringList { m_log.warning(IncompleteState) });
     QCOMPARE(spy.count(), 1);
     QCOMPARE(qvariant_cast<StateV1>(spy.first().at(3)).state, 1);
 }
@@ -1057,8 +1022,8 @@ void tst_OpcUaToMMMapper::operatingData()
         s_when, "m1", "s1", QVariant::fromValue(makeState(machineState, 0, allFlagsFalse(), valuesFrom(values))));
     QStringList expectedWarnings;
     for (const QString &warning : qAsConst(warnings))
-        expectedWarnings.append(quoted(warning));
-    QCOMPARE(mapperWarnings(), expectedWarnings);
+        expectedWarnings.append(m_log.warning(warning));
+    QCOMPARE(m_log.ofComponent("WARNING"), expectedWarnings);
 
     const QStringList types = typeNames(spy);
     QCOMPARE(types.count("GeneralV1"), emitted ? 1 : 0);
@@ -1200,7 +1165,7 @@ void tst_OpcUaToMMMapper::stateEmissionOrder()
     const ConditionDatasV2 secondData = qvariant_cast<ConditionDatasV2>(spy.at(2).at(3));
     QCOMPARE(secondData.timestamp, later);
     QCOMPARE(secondData.items, firstData.items);
-    QVERIFY(mapperWarnings().isEmpty());
+    QVERIFY(m_log.ofComponent("WARNING").isEmpty());
 }
 
 void tst_OpcUaToMMMapper::offlineMachineHasNoConditions()
@@ -1211,7 +1176,7 @@ void tst_OpcUaToMMMapper::offlineMachineHasNoConditions()
     offline.MachineState = 0;
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(offline));
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
-    QVERIFY(mapperWarnings().isEmpty());
+    QVERIFY(m_log.ofComponent("WARNING").isEmpty());
 
     // Nothing became known while the machine was offline.
     spy.clear();
@@ -1226,9 +1191,9 @@ void tst_OpcUaToMMMapper::noBlocksNoConditions()
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(2, 0, std::nullopt, std::nullopt)));
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
-    QCOMPARE(mapperWarnings(),
-        (QStringList { quoted("Missing some flags, the state might be incomplete"),
-            quoted("Values are not availabe, unable to calculate GeneralV1") }));
+    QCOMPARE(m_log.ofComponent("WARNING"),
+        (QStringList { m_log.warning(IncompleteState),
+            m_log.warning("Values are not availabe, unable to calculate GeneralV1") }));
 }
 
 void tst_OpcUaToMMMapper::absentItemsAreSkipped()
@@ -1746,7 +1711,7 @@ void tst_OpcUaToMMMapper::withdrawal()
     QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeEvent(message, "4711", 3, { "Unit1" })));
     QCOMPARE(typeNames(spy), QStringList { withdraws ? "NotificationsRemoveV1" : "NotificationsAddV1" });
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_OpcUaToMMMapper::announcementFields()
@@ -1979,7 +1944,7 @@ void tst_OpcUaToMMMapper::identificationDefinedOnce()
     mapper.processData(s_when, "m1", "s1", identification);
     QCOMPARE(typeNames(spy), QStringList { "ConditionDatasV2" });
     QCOMPARE(dataIds(qvariant_cast<ConditionDatasV2>(spy.at(0).at(3))), expectedIds);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.lines().isEmpty());
 }
 
 void tst_OpcUaToMMMapper::identificationNewOptionalField()
@@ -2141,7 +2106,7 @@ void tst_OpcUaToMMMapper::conversionThatFailsGivesDefaultState()
     // A default state: an offline machine without flags.
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
     QCOMPARE(qvariant_cast<StateV1>(spy.first().at(3)).state, 1);
-    QCOMPARE(mapperWarnings(), QStringList { quoted("Missing some flags, the state might be incomplete") });
+    QCOMPARE(m_log.ofComponent("WARNING"), QStringList { m_log.warning(IncompleteState) });
 }
 
 void tst_OpcUaToMMMapper::convertedIdentification()

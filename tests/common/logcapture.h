@@ -46,6 +46,12 @@ public:
         m_started = false;
     }
 
+    /**
+     * Installs the handler again where other code, such as a Core, has put in its own since start(); stop() still puts
+     * back the handler that start() replaced. The filter rules stay as they are.
+     */
+    void reinstall() { qInstallMessageHandler(handler); }
+
     /** The lines captured since start() or clear(), oldest first. */
     const QStringList &lines() const { return captured(); }
     /** Forgets the lines captured so far, so that a test looks only at what follows. */

@@ -1,6 +1,7 @@
 #include "mmtoopcuamapper.h"
 
 #include "core.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "opcuatommmapper.h"
 #include "testsupport.h"
@@ -15,25 +16,12 @@
 
 namespace {
 
-QStringList s_log;
-
-// Keeps the mapper's own lines as "LEVEL message", the message as the sinks receive it.
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    if (qstrcmp(context.category, "mmtoopcuamapper") != 0)
-        return;
-    static const char *const levels[] = { "DEBUG", "WARNING", "CRITICAL", "FATAL", "INFO" };
-    s_log.append(QLatin1String(levels[type]) + QLatin1Char(' ') + message);
-}
-
-QString quoted(const QString &text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
+const QString Category = QStringLiteral("mmtoopcuamapper");
+const QString InitLine = LogCapture::line("INFO", Category, QStringLiteral("MmToOpcUaMapper::init"));
 
 QString warning(const QString &text)
 {
-    return QStringLiteral("WARNING ") + quoted(text);
+    return LogCapture::line("WARNING", Category, text);
 }
 
 QString missing(const QString &key)
@@ -308,7 +296,7 @@ private:
 
     QList<QVariant> roundTrip(MmToOpcUaMapper &mapper, const QVariant &data);
 
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { Category };
     qint64 m_now = 0;
 };
 
@@ -321,7 +309,7 @@ std::unique_ptr<MmToOpcUaMapper> tst_MmToOpcUaMapper::makeMapper(const QVariantM
         QVariantMap shared;
         mapper->init(config, shared);
     }
-    s_log.clear();
+    m_log.clear();
     return mapper;
 }
 
@@ -376,16 +364,13 @@ void tst_MmToOpcUaMapper::initTestCase()
 
 void tst_MmToOpcUaMapper::init()
 {
-    s_log.clear();
     m_now = 0;
-    QLoggingCategory::setFilterRules(QStringLiteral("mmtoopcuamapper.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("mmtoopcuamapper.debug=true"));
 }
 
 void tst_MmToOpcUaMapper::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_MmToOpcUaMapper::identity()
@@ -402,7 +387,7 @@ void tst_MmToOpcUaMapper::identity()
     QVERIFY(mapper.metaObject()->indexOfSlot("processData(QDateTime,QString,QString,QVariant)") >= 0);
     QVariantMap shared;
     QVERIFY(mapper.init(QVariantMap { { "core", QVariantMap() } }, shared));
-    QCOMPARE(s_log, QStringList { QStringLiteral("INFO \"MmToOpcUaMapper::init\"") });
+    QCOMPARE(m_log.ofComponent(), QStringList { InitLine });
 }
 
 void tst_MmToOpcUaMapper::offlineTimerDefaults()
@@ -427,9 +412,9 @@ void tst_MmToOpcUaMapper::initWithoutSettings()
     QVariantMap shared;
     QVERIFY(mapper.init(QVariantMap(), shared));
     QCOMPARE(spy.count(), 0);
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.ofComponent(),
         (QStringList {
-            QStringLiteral("INFO \"MmToOpcUaMapper::init\""), warning(QStringLiteral("No settings were provided")) }));
+            InitLine, warning(QStringLiteral("No settings were provided")) }));
 }
 
 void tst_MmToOpcUaMapper::initWithoutIdentificationGroup()
@@ -440,7 +425,7 @@ void tst_MmToOpcUaMapper::initWithoutIdentificationGroup()
     QVERIFY(
         mapper.init(QVariantMap { { "opcuaserver", QVariantMap { { "enableWwBaseEventPrefix", true } } } }, shared));
     QCOMPARE(spy.count(), 0);
-    QCOMPARE(s_log, QStringList { QStringLiteral("INFO \"MmToOpcUaMapper::init\"") });
+    QCOMPARE(m_log.ofComponent(), QStringList { InitLine });
 }
 
 void tst_MmToOpcUaMapper::initPublishesFullMachine()
@@ -449,7 +434,7 @@ void tst_MmToOpcUaMapper::initPublishesFullMachine()
     QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     QVariantMap shared;
     QVERIFY(mapper->init(configWith({ { "m1", fullMachine() } }), shared));
-    QCOMPARE(s_log, QStringList { QStringLiteral("INFO \"MmToOpcUaMapper::init\"") });
+    QCOMPARE(m_log.ofComponent(), QStringList { InitLine });
     QCOMPARE(spy.count(), 2);
     for (const QList<QVariant> &arguments : qAsConst(spy)) {
         QCOMPARE(arguments.at(0).toDateTime(), s_wallTime);
@@ -485,12 +470,12 @@ void tst_MmToOpcUaMapper::initPublishesFullMachine()
     QVERIFY(!spy.at(1).at(3).value<WwState>().Values);
 
     // The configured locale is the one the events use.
-    s_log.clear();
+    m_log.clear();
     announce(*mapper, 0);
     const QList<QVariant> emitted = feed(*mapper, wrap(notification("n1", 0)));
     QCOMPARE(emitted.at(1).value<WwBaseEventType>().Texts,
         (QHash<QString, QString> { { QStringLiteral("de"), QStringLiteral("Door open") } }));
-    QCOMPARE(s_log, QStringList());
+    QCOMPARE(m_log.ofComponent(), QStringList());
 }
 
 void tst_MmToOpcUaMapper::initEmptyMachineMap()
@@ -499,9 +484,9 @@ void tst_MmToOpcUaMapper::initEmptyMachineMap()
     QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     QVariantMap shared;
     QVERIFY(mapper->init(configWith({ { "m1", QVariantMap() } }), shared));
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.ofComponent(),
         (QStringList {
-            QStringLiteral("INFO \"MmToOpcUaMapper::init\""),
+            InitLine,
             warning(QStringLiteral("No 'locale' set; defaulting to 'en'")),
             missing(QStringLiteral("ProductInstanceUri")),
             missing(QStringLiteral("Manufacturer")),
@@ -521,11 +506,11 @@ void tst_MmToOpcUaMapper::initEmptyMachineMap()
         stateOf(0, 0, "WorkpiecePresent=0 RecipeInRun=0 RecipeInSetup=0 EnergySaving=0 FeedRuns=0"));
 
     // Published with the locale "en": events need no fallback warning.
-    s_log.clear();
+    m_log.clear();
     announce(*mapper, 0);
     const QList<QVariant> emitted = feed(*mapper, wrap(notification("n1", 0)));
     QCOMPARE(emitted.at(1).value<WwBaseEventType>().Texts.keys(), QStringList { QStringLiteral("en") });
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 }
 
 void tst_MmToOpcUaMapper::initOptionalTexts()
@@ -541,7 +526,7 @@ void tst_MmToOpcUaMapper::initOptionalTexts()
     QVariantMap shared;
     mapper->init(configWith({ { "m1", machine } }), shared);
     QCOMPARE(
-        s_log, (QStringList { QStringLiteral("INFO \"MmToOpcUaMapper::init\""), missing(QStringLiteral("Model")) }));
+        m_log.ofComponent(), (QStringList { InitLine, missing(QStringLiteral("Model")) }));
     const WwIdentification identification = spy.at(0).at(3).value<WwIdentification>();
     QVERIFY(!identification.ManufacturerUri);
     QVERIFY(!identification.AssetId);
@@ -580,8 +565,8 @@ void tst_MmToOpcUaMapper::initYear()
     mapper->init(configWith({ { "m1", machine } }), shared);
     QCOMPARE(spy.count(), 2);
     QCOMPARE(int(spy.at(0).at(3).value<WwIdentification>().YearOfConstruction), expected);
-    QCOMPARE(s_log.contains(missing(QStringLiteral("YearOfConstruction"))), warns);
-    QCOMPARE(s_log.size(), warns ? 2 : 1);
+    QCOMPARE(m_log.ofComponent().contains(missing(QStringLiteral("YearOfConstruction"))), warns);
+    QCOMPARE(m_log.ofComponent().size(), warns ? 2 : 1);
 }
 
 void tst_MmToOpcUaMapper::initMonth_data()
@@ -611,11 +596,11 @@ void tst_MmToOpcUaMapper::initMonth()
     const std::optional<quint8> month = spy.at(0).at(3).value<WwIdentification>().MonthOfConstruction;
     if (expected < 0) {
         QVERIFY(!month);
-        QCOMPARE(s_log.mid(1), QStringList { missing(QStringLiteral("MonthOfConstruction")) });
+        QCOMPARE(m_log.ofComponent().mid(1), QStringList { missing(QStringLiteral("MonthOfConstruction")) });
     } else {
         QVERIFY(month);
         QCOMPARE(int(*month), expected);
-        QCOMPARE(s_log.size(), 1);
+        QCOMPARE(m_log.ofComponent().size(), 1);
     }
 }
 
@@ -656,10 +641,10 @@ void tst_MmToOpcUaMapper::initOperationDate()
     if (expected.isValid()) {
         QVERIFY(date);
         QCOMPARE(*date, expected);
-        QCOMPARE(s_log.size(), 1);
+        QCOMPARE(m_log.ofComponent().size(), 1);
     } else {
         QVERIFY(!date);
-        QCOMPARE(s_log.mid(1), QStringList { missing(QStringLiteral("InitialOperationDate")) });
+        QCOMPARE(m_log.ofComponent().mid(1), QStringList { missing(QStringLiteral("InitialOperationDate")) });
     }
 }
 
@@ -745,8 +730,8 @@ void tst_MmToOpcUaMapper::initFromIniFile()
         "m2/DeviceClass=Press\n"));
     Core core(
         false, nullptr, ini, dir.filePath(QStringLiteral("orvix.log")), dir.filePath(QStringLiteral("orvix.lastlog")));
-    qInstallMessageHandler(capture);
-    s_log.clear();
+    m_log.reinstall();
+    m_log.clear();
 
     auto mapper = makeMapper();
     QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
@@ -765,9 +750,9 @@ void tst_MmToOpcUaMapper::initFromIniFile()
         stateOf(0, 0, "WorkpiecePresent=0 RecipeInRun=0 RecipeInSetup=0 EnergySaving=0 Moving=0"));
     QCOMPARE(spy.at(3).at(1).toString(), QStringLiteral("m2"));
     QCOMPARE(spy.at(3).at(3).value<WwState>().Flags->Moving, std::optional<bool>(false));
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.ofComponent(),
         (QStringList {
-            QStringLiteral("INFO \"MmToOpcUaMapper::init\""),
+            InitLine,
             warning(QStringLiteral("No 'locale' set; defaulting to 'en'")),
             missing(QStringLiteral("ProductInstanceUri")),
             missing(QStringLiteral("Manufacturer")),
@@ -827,7 +812,7 @@ void tst_MmToOpcUaMapper::nothingMappedBeforeCapabilities()
         const QList<QVariant> emitted = feed(*mapper, input);
         QCOMPARE(emitted, QList<QVariant> { input });
     }
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
     // Once the capabilities are known, the same datasets are mapped.
     announce(*mapper, 0);
     QCOMPARE(feed(*mapper, stateCode(2)).size(), 2);
@@ -881,7 +866,7 @@ void tst_MmToOpcUaMapper::ownStateStopsStateAndGeneral()
     OrderV1 order;
     order.programName = QStringLiteral("P1");
     QCOMPARE(feed(*mapper, wrap(order)).size(), 2);
-    QVERIFY(!s_log.contains(warning(QStringLiteral("StateV1/EvMachineStateUndefined unhandled"))));
+    QVERIFY(!m_log.ofComponent().contains(warning(QStringLiteral("StateV1/EvMachineStateUndefined unhandled"))));
 }
 
 void tst_MmToOpcUaMapper::ownIdentificationAccepted()
@@ -894,7 +879,7 @@ void tst_MmToOpcUaMapper::ownIdentificationAccepted()
     own.YearOfConstruction = 2001;
     const QList<QVariant> emitted = feed(*mapper, wrap(own));
     QCOMPARE(emitted, QList<QVariant> { wrap(own) });
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 
     SwVerV1 version;
     version.version = QStringLiteral("5.1");
@@ -916,8 +901,8 @@ void tst_MmToOpcUaMapper::ownIdentificationWithoutCapability()
     WwIdentification own;
     own.Manufacturer = QStringLiteral("Machine's own");
     QCOMPARE(feed(*mapper, wrap(own)), QList<QVariant> { wrap(own) });
-    QCOMPARE(s_log,
-        QStringList { QStringLiteral("WARNING Machine \"m1\" did sent WwCsIdentification information "
+    QCOMPARE(m_log.ofComponent(),
+        QStringList { QStringLiteral("WARNING mmtoopcuamapper: Machine \"m1\" did sent WwCsIdentification information "
                                      "without having announced the capability") });
     SwVerV1 version;
     version.version = QStringLiteral("5.1");
@@ -934,11 +919,11 @@ void tst_MmToOpcUaMapper::ownIdentificationOfUnconfiguredMachine()
     SwVerV1 version;
     version.version = QStringLiteral("1");
     QCOMPARE(feed(*mapper, wrap(version)).at(1).value<WwIdentification>().Model, QStringLiteral("Own"));
-    s_log.clear();
+    m_log.clear();
     QCOMPARE(feed(*mapper, wrap(notification("n", 0))).at(1).value<WwBaseEventType>().Texts.keys(),
         QStringList { QStringLiteral("en") });
-    QCOMPARE(s_log,
-        QStringList { QStringLiteral("WARNING Machine \"m1\" is missing locale information; falling back to 'en'") });
+    QCOMPARE(m_log.ofComponent(),
+        QStringList { QStringLiteral("WARNING mmtoopcuamapper: Machine \"m1\" is missing locale information; falling back to 'en'") });
 }
 
 void tst_MmToOpcUaMapper::softwareVersion()
@@ -954,8 +939,8 @@ void tst_MmToOpcUaMapper::softwareVersion()
     const WwIdentification identification = emitted.at(1).value<WwIdentification>();
     QCOMPARE(identification.SoftwareRevision, std::optional<QString>(QStringLiteral("3.4.5")));
     QCOMPARE(identification.SerialNumber, QStringLiteral("4711"));
-    QCOMPARE(s_log,
-        QStringList { QStringLiteral("INFO Updating WWIdentification - Setting SoftwareRevision to \"3.4.5\"") });
+    QCOMPARE(m_log.ofComponent(),
+        QStringList { QStringLiteral("INFO mmtoopcuamapper: Updating WWIdentification - Setting SoftwareRevision to \"3.4.5\"") });
     // The change is kept.
     QCOMPARE(feed(*mapper, wrap(version)).at(1).value<WwIdentification>(), identification);
 }
@@ -967,7 +952,7 @@ void tst_MmToOpcUaMapper::softwareVersionOfUnknownMachine()
     SwVerV1 version;
     version.version = QStringLiteral("3.4.5");
     QCOMPARE(feed(*mapper, wrap(version), QStringLiteral("m9")), QList<QVariant> { wrap(version) });
-    QCOMPARE(s_log, QStringList { QStringLiteral("WARNING got a SwVerv1 struct for unknown machine: \"m9\"") });
+    QCOMPARE(m_log.ofComponent(), QStringList { QStringLiteral("WARNING mmtoopcuamapper: got a SwVerv1 struct for unknown machine: \"m9\"") });
 }
 
 void tst_MmToOpcUaMapper::order()
@@ -981,9 +966,9 @@ void tst_MmToOpcUaMapper::order()
     QCOMPARE(emitted.size(), 2);
     QCOMPARE(emitted.at(1).userType(), qMetaTypeId<WwManufacturerSpecific>());
     QCOMPARE(emitted.at(1).value<WwManufacturerSpecific>().LastProgramName, QStringLiteral("Door_left.mpr"));
-    QCOMPARE(s_log,
+    QCOMPARE(m_log.ofComponent(),
         QStringList {
-            QStringLiteral("INFO Updating WwManufacturerSpecific - Setting LastProgramName to \"Door_left.mpr\"") });
+            QStringLiteral("INFO mmtoopcuamapper: Updating WwManufacturerSpecific - Setting LastProgramName to \"Door_left.mpr\"") });
 }
 
 void tst_MmToOpcUaMapper::generalFirstAndLater()
@@ -1015,7 +1000,7 @@ void tst_MmToOpcUaMapper::generalFirstAndLater()
     expected.AbsoluteLength = 5000;
     expected.RelativeLength = 3001;
     COMPARE_RECORD(*second.Values, expected);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 
     // Each machine has its own baselines.
     announce(*mapper, 0, QStringLiteral("m2"));
@@ -1136,13 +1121,13 @@ void tst_MmToOpcUaMapper::stateTable()
     auto mapper = makeMapper();
     announce(*mapper, 0);
     lastState(*mapper, stateCode(prior));
-    s_log.clear();
+    m_log.clear();
     const WwState state = lastState(*mapper, stateCode(code));
     // The Values block holds the durations, checked on their own below.
     QCOMPARE(state.MachineState, expected.MachineState);
     QCOMPARE(state.OperationMode, expected.OperationMode);
     COMPARE_RECORD(state.Flags, expected.Flags);
-    QCOMPARE(s_log, log);
+    QCOMPARE(m_log.ofComponent(), log);
     // The result is the machine's current state: a GeneralV1 starts from it.
     const WwState next = lastState(*mapper, general(0, 0, 0));
     COMPARE_RECORD(next.Flags, expected.Flags);
@@ -1321,12 +1306,12 @@ void tst_MmToOpcUaMapper::notificationEvent()
     expected.Text7 = QStringLiteral("eight");
     expected.Path = QStringList { QStringLiteral("Unit1"), QStringLiteral("Spindle") };
     COMPARE_RECORD(emitted.at(1).value<WwBaseEventType>(), expected);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 
     const QList<QVariant> removed = feed(*mapper, removal(QStringLiteral("Unit1/Spindle/4711")));
     QCOMPARE(removed.at(0), removal(QStringLiteral("Unit1/Spindle/4711")));
     COMPARE_RECORD(removed.at(1).value<WwBaseEventType>(), expected);
-    QCOMPARE(s_log, QStringList { QStringLiteral("DEBUG NotificationsRemoveV1: removing \"Unit1/Spindle/4711\"") });
+    QCOMPARE(m_log.ofComponent(), QStringList { QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"Unit1/Spindle/4711\"") });
 }
 
 void tst_MmToOpcUaMapper::notificationPath_data()
@@ -1402,13 +1387,13 @@ void tst_MmToOpcUaMapper::notificationLocaleFallback()
     auto mapper = makeMapper(configWith({ { "m1", fullMachine() } }));
     announce(*mapper, 0, QStringLiteral("m9"));
     const QString fallback
-        = QStringLiteral("WARNING Machine \"m9\" is missing locale information; falling back to 'en'");
+        = QStringLiteral("WARNING mmtoopcuamapper: Machine \"m9\" is missing locale information; falling back to 'en'");
     const WwBaseEventType first
         = feed(*mapper, wrap(notification("n1", 0)), QStringLiteral("m9")).at(1).value<WwBaseEventType>();
     QCOMPARE(first.Texts, (QHash<QString, QString> { { QStringLiteral("en"), QStringLiteral("Door open") } }));
-    QCOMPARE(s_log, QStringList { fallback });
+    QCOMPARE(m_log.ofComponent(), QStringList { fallback });
     feed(*mapper, wrap(notification("n2", 0, QStringLiteral("Cover open"))), QStringLiteral("m9"));
-    QCOMPARE(s_log, (QStringList { fallback, fallback }));
+    QCOMPARE(m_log.ofComponent(), (QStringList { fallback, fallback }));
 }
 
 void tst_MmToOpcUaMapper::notificationRaisesFlags_data()
@@ -1473,15 +1458,15 @@ void tst_MmToOpcUaMapper::notificationRemoveTwice()
     feed(*mapper, wrap(notification("n1", 0)));
     QCOMPARE(feed(*mapper, removal(QStringLiteral("n1"))).size(), 2);
     QCOMPARE(feed(*mapper, removal(QStringLiteral("n1"))), QList<QVariant> { removal(QStringLiteral("n1")) });
-    QCOMPARE(s_log,
-        (QStringList { QStringLiteral("DEBUG NotificationsRemoveV1: removing \"n1\""),
-            QStringLiteral("DEBUG NotificationsRemoveV1: removing \"n1\""),
-            QStringLiteral("DEBUG NotificationsRemoveV1 for an unknown notification \"n1\"") }));
+    QCOMPARE(m_log.ofComponent(),
+        (QStringList { QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"n1\""),
+            QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"n1\""),
+            QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1 for an unknown notification \"n1\"") }));
     // Ids are per machine.
     feed(*mapper, wrap(notification("n2", 0)), QStringLiteral("m2"));
-    s_log.clear();
+    m_log.clear();
     QCOMPARE(feed(*mapper, removal(QStringLiteral("n2"))).size(), 1);
-    QVERIFY(s_log.contains(QStringLiteral("DEBUG NotificationsRemoveV1 for an unknown notification \"n2\"")));
+    QVERIFY(m_log.ofComponent().contains(QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1 for an unknown notification \"n2\"")));
 }
 
 void tst_MmToOpcUaMapper::notificationRemoveClearsFlags()
@@ -1574,9 +1559,9 @@ void tst_MmToOpcUaMapper::offlineTimeout()
     m_now = 30;
     QTRY_COMPARE(spy.count(), 4);
     mapper->setOfflineTimeout(MmToOpcUaMapper::DefaultOfflineTimeout);
-    QCOMPARE(s_log,
-        (QStringList { QStringLiteral("DEBUG Timeout: marking \"m1\" as OFFLINE"),
-            QStringLiteral("DEBUG Timeout: marking \"m2\" as OFFLINE") }));
+    QCOMPARE(m_log.ofComponent(),
+        (QStringList { QStringLiteral("DEBUG mmtoopcuamapper: Timeout: marking \"m1\" as OFFLINE"),
+            QStringLiteral("DEBUG mmtoopcuamapper: Timeout: marking \"m2\" as OFFLINE") }));
     for (const QList<QVariant> &arguments : qAsConst(spy)) {
         QCOMPARE(arguments.at(0).toDateTime(), s_wallTime);
         QCOMPARE(arguments.at(2).toString(), s_source);
@@ -1622,7 +1607,7 @@ void tst_MmToOpcUaMapper::offlineIgnoresUnseenMachines()
     m_now = 1000000;
     QTest::qWait(60);
     QCOMPARE(spy.count(), 0);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 }
 
 // Feeds OPC UA data through OpcUaToMMMapper into the mapper and returns what the mapper made of it: the records it
@@ -1699,7 +1684,7 @@ void tst_MmToOpcUaMapper::roundTripState()
     QCOMPARE(made.size(), 1);
     QCOMPARE(made.first().userType(), qMetaTypeId<WwState>());
     COMPARE_RECORD(made.first().value<WwState>(), expected);
-    QVERIFY(s_log.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 }
 
 void tst_MmToOpcUaMapper::roundTripOperatingData()
@@ -1776,9 +1761,9 @@ void tst_MmToOpcUaMapper::roundTripNotification()
     WwBaseEventType withdrawn = raised;
     withdrawn.Message = QStringLiteral("{OFF}Door open");
     QVERIFY(roundTrip(*mapper, wrap(withdrawn)).isEmpty());
-    QCOMPARE(s_log,
-        (QStringList { QStringLiteral("DEBUG NotificationsRemoveV1: removing \"4711\""),
-            QStringLiteral("DEBUG NotificationsRemoveV1 for an unknown notification \"4711\"") }));
+    QCOMPARE(m_log.ofComponent(),
+        (QStringList { QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"4711\""),
+            QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1 for an unknown notification \"4711\"") }));
 
     // The event the mapper publishes for a removal withdraws the same notification when it is read again.
     const QList<QVariant> removed = feed(*mapper, removal(QStringLiteral("Unit1/Spindle/4711")));

@@ -4,6 +4,7 @@
 #include "logcapture.h"
 #include "mmdatasets.h"
 #include "opcuatommmapper.h"
+#include "stateflags.h"
 #include "testsupport.h"
 #include "wwtypes.h"
 
@@ -59,29 +60,7 @@ std::optional<WwStateFlags> flagsFrom(const QString &description)
 {
     if (description == QLatin1String("none"))
         return std::nullopt;
-    WwStateFlags flags;
-    const QStringList settings = description.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    for (const QString &setting : settings) {
-        const QString name = setting.section(QLatin1Char('='), 0, 0);
-        const QString value = setting.section(QLatin1Char('='), 1);
-        bool found = false;
-        WwStateFlags::visitFields([&](const char *fieldName, auto member) {
-            if (name != QLatin1String(fieldName))
-                return;
-            found = true;
-            if constexpr (std::is_same_v<decltype(member), std::optional<bool> WwStateFlags::*>) {
-                if (value == QLatin1String("-"))
-                    flags.*member = std::nullopt;
-                else
-                    flags.*member = value == QLatin1String("1");
-            } else {
-                flags.*member = value == QLatin1String("1");
-            }
-        });
-        if (!found)
-            qFatal("unknown flag %s", qPrintable(name));
-    }
-    return flags;
+    return TestSupport::withFlags(WwStateFlags(), description);
 }
 
 /** The settings that flagsFrom turns back into the same flags block. */

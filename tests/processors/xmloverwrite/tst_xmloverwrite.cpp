@@ -1,4 +1,5 @@
 #include "core.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "testsupport.h"
 #include "xmloverwrite.h"
@@ -14,25 +15,16 @@ namespace {
 
 const QDateTime When = QDateTime(QDate(2024, 5, 6), QTime(7, 8, 9), Qt::UTC);
 
-QStringList s_captured;
-
-/** Keeps this processor's messages as "LEVEL category: message", the way the log file shows them. */
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    if (qstrcmp(context.category, "xmlOverwrite") != 0)
-        return;
-    const char *level = type == QtDebugMsg ? "DEBUG" : type == QtWarningMsg ? "WARNING" : "OTHER";
-    s_captured.append(QStringLiteral("%1 %2: %3").arg(QLatin1String(level), QLatin1String(context.category), message));
-}
+const QString Category = QStringLiteral("xmlOverwrite");
 
 QString debugLine(const QString &text)
 {
-    return QStringLiteral("DEBUG xmlOverwrite: \"%1\"").arg(text);
+    return LogCapture::line("DEBUG", Category, text);
 }
 
 QString warningLine(const QString &text)
 {
-    return QStringLiteral("WARNING xmlOverwrite: \"%1\"").arg(text);
+    return LogCapture::line("WARNING", Category, text);
 }
 
 MaintenanceDefinitionV1 definition(const QString &id, const QString &comment = QStringLiteral("own"))
@@ -124,22 +116,19 @@ private:
     }
 
     QScopedPointer<QTemporaryDir> m_dir;
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { Category };
 };
 
 void tst_XmlOverwrite::init()
 {
     m_dir.reset(new QTemporaryDir);
     QVERIFY(m_dir->isValid());
-    s_captured.clear();
-    QLoggingCategory::setFilterRules(QStringLiteral("xmlOverwrite.debug=true"));
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start(QStringLiteral("xmlOverwrite.debug=true"));
 }
 
 void tst_XmlOverwrite::cleanup()
 {
-    qInstallMessageHandler(m_previous);
-    QLoggingCategory::setFilterRules(QString());
+    m_log.stop();
 }
 
 void tst_XmlOverwrite::identity()
@@ -153,7 +142,7 @@ void tst_XmlOverwrite::identity()
     QCOMPARE(overwrite.orderNumber(), 600u);
     QVERIFY(overwrite.qt_metacast("IProcessor"));
     QCOMPARE(QByteArray(lcXmlOverwrite().categoryName()), QByteArray("xmlOverwrite"));
-    QVERIFY(s_captured.isEmpty());
+    QVERIFY(m_log.ofComponent().isEmpty());
 }
 
 void tst_XmlOverwrite::parsing_data()
@@ -318,14 +307,14 @@ void tst_XmlOverwrite::parsing()
     XmlOverwrite overwrite;
     QVariantMap shared;
     QVERIFY(overwrite.init(xmlConfig({ { "m1", machineFile(path) } }), shared));
-    QCOMPARE(s_captured,
+    QCOMPARE(m_log.ofComponent(),
         QStringList { debugLine(QStringLiteral("Parsing xmloverwrite %1 for machine m1").arg(path)) } + messages);
 
     QList<MaintenanceDefinitionV1> items;
     for (const QString &id : qAsConst(ids))
         items.append(definition(id));
     QCOMPARE(commentsOf(processed(overwrite, "m1", definitions(items))), comments);
-    QCOMPARE(s_captured.size(), messages.size() + 1);
+    QCOMPARE(m_log.ofComponent().size(), messages.size() + 1);
 }
 
 void tst_XmlOverwrite::missingIdLineIsTheReadersLine()
@@ -341,7 +330,7 @@ void tst_XmlOverwrite::missingIdLineIsTheReadersLine()
     XmlOverwrite overwrite;
     QVariantMap shared;
     overwrite.init(xmlConfig({ { "m1", machineFile(path) } }), shared);
-    QCOMPARE(s_captured.mid(1),
+    QCOMPARE(m_log.ofComponent().mid(1),
         (QStringList { warningLine("ID missing at Line 4."), warningLine("ID missing at Line 5.") }));
 }
 
@@ -377,7 +366,7 @@ void tst_XmlOverwrite::configurationMessages()
     XmlOverwrite overwrite;
     QVariantMap shared;
     QVERIFY(overwrite.init(xmlConfig(machines), shared));
-    QCOMPARE(s_captured, messages);
+    QCOMPARE(m_log.ofComponent(), messages);
 
     const QVariant data = definitions({ definition("42") });
     for (const QString &machine : machines.keys())
@@ -394,7 +383,7 @@ void tst_XmlOverwrite::noDebugMessagesWhenFiltered()
     XmlOverwrite overwrite;
     QVariantMap shared;
     overwrite.init(xmlConfig({ { "m1", machineFile(path) }, { "m2", QVariantMap() } }), shared);
-    QCOMPARE(s_captured,
+    QCOMPARE(m_log.ofComponent(),
         (QStringList { warningLine("ID missing at Line 1."), warningLine("xml parameter is missing for machine m2") }));
     QCOMPARE(commentsOf(processed(overwrite, "m1", definitions({ definition("1") }))), QStringList { "one" });
 }
@@ -488,7 +477,7 @@ void tst_XmlOverwrite::secondInitStartsAfresh()
 
 void tst_XmlOverwrite::readsFileNamedInIniFile()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
     const QString xml = writeXml(QStringLiteral("comments/m1.xml"),
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         "<MaintenanceComponents>\n"

@@ -1,20 +1,9 @@
 #include "datasetlog.h"
+#include "logcapture.h"
 #include "logcategories.h"
 
 #include <QSignalSpy>
 #include <QtTest>
-
-namespace {
-
-QStringList s_captured;
-
-void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    if (type == QtDebugMsg)
-        s_captured.append(QString::fromUtf8(context.category) + QLatin1Char(' ') + message);
-}
-
-} // namespace
 
 class tst_DatasetLog : public QObject
 {
@@ -29,18 +18,17 @@ private slots:
     void invalidVariantHasEmptyType();
 
 private:
-    QtMessageHandler m_previous = nullptr;
+    LogCapture m_log { QStringLiteral("dataset") };
 };
 
 void tst_DatasetLog::init()
 {
-    s_captured.clear();
-    m_previous = qInstallMessageHandler(capture);
+    m_log.start();
 }
 
 void tst_DatasetLog::cleanup()
 {
-    qInstallMessageHandler(m_previous);
+    m_log.stop();
     QLoggingCategory::setFilterRules(QString());
 }
 
@@ -63,7 +51,7 @@ void tst_DatasetLog::passesOnUnchangedWithoutLogging()
     log.processData(when, "m1", "s1", QVariant(42));
     QCOMPARE(spy.count(), 1);
     QCOMPARE(spy.first(), (QVariantList { when, "m1", "s1", 42 }));
-    QVERIFY(s_captured.isEmpty());
+    QVERIFY(m_log.startingWith("DEBUG ").isEmpty());
 }
 
 void tst_DatasetLog::logsWhenDebugIsOn()
@@ -72,7 +60,7 @@ void tst_DatasetLog::logsWhenDebugIsOn()
     DatasetLog log;
     QSignalSpy spy(&log, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     log.processData(QDateTime(), "m1", "s1", QVariant(1.5));
-    QCOMPARE(s_captured, QStringList { "dataset \"Source: s1 Maschine: m1 Dataset: double\"" });
+    QCOMPARE(m_log.startingWith("DEBUG "), QStringList { m_log.debug("Source: s1 Maschine: m1 Dataset: double") });
     QCOMPARE(spy.count(), 1);
 }
 
@@ -82,7 +70,7 @@ void tst_DatasetLog::invalidVariantHasEmptyType()
     DatasetLog log;
     QSignalSpy spy(&log, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     log.processData(QDateTime(), "m1", "s1", QVariant());
-    QCOMPARE(s_captured, QStringList { "dataset \"Source: s1 Maschine: m1 Dataset: \"" });
+    QCOMPARE(m_log.startingWith("DEBUG "), QStringList { m_log.debug("Source: s1 Maschine: m1 Dataset: ") });
     QCOMPARE(spy.count(), 1);
     QVERIFY(!spy.first().at(3).isValid());
 }

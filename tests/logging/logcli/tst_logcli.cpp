@@ -1,4 +1,5 @@
 #include "logcli.h"
+#include "logcontext.h"
 
 #include <QRegularExpression>
 #include <QtTest>
@@ -7,14 +8,6 @@
 #include <unistd.h>
 
 namespace {
-
-struct Context : QMessageLogContext
-{
-    explicit Context(const char *category)
-        : QMessageLogContext(nullptr, 0, nullptr, category)
-    {
-    }
-};
 
 /** A pipe whose write end is a FILE*, so a test sees only what the sink has flushed. */
 struct Pipe
@@ -77,7 +70,7 @@ void tst_LogCli::alignedLine()
     QFETCH(QString, tail);
     Pipe pipe;
     LogCli cli(pipe.out);
-    cli.write(QtMsgType(type), Context("core"), "\"text\"");
+    cli.write(QtMsgType(type), LogContext("core"), "\"text\"");
     const QString line = QString::fromUtf8(pipe.readAvailable());
     QVERIFY2(QRegularExpression("^\\d\\d:\\d\\d:\\d\\d").match(line).hasMatch(), qPrintable(line));
     QCOMPARE(line.mid(8), tail);
@@ -87,7 +80,7 @@ void tst_LogCli::longCategoryIsNotCut()
 {
     Pipe pipe;
     LogCli cli(pipe.out);
-    cli.write(QtWarningMsg, Context("abcdefghijklmnopqrstuvwxy"), "pushed");
+    cli.write(QtWarningMsg, LogContext("abcdefghijklmnopqrstuvwxy"), "pushed");
     QCOMPARE(QString::fromUtf8(pipe.readAvailable()).mid(8),
              QStringLiteral("  WARNINGabcdefghijklmnopqrstuvwxy pushed\n"));
 }
@@ -97,7 +90,7 @@ void tst_LogCli::everyLineIsFlushed()
     Pipe pipe;
     LogCli cli(pipe.out);
     for (int i = 0; i < 3; ++i) {
-        cli.write(QtInfoMsg, Context("core"), QString::number(i));
+        cli.write(QtInfoMsg, LogContext("core"), QString::number(i));
         QVERIFY(pipe.readAvailable().endsWith(QByteArray::number(i) + '\n'));
     }
 }
@@ -106,7 +99,7 @@ void tst_LogCli::utf8Text()
 {
     Pipe pipe;
     LogCli cli(pipe.out);
-    cli.write(QtInfoMsg, Context("core"), QString::fromUtf8("Gr\xc3\xbc\xc3\x9f" "e"));
+    cli.write(QtInfoMsg, LogContext("core"), QString::fromUtf8("Gr\xc3\xbc\xc3\x9f" "e"));
     QVERIFY(pipe.readAvailable().endsWith("core Gr\xc3\xbc\xc3\x9f" "e\n"));
 }
 

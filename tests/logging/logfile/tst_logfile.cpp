@@ -1,4 +1,6 @@
+#include "logcapture.h"
 #include "logcategories.h"
+#include "logcontext.h"
 #include "logfile.h"
 #include "testsupport.h"
 
@@ -8,25 +10,6 @@
 #include <QtTest>
 
 using namespace TestSupport;
-
-namespace {
-
-QStringList s_captured;
-
-void capture(QtMsgType, const QMessageLogContext &context, const QString &message)
-{
-    s_captured.append(QString::fromUtf8(context.category) + QLatin1Char(' ') + message);
-}
-
-struct Context : QMessageLogContext
-{
-    explicit Context(const char *category)
-        : QMessageLogContext(nullptr, 0, nullptr, category)
-    {
-    }
-};
-
-} // namespace
 
 class tst_LogFile : public QObject
 {
@@ -69,7 +52,7 @@ void tst_LogFile::init()
 void tst_LogFile::nothingBeforeConfigure()
 {
     LogFile file(m_dir->filePath("orvix.log"), m_dir->filePath("orvix.lastlog"));
-    file.write(QtInfoMsg, Context("core"), "dropped");
+    file.write(QtInfoMsg, LogContext("core"), "dropped");
     QVERIFY(!QFile::exists(m_dir->filePath("orvix.log")));
 }
 
@@ -77,7 +60,7 @@ void tst_LogFile::defaultsFromConstructor()
 {
     LogFile file(m_dir->filePath("a/default.log"), m_dir->filePath("a/default.old"));
     file.configure(QVariantMap());
-    file.write(QtInfoMsg, Context("core"), "hello");
+    file.write(QtInfoMsg, LogContext("core"), "hello");
     QCOMPARE(logLines(m_dir->filePath("a/default.log")), QStringList { "INFO core: hello" });
 }
 
@@ -99,7 +82,7 @@ void tst_LogFile::lineFormat()
     QFETCH(QString, expected);
     LogFile file;
     file.configure(config());
-    file.write(QtMsgType(type), Context("core"), "text");
+    file.write(QtMsgType(type), LogContext("core"), "text");
     const QString raw = QString::fromUtf8(readFile(m_dir->filePath("orvix.log")));
     QVERIFY(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d ").match(raw).hasMatch());
     QCOMPARE(raw.mid(20), expected + QLatin1Char('\n'));
@@ -156,7 +139,7 @@ void tst_LogFile::createsMissingDirectories()
                              QVariantMap { { "filename", m_dir->filePath("x/y/z/orvix.log") },
                                            { "oldcopy", m_dir->filePath("x/y/z/orvix.lastlog") } } } };
     file.configure(settings);
-    file.write(QtWarningMsg, Context("limit"), "deep");
+    file.write(QtWarningMsg, LogContext("limit"), "deep");
     QCOMPARE(logLines(m_dir->filePath("x/y/z/orvix.log")), QStringList { "WARNING limit: deep" });
 }
 
@@ -164,27 +147,27 @@ void tst_LogFile::warnsWhenDirectoryCannotBeCreated()
 {
     writeFile(m_dir->filePath("plainfile"), "in the way");
     const QString directory = m_dir->filePath("plainfile/logs");
-    s_captured.clear();
-    QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogCapture log(QStringLiteral("logfile"));
+    log.start();
     {
         LogFile file;
         file.configure(QVariantMap { { "logfile", QVariantMap { { "filename", QString(directory + "/orvix.log") } } } });
-        file.write(QtInfoMsg, Context("core"), "lost");
+        file.write(QtInfoMsg, LogContext("core"), "lost");
     }
-    qInstallMessageHandler(previous);
-    QCOMPARE(s_captured, QStringList { QStringLiteral("logfile Creating \"%1\" failed.").arg(directory) });
+    log.stop();
+    QCOMPARE(log.lines(), QStringList { QStringLiteral("WARNING logfile: Creating \"%1\" failed.").arg(directory) });
 }
 
 void tst_LogFile::longMessageRotatesBeforeWriting()
 {
     LogFile file;
     file.configure(config(QString(), 10));
-    file.write(QtInfoMsg, Context("core"), "short");
-    file.write(QtInfoMsg, Context("core"), "exactly10!");
+    file.write(QtInfoMsg, LogContext("core"), "short");
+    file.write(QtInfoMsg, LogContext("core"), "exactly10!");
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: short", "INFO core: exactly10!" }));
 
-    file.write(QtInfoMsg, Context("core"), "eleven char");
-    file.write(QtInfoMsg, Context("core"), "after");
+    file.write(QtInfoMsg, LogContext("core"), "eleven char");
+    file.write(QtInfoMsg, LogContext("core"), "after");
     QCOMPARE(logLines(m_dir->filePath("orvix.lastlog")),
              (QStringList { "INFO core: short", "INFO core: exactly10!" }));
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: eleven char", "INFO core: after" }));
@@ -195,7 +178,7 @@ void tst_LogFile::manyShortMessagesNeverRotate()
     LogFile file;
     file.configure(config(QString(), 10));
     for (int i = 0; i < 50; ++i)
-        file.write(QtInfoMsg, Context("core"), "123456789");
+        file.write(QtInfoMsg, LogContext("core"), "123456789");
     QCOMPARE(logLines(m_dir->filePath("orvix.log")).size(), 50);
     QVERIFY(!QFile::exists(m_dir->filePath("orvix.lastlog")));
 }
@@ -206,14 +189,14 @@ void tst_LogFile::unreadableMaxSizeKeepsDefault()
     QVariantMap group = settings.value("logfile").toMap();
     group.insert("maxSize", "50MB");
     settings.insert("logfile", group);
-    s_captured.clear();
-    QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogCapture log(QStringLiteral("logfile"));
+    log.start();
     LogFile file;
     file.configure(settings);
-    file.write(QtInfoMsg, Context("core"), "one");
-    file.write(QtInfoMsg, Context("core"), "two");
-    qInstallMessageHandler(previous);
-    QCOMPARE(s_captured, QStringList { "logfile \"maxSize \\\"50MB\\\" is not a number, using 52428800\"" });
+    file.write(QtInfoMsg, LogContext("core"), "one");
+    file.write(QtInfoMsg, LogContext("core"), "two");
+    log.stop();
+    QCOMPARE(log.lines(), QStringList { log.warning("maxSize \"50MB\" is not a number, using 52428800") });
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: one", "INFO core: two" }));
 }
 

@@ -10,6 +10,28 @@
 
 using namespace TestSupport;
 
+namespace {
+
+/** Both sinks of a test: a log file in a folder of its own and a console that is a temporary file. */
+struct Sinks
+{
+    Sinks()
+        : cli(console)
+        , file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"))
+    {
+        file.configure(QVariantMap());
+    }
+    ~Sinks() { fclose(console); }
+    QStringList fileLines() const { return logLines(dir.filePath("orvix.log")); }
+
+    QTemporaryDir dir;
+    FILE *console = tmpfile();
+    LogCli cli;
+    LogFile file;
+};
+
+} // namespace
+
 class tst_MessageHandler : public QObject
 {
     Q_OBJECT
@@ -44,54 +66,39 @@ void tst_MessageHandler::levelWords()
 
 void tst_MessageHandler::messageReachesBothSinks()
 {
-    QTemporaryDir dir;
-    FILE *console = tmpfile();
-    LogCli cli(console);
-    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
-    file.configure(QVariantMap());
-    MessageHandler::install(&file, &cli);
+    Sinks sinks;
+    MessageHandler::install(&sinks.file, &sinks.cli);
     qCWarning(lcCore) << QStringLiteral("Disabling target %1").arg("x");
     MessageHandler::restore();
 
-    QCOMPARE(logLines(dir.filePath("orvix.log")), QStringList { "WARNING core: \"Disabling target x\"" });
-    rewind(console);
+    QCOMPARE(sinks.fileLines(), QStringList { "WARNING core: \"Disabling target x\"" });
+    rewind(sinks.console);
     char line[256] = {};
-    QVERIFY(fgets(line, sizeof line, console));
+    QVERIFY(fgets(line, sizeof line, sinks.console));
     QCOMPARE(QString::fromUtf8(line).mid(8), QStringLiteral("  WARNING                core \"Disabling target x\"\n"));
-    fclose(console);
 }
 
 void tst_MessageHandler::filterRulesDecide()
 {
-    QTemporaryDir dir;
-    FILE *console = tmpfile();
-    LogCli cli(console);
-    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
-    file.configure(QVariantMap());
-    MessageHandler::install(&file, &cli);
+    Sinks sinks;
+    MessageHandler::install(&sinks.file, &sinks.cli);
     QLoggingCategory::setFilterRules("*.debug=false");
     qCDebug(lcDataset) << "hidden";
     QLoggingCategory::setFilterRules("*.debug=true");
     qCDebug(lcDataset) << "shown";
     QLoggingCategory::setFilterRules(QString());
     MessageHandler::restore();
-    QCOMPARE(logLines(dir.filePath("orvix.log")), QStringList { "DEBUG dataset: shown" });
-    fclose(console);
+    QCOMPARE(sinks.fileLines(), QStringList { "DEBUG dataset: shown" });
 }
 
 void tst_MessageHandler::restoreDetachesSinks()
 {
-    QTemporaryDir dir;
-    LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
-    file.configure(QVariantMap());
-    FILE *console = tmpfile();
-    LogCli cli(console);
-    MessageHandler::install(&file, &cli);
+    Sinks sinks;
+    MessageHandler::install(&sinks.file, &sinks.cli);
     MessageHandler::restore();
     qCWarning(lcCore) << "nobody";
-    QVERIFY(logLines(dir.filePath("orvix.log")).isEmpty());
-    QCOMPARE(ftell(console), 0L);
-    fclose(console);
+    QVERIFY(sinks.fileLines().isEmpty());
+    QCOMPARE(ftell(sinks.console), 0L);
 }
 
 void tst_MessageHandler::fatalReachesBothSinksBeforeExit()

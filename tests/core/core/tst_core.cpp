@@ -107,6 +107,7 @@ private slots:
 
 private:
     Core *makeCore(const QByteArray &ini, bool service = false);
+    Core *runSourceAndTarget(const QByteArray &ini);
     QStringList log() const { return logLines(logPath()); }
     QString logPath() const { return m_dir->filePath(QStringLiteral("log/orvix.log")); }
     QString iniPath() const { return m_dir->filePath(QStringLiteral("etc/orvix.ini")); }
@@ -152,6 +153,16 @@ Core *tst_Core::makeCore(const QByteArray &ini, bool service)
         writeFile(iniPath(), ini);
     m_core = new Core(service, nullptr, iniPath(), logPath(), m_dir->filePath(QStringLiteral("log/orvix.lastlog")));
     return m_core;
+}
+
+// The test source and the test target in the plugin folder, run by a Core with configuration ini.
+Core *tst_Core::runSourceAndTarget(const QByteArray &ini)
+{
+    addPlugin("testsource");
+    addPlugin("testtarget");
+    Core *core = makeCore(ini);
+    core->run();
+    return core;
 }
 
 void tst_Core::configurationMap_data()
@@ -335,10 +346,7 @@ void tst_Core::twoPluginsWithOneName()
 
 void tst_Core::datasetFlowsThroughChain()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[core]\nlog=*.debug=true\n");
-    core->run();
+    Core *core = runSourceAndTarget("[core]\nlog=*.debug=true\n");
 
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(1700000000123);
     QVERIFY(QMetaObject::invokeMethod(object(core->datasources().first()), "send", Q_ARG(QDateTime, when),
@@ -400,10 +408,7 @@ void tst_Core::withoutProcessorsEverySourceReachesEveryTarget()
 
 void tst_Core::connectingTwiceAddsNoConnection()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("");
-    core->run();
+    Core *core = runSourceAndTarget("");
     core->connectPipeline();
     send(object(core->datasources().first()), 1);
     QCOMPARE(received(core->targets().first()), 1);
@@ -418,10 +423,7 @@ void tst_Core::connectingTwiceAddsNoConnection()
 
 void tst_Core::runTwiceChangesNothing()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("");
-    core->run();
+    Core *core = runSourceAndTarget("");
     core->run();
     QCOMPARE(core->datasources().size(), 1);
     QCOMPARE(core->targets().size(), 1);
@@ -432,10 +434,7 @@ void tst_Core::runTwiceChangesNothing()
 
 void tst_Core::initOrderAndSharedMap()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[core]\nlog=*.debug=true\n");
-    core->run();
+    Core *core = runSourceAndTarget("[core]\nlog=*.debug=true\n");
     // Targets are initialised before datasources, so the target cannot see what the source put into the map.
     QCOMPARE(object(core->targets().first())->property("sharedSeen").toBool(), false);
     const QStringList lines = log();
@@ -449,10 +448,7 @@ void tst_Core::initOrderAndSharedMap()
 
 void tst_Core::disabledTargetStaysConnected()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[core]\nlog=*.debug=true\ndisabledPlugins=testtarget\n");
-    core->run();
+    Core *core = runSourceAndTarget("[core]\nlog=*.debug=true\ndisabledPlugins=testtarget\n");
     QCOMPARE(core->targets().size(), 1);
     QObject *target = object(core->targets().first());
     QCOMPARE(target->property("initCalls").toInt(), 0);
@@ -471,20 +467,14 @@ void tst_Core::disabledTargetStaysConnected()
 
 void tst_Core::disabledPluginNamesAreCaseSensitive()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[core]\ndisabledPlugins=TestTarget, TESTSOURCE\n");
-    core->run();
+    Core *core = runSourceAndTarget("[core]\ndisabledPlugins=TestTarget, TESTSOURCE\n");
     QCOMPARE(object(core->targets().first())->property("initCalls").toInt(), 1);
     QCOMPARE(object(core->datasources().first())->property("initCalls").toInt(), 1);
 }
 
 void tst_Core::disabledDatasourceStillGetsRequests()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[core]\nlog=*.debug=true\ndisabledPlugins=testsource\n");
-    core->run();
+    Core *core = runSourceAndTarget("[core]\nlog=*.debug=true\ndisabledPlugins=testsource\n");
     QObject *source = object(core->datasources().first());
     QCOMPARE(source->property("initCalls").toInt(), 0);
     QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "request", Q_ARG(QString, "m1"),
@@ -497,10 +487,7 @@ void tst_Core::disabledDatasourceStillGetsRequests()
 
 void tst_Core::failingTargetIsRemovedAndDeleted()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[testtarget]\ninit=false\nrequestOnInit=early\n");
-    core->run();
+    Core *core = runSourceAndTarget("[testtarget]\ninit=false\nrequestOnInit=early\n");
     QVERIFY(core->targets().isEmpty());
     QObject *source = object(core->datasources().first());
     // Its request during init reached the datasource, which was not yet initialised.
@@ -513,10 +500,7 @@ void tst_Core::failingTargetIsRemovedAndDeleted()
 
 void tst_Core::failingDatasourceIsRemoved()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[testsource]\ninit=false\n");
-    core->run();
+    Core *core = runSourceAndTarget("[testsource]\ninit=false\n");
     QVERIFY(core->datasources().isEmpty());
     QTRY_VERIFY(qApp->property("destroyed").toStringList().contains("testsource"));
     // Gone with its connections: a request from the target reaches nobody and harms nothing.
@@ -568,10 +552,7 @@ void tst_Core::machineRequestsReachDatasources()
 
 void tst_Core::writeConfigReachesFileAtOnce()
 {
-    addPlugin("testsource");
-    addPlugin("testtarget");
-    Core *core = makeCore("[testsource]\nwriteOnInit=hello\n");
-    core->run();
+    Core *core = runSourceAndTarget("[testsource]\nwriteOnInit=hello\n");
     QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "write", Q_ARG(QString, "group/key"),
                                       Q_ARG(QVariant, 42)));
     QSettings file(iniPath(), QSettings::IniFormat);

@@ -269,6 +269,7 @@ private slots:
 
 private:
     std::unique_ptr<MmToOpcUaMapper> makeMapper(const QVariantMap &config = QVariantMap());
+    QList<QVariant> initWith(const QString &key, const QVariant &value);
     QList<QVariant> feed(MmToOpcUaMapper &mapper, const QVariant &data, const QString &machine = QStringLiteral("m1"));
     QList<QVariant> announce(MmToOpcUaMapper &mapper, quint32 mask, const QString &machine = QStringLiteral("m1"));
     WwState lastState(MmToOpcUaMapper &mapper, const QVariant &data, const QString &machine = QStringLiteral("m1"));
@@ -290,6 +291,25 @@ std::unique_ptr<MmToOpcUaMapper> tst_MmToOpcUaMapper::makeMapper(const QVariantM
     }
     m_log.clear();
     return mapper;
+}
+
+// Inits a mapper with machine m1 of fullMachine(), key set to value or taken out where value is invalid, and returns
+// the data of everything emitted.
+QList<QVariant> tst_MmToOpcUaMapper::initWith(const QString &key, const QVariant &value)
+{
+    QVariantMap machine = fullMachine();
+    if (value.isValid())
+        machine.insert(key, value);
+    else
+        machine.remove(key);
+    auto mapper = makeMapper();
+    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    QVariantMap shared;
+    mapper->init(configWith({ { "m1", machine } }), shared);
+    QList<QVariant> emitted;
+    for (const QList<QVariant> &arguments : qAsConst(spy))
+        emitted.append(arguments.at(3));
+    return emitted;
 }
 
 // Feeds one dataset and returns the data of everything emitted for it, the passed-on dataset first.
@@ -533,17 +553,9 @@ void tst_MmToOpcUaMapper::initYear()
     QFETCH(QVariant, value);
     QFETCH(int, expected);
     QFETCH(bool, warns);
-    QVariantMap machine = fullMachine();
-    if (value.isValid())
-        machine.insert(QStringLiteral("YearOfConstruction"), value);
-    else
-        machine.remove(QStringLiteral("YearOfConstruction"));
-    auto mapper = makeMapper();
-    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    QVariantMap shared;
-    mapper->init(configWith({ { "m1", machine } }), shared);
-    QCOMPARE(spy.count(), 2);
-    QCOMPARE(int(spy.at(0).at(3).value<WwIdentification>().YearOfConstruction), expected);
+    const QList<QVariant> emitted = initWith(QStringLiteral("YearOfConstruction"), value);
+    QCOMPARE(emitted.size(), 2);
+    QCOMPARE(int(emitted.at(0).value<WwIdentification>().YearOfConstruction), expected);
     QCOMPARE(m_log.ofComponent().contains(missing(QStringLiteral("YearOfConstruction"))), warns);
     QCOMPARE(m_log.ofComponent().size(), warns ? 2 : 1);
 }
@@ -563,16 +575,8 @@ void tst_MmToOpcUaMapper::initMonth()
 {
     QFETCH(QVariant, value);
     QFETCH(int, expected);
-    QVariantMap machine = fullMachine();
-    if (value.isValid())
-        machine.insert(QStringLiteral("MonthOfConstruction"), value);
-    else
-        machine.remove(QStringLiteral("MonthOfConstruction"));
-    auto mapper = makeMapper();
-    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    QVariantMap shared;
-    mapper->init(configWith({ { "m1", machine } }), shared);
-    const std::optional<quint8> month = spy.at(0).at(3).value<WwIdentification>().MonthOfConstruction;
+    const QList<QVariant> emitted = initWith(QStringLiteral("MonthOfConstruction"), value);
+    const std::optional<quint8> month = emitted.at(0).value<WwIdentification>().MonthOfConstruction;
     if (expected < 0) {
         QVERIFY(!month);
         QCOMPARE(m_log.ofComponent().mid(1), QStringList { missing(QStringLiteral("MonthOfConstruction")) });
@@ -607,16 +611,8 @@ void tst_MmToOpcUaMapper::initOperationDate()
 {
     QFETCH(QVariant, value);
     QFETCH(QDateTime, expected);
-    QVariantMap machine = fullMachine();
-    if (value.isValid())
-        machine.insert(QStringLiteral("InitialOperationDate"), value);
-    else
-        machine.remove(QStringLiteral("InitialOperationDate"));
-    auto mapper = makeMapper();
-    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    QVariantMap shared;
-    mapper->init(configWith({ { "m1", machine } }), shared);
-    const std::optional<QDateTime> date = spy.at(0).at(3).value<WwIdentification>().InitialOperationDate;
+    const QList<QVariant> emitted = initWith(QStringLiteral("InitialOperationDate"), value);
+    const std::optional<QDateTime> date = emitted.at(0).value<WwIdentification>().InitialOperationDate;
     if (expected.isValid()) {
         QVERIFY(date);
         QCOMPARE(*date, expected);
@@ -643,14 +639,9 @@ void tst_MmToOpcUaMapper::initDeviceClass()
 {
     QFETCH(QString, deviceClass);
     QFETCH(bool, moves);
-    QVariantMap machine = fullMachine();
-    machine.insert(QStringLiteral("DeviceClass"), deviceClass);
-    auto mapper = makeMapper();
-    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
-    QVariantMap shared;
-    mapper->init(configWith({ { "m1", machine } }), shared);
+    const QList<QVariant> emitted = initWith(QStringLiteral("DeviceClass"), deviceClass);
     const QString common = QStringLiteral("WorkpiecePresent=0 RecipeInRun=0 RecipeInSetup=0 EnergySaving=0 ");
-    COMPARE_RECORD(spy.at(1).at(3).value<WwState>(),
+    COMPARE_RECORD(emitted.at(1).value<WwState>(),
         stateOf(0, 0, common + (moves ? QStringLiteral("Moving=0") : QStringLiteral("FeedRuns=0"))));
 }
 

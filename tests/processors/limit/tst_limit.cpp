@@ -443,6 +443,7 @@ private slots:
     void unknownTypeAlwaysPasses();
     void stateKeepAliveZero();
     void stateKeepAlive();
+    void stateKeepAliveBoundary();
 
     void operatingDataLeavesWithTimer();
     void operatingDataLatestAndInMachineOrder();
@@ -456,6 +457,8 @@ private slots:
     void onlyChangedEntriesLeave();
     void singleEntries_data() { listKinds(); }
     void singleEntries();
+    void singleEntryRepeatIsDroppedByItsType_data() { listKinds(); }
+    void singleEntryRepeatIsDroppedByItsType();
     void waitTimeHoldsPendingEntries_data() { listKinds(); }
     void waitTimeHoldsPendingEntries();
     void laterChangeOfAnotherMachineReleases_data() { listKinds(); }
@@ -466,6 +469,8 @@ private slots:
     void flushRestartsWaitOfIdleMachine();
     void kindsWaitIndependently_data() { listKinds(); }
     void kindsWaitIndependently();
+    void machinesWithoutEntriesAreNotVisited_data() { listKinds(); }
+    void machinesWithoutEntriesAreNotVisited();
     void dropMessagesNeedDebug_data() { listKinds(); }
     void dropMessagesNeedDebug();
 
@@ -834,6 +839,37 @@ void tst_Limit::stateKeepAlive()
     QVERIFY(m_log.lines().isEmpty());
 }
 
+void tst_Limit::stateKeepAliveBoundary()
+{
+    Limit limit;
+    configure(limit, 0, 100);
+    limit.setClock(&fakeNow);
+    QSignalSpy spy(&limit, Processed);
+
+    s_now = Start;
+    send(limit, QVariant::fromValue(state(2)));
+    s_now = Start + 99;
+    send(limit, QVariant::fromValue(state(2)));
+    QCOMPARE(spy.count(), 1);
+    // Exactly the keep-alive time after the last one that passed is no longer fewer milliseconds.
+    s_now = Start + 100;
+    send(limit, QVariant::fromValue(state(2)));
+    QCOMPARE(spy.count(), 2);
+
+    // A state that differs from the last one passes at once and restarts the keep-alive time as well.
+    s_now = Start + 150;
+    send(limit, QVariant::fromValue(state(3)));
+    s_now = Start + 160;
+    send(limit, QVariant::fromValue(state(2)));
+    QCOMPARE(spy.count(), 4);
+    s_now = Start + 259;
+    send(limit, QVariant::fromValue(state(2)));
+    QCOMPARE(spy.count(), 4);
+    s_now = Start + 260;
+    send(limit, QVariant::fromValue(state(2)));
+    QCOMPARE(spy.count(), 5);
+}
+
 void tst_Limit::operatingDataLeavesWithTimer()
 {
     Limit limit;
@@ -1004,6 +1040,28 @@ void tst_Limit::singleEntries()
     QCOMPARE(entriesOf(kind, spy.at(2).at(3)), (Entries { { "y", 2 } }));
 }
 
+void tst_Limit::singleEntryRepeatIsDroppedByItsType()
+{
+    QFETCH(Kind, kind);
+
+    Limit limit;
+    configure(limit, 0);
+    QSignalSpy spy(&limit, Processed);
+    send(limit, makeItem(kind, "x", 1));
+    send(limit, makeList(kind, { { "x", 2 } }));
+    QCOMPARE(spy.count(), 2);
+
+    // The repeat equals the last single entry of the machine, so it is dropped before the entry table is consulted,
+    // although the table holds the list's item by now.
+    send(limit, makeItem(kind, "x", 1));
+    QCOMPARE(spy.count(), 2);
+
+    send(limit, makeItem(kind, "x", 3));
+    send(limit, makeItem(kind, "x", 1));
+    QCOMPARE(spy.count(), 4);
+    QCOMPARE(entriesOf(kind, spy.last().at(3)), (Entries { { "x", 1 } }));
+}
+
 void tst_Limit::waitTimeHoldsPendingEntries()
 {
     QFETCH(Kind, kind);
@@ -1131,6 +1189,30 @@ void tst_Limit::kindsWaitIndependently()
     }
     QCOMPARE(spy.count(), 4);
     QVERIFY(m_log.lines().isEmpty());
+}
+
+void tst_Limit::machinesWithoutEntriesAreNotVisited()
+{
+    QFETCH(Kind, kind);
+
+    const quint32 wait = 1000;
+    Limit limit;
+    configure(limit, wait);
+    QSignalSpy spy(&limit, Processed);
+
+    // Machines the limiter knows, yet without entries of this kind: one sent only a state, one only an empty list.
+    send(limit, QVariant::fromValue(state(2)), "a0");
+    send(limit, makeList(kind, {}), "a1");
+    QCOMPARE(spy.count(), 1);
+    send(limit, makeItem(kind, "x", 1), "m1");
+    QCOMPARE(spy.count(), 2);
+    QVERIFY(m_log.lines().isEmpty());
+
+    // The flush of this change finds only m1 within its wait time; the others are no part of it.
+    send(limit, makeItem(kind, "x", 2), "m1");
+    QCOMPARE(spy.count(), 2);
+    QCOMPARE(m_log.lines().size(), 1);
+    checkDropLine(m_log.lines().at(0), kind, wait);
 }
 
 void tst_Limit::dropMessagesNeedDebug()

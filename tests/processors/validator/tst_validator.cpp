@@ -136,6 +136,7 @@ private slots:
     void conditionTypesPerMachine();
     void laterDefinitionReplacesType();
     void repairWithoutDebugOutput();
+    void repairedKeepTimestampMachineAndSource();
 
 private:
     void process(Validator &validator, const QVariant &data, const QString &machine = QStringLiteral("m1"));
@@ -677,6 +678,26 @@ void tst_Validator::repairWithoutDebugOutput()
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(1).at(3)).value, QVariant(3));
     QCOMPARE(qvariant_cast<MaintenanceDefinitionV1>(spy.at(2).at(3)).unitCode, QStringLiteral("HUR"));
     QCOMPARE(m_log.lines(), QStringList { warning("Couldn't interpret y from m1 as Integer") });
+}
+
+void tst_Validator::repairedKeepTimestampMachineAndSource()
+{
+    Validator validator;
+    QSignalSpy spy(&validator, Processed);
+    const QDateTime later = When.addSecs(3600);
+    validator.processData(later, "m2", "s2", QVariant::fromValue(definition("x", 1)));
+    validator.processData(later.addSecs(1), "m2", "s3", QVariant::fromValue(value("x", "3")));
+    validator.processData(later.addSecs(2), "m3", "s4", QVariant::fromValue(maintenance("oil", "h")));
+
+    QCOMPARE(spy.count(), 3);
+    QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(1).at(3)).value, QVariant(3));
+    QCOMPARE(spy.at(1).at(0).toDateTime(), later.addSecs(1));
+    QCOMPARE(spy.at(1).at(1).toString(), QStringLiteral("m2"));
+    QCOMPARE(spy.at(1).at(2).toString(), QStringLiteral("s3"));
+    QCOMPARE(qvariant_cast<MaintenanceDefinitionV1>(spy.at(2).at(3)).unitCode, QStringLiteral("HUR"));
+    QCOMPARE(spy.at(2).at(0).toDateTime(), later.addSecs(2));
+    QCOMPARE(spy.at(2).at(1).toString(), QStringLiteral("m3"));
+    QCOMPARE(spy.at(2).at(2).toString(), QStringLiteral("s4"));
 }
 
 QTEST_GUILESS_MAIN(tst_Validator)

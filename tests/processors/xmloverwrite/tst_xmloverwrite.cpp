@@ -101,6 +101,7 @@ private slots:
     void noDebugMessagesWhenFiltered();
     void relativePathFromWorkingDirectory();
     void rewritesOnlyMaintenanceDefinitionLists();
+    void passedDatasetsKeepTimestampMachineAndSource();
     void emptyCommentIsEmptyText();
     void secondInitStartsAfresh();
     void readsFileNamedInIniFile();
@@ -442,6 +443,31 @@ void tst_XmlOverwrite::rewritesOnlyMaintenanceDefinitionLists()
 
     const QVariant empty = definitions({});
     QCOMPARE(qvariant_cast<MaintenanceDefinitionsV1>(processed(overwrite, "m1", empty)).items.size(), 0);
+}
+
+void tst_XmlOverwrite::passedDatasetsKeepTimestampMachineAndSource()
+{
+    const QString path = writeXml(QStringLiteral("m1.xml"),
+        "<MaintenanceComponents><MaintenanceComponent ID=\"42\"><Comment>Belt</Comment>"
+        "</MaintenanceComponent></MaintenanceComponents>");
+    XmlOverwrite overwrite;
+    QVariantMap shared;
+    overwrite.init(xmlConfig({ { "m1", machineFile(path) } }), shared);
+
+    QSignalSpy spy(&overwrite, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    overwrite.processData(When.addDays(1), "m1", "source 1", QVariant::fromValue(StateV1 { 4 }));
+    overwrite.processData(When.addDays(2), "m2", "source 2", definitions({ definition("42") }));
+    overwrite.processData(When.addDays(3), "m1", "source 3", definitions({ definition("41") }));
+
+    QCOMPARE(spy.count(), 3);
+    for (int i = 0; i < 3; ++i) {
+        QCOMPARE(spy.at(i).at(0).toDateTime(), When.addDays(i + 1));
+        QCOMPARE(spy.at(i).at(1).toString(), i == 1 ? QStringLiteral("m2") : QStringLiteral("m1"));
+        QCOMPARE(spy.at(i).at(2).toString(), QStringLiteral("source %1").arg(i + 1));
+    }
+    QCOMPARE(qvariant_cast<StateV1>(spy.at(0).at(3)), StateV1 { 4 });
+    QCOMPARE(commentsOf(spy.at(1).at(3)), QStringList { "own" });
+    QCOMPARE(commentsOf(spy.at(2).at(3)), QStringList { "own" });
 }
 
 void tst_XmlOverwrite::emptyCommentIsEmptyText()

@@ -1,4 +1,5 @@
 #include "core.h"
+#include "logcapture.h"
 #include "mmdatasets.h"
 #include "testsupport.h"
 #include "unitoverwrite.h"
@@ -214,6 +215,7 @@ private slots:
     void clearedUnitCodesAreEmptyNotNull();
     void keepsTimestampMachineAndSource();
     void laterEntryReplacesEarlier();
+    void nothingIsLogged();
     void readsOverridesFromIniFile();
     void chainProcessorGetsIniOverrides();
 
@@ -552,6 +554,32 @@ void tst_UnitOverwrite::laterEntryReplacesEarlier()
     QSignalSpy spy(&overwrite, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     overwrite.processData(When, "m1", "src", QVariant::fromValue(conditionData("c1", 1)));
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.first().at(3)).value, QVariant(1));
+}
+
+void tst_UnitOverwrite::nothingIsLogged()
+{
+    // Unknown categories, ids and machines and numbers that are none have no effect, and none is reported.
+    LogCapture log(QStringLiteral("unitOverwrite"));
+    log.start(QStringLiteral("*.debug=true"));
+    QVariantMap config = overrideConfig("m1", "conditions", "*", "mm", "3");
+    config = withOverride(config, "m1", "condition", "c1", entry("mm", "two"));
+    config = withOverride(config, "m1", "maintenance", "mt1", entry(QVariant(), QVariant()));
+    QVariantMap group = config.value(QStringLiteral("unitOverwrite")).toMap();
+    group.insert(QStringLiteral("m2"), QStringLiteral("not a group"));
+    config.insert(QStringLiteral("unitOverwrite"), group);
+
+    UnitOverwrite overwrite;
+    QVariantMap shared;
+    QVERIFY(overwrite.init(config, shared));
+    QSignalSpy spy(&overwrite, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    overwrite.processData(When, "m1", "src", conditionDatas({ conditionData("c1", "abc"), conditionData("c9", 1) }));
+    overwrite.processData(When, "m1", "src", QVariant::fromValue(conditionDefinition("c1", "m", "x", "")));
+    overwrite.processData(When, "m1", "src", QVariant::fromValue(maintenanceDefinition("mt1", "s", 1, 2)));
+    overwrite.processData(When, "m2", "src", QVariant::fromValue(maintenanceData("mt1", 1, 2)));
+    overwrite.processData(When, "m3", "src", QVariant::fromValue(StateV1 { 9 }));
+    log.stop();
+    QCOMPARE(spy.count(), 5);
+    QCOMPARE(log.lines(), QStringList());
 }
 
 void tst_UnitOverwrite::readsOverridesFromIniFile()

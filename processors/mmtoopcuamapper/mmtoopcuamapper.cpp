@@ -316,7 +316,8 @@ void MmToOpcUaMapper::processData(QDateTime timestamp, QString machine, QString 
     record.lastSource = source;
 
     const int type = data.userType();
-    if (type == qMetaTypeId<WwCapabilities>())
+    // A datasource may hand in a type of its own that converts; a failed conversion yields the mask 0.
+    if (data.canConvert<WwCapabilities>())
         record.capabilities = qvariant_cast<WwCapabilities>(data).Mask;
     if (!record.capabilities && record.firstSeen.elapsed(now) >= m_capabilityTimeout)
         record.capabilities = 0;

@@ -181,7 +181,24 @@ QVariantMap configWith(const QVariantMap &machines)
     return QVariantMap { { "opcuawwcsidentification", machines } };
 }
 
+/** A datasource's own type that converts to WwCapabilities, or fails to where valid is false. */
+struct CapabilityCarrier
+{
+    quint32 mask = 0;
+    bool valid = true;
+
+    WwCapabilities toCapabilities(bool *ok) const
+    {
+        *ok = valid;
+        WwCapabilities capabilities;
+        capabilities.Mask = valid ? mask : 0xffffffffu;
+        return capabilities;
+    }
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(CapabilityCarrier)
 
 class tst_MmToOpcUaMapper : public QObject
 {
@@ -217,6 +234,7 @@ private slots:
     void capabilityDefaultAfterTimeout();
     void capabilityDefaultOnRealClock();
     void capabilitiesReplaced();
+    void capabilitiesConverted();
     void ownStateStopsStateAndGeneral();
     void ownIdentificationAccepted();
     void ownIdentificationWithoutCapability();
@@ -359,6 +377,7 @@ void tst_MmToOpcUaMapper::initTestCase()
     QMetaType::registerEqualsComparator<WwBaseEventType>();
     QMetaType::registerEqualsComparator<WwCapabilities>();
     QMetaType::registerEqualsComparator<WwManufacturerSpecific>();
+    QVERIFY((QMetaType::registerConverter<CapabilityCarrier, WwCapabilities>(&CapabilityCarrier::toCapabilities)));
 }
 
 void tst_MmToOpcUaMapper::init()
@@ -823,6 +842,23 @@ void tst_MmToOpcUaMapper::capabilitiesReplaced()
     announce(*mapper, 2, QStringLiteral("m2"));
     QCOMPARE(feed(*mapper, stateCode(2)).size(), 2);
     QCOMPARE(feed(*mapper, stateCode(2), QStringLiteral("m2")).size(), 1);
+}
+
+void tst_MmToOpcUaMapper::capabilitiesConverted()
+{
+    auto mapper = makeMapper();
+    CapabilityCarrier carrier;
+    carrier.mask = 0;
+    QCOMPARE(feed(*mapper, wrap(carrier)).size(), 1);
+    QCOMPARE(feed(*mapper, stateCode(2)).size(), 2);
+    carrier.mask = 2;
+    QCOMPARE(feed(*mapper, wrap(carrier)).size(), 1);
+    QCOMPARE(feed(*mapper, stateCode(2)).size(), 1);
+    // A conversion that fails stores the mask 0, whatever the converter left behind.
+    carrier.valid = false;
+    QCOMPARE(feed(*mapper, wrap(carrier), QStringLiteral("m2")).size(), 1);
+    QCOMPARE(feed(*mapper, stateCode(2), QStringLiteral("m2")).size(), 2);
+    QVERIFY(m_log.ofComponent().isEmpty());
 }
 
 void tst_MmToOpcUaMapper::ownStateStopsStateAndGeneral()

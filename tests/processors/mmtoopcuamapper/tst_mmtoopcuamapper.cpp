@@ -562,6 +562,7 @@ void tst_MmToOpcUaMapper::initYear_data()
     QTest::addColumn<bool>("warns");
     QTest::newRow("text") << QVariant(QStringLiteral("2019")) << 2019 << false;
     QTest::newRow("typed") << QVariant(2020) << 2020 << false;
+    QTest::newRow("zero is a number") << QVariant(QStringLiteral("0")) << 0 << false;
     QTest::newRow("not a number") << QVariant(QStringLiteral("twenty")) << 0 << true;
     QTest::newRow("empty") << QVariant(QString()) << 0 << true;
     QTest::newRow("missing") << QVariant() << 0 << true;
@@ -586,6 +587,7 @@ void tst_MmToOpcUaMapper::initMonth_data()
     QTest::newRow("text") << QVariant(QStringLiteral("3")) << 3;
     QTest::newRow("typed") << QVariant(11) << 11;
     QTest::newRow("13 without range check") << QVariant(QStringLiteral("13")) << 13;
+    QTest::newRow("zero is a number") << QVariant(QStringLiteral("0")) << 0;
     QTest::newRow("not a number") << QVariant(QStringLiteral("March")) << -1;
     QTest::newRow("missing") << QVariant() << -1;
 }

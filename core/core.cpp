@@ -111,9 +111,6 @@ Core::~Core()
         delete target;
     for (IProcessor *processor : qAsConst(m_processors))
         delete processor;
-    m_datasources.clear();
-    m_targets.clear();
-    m_processors.clear();
 }
 
 QString Core::pluginDirectory()
@@ -262,16 +259,15 @@ void Core::connectProcessors()
     }
 }
 
-bool Core::connectWriteConfig(QObject *object, const QString &name, bool signalOnly)
+void Core::connectWriteConfig(QObject *object, const QString &name, bool signalOnly)
 {
     const QMetaObject *meta = object->metaObject();
     const QByteArray signature = QMetaObject::normalizedSignature("writeConfig(QString,QVariant)");
     const int index = signalOnly ? meta->indexOfSignal(signature.constData()) : meta->indexOfMethod(signature.constData());
     if (index < 0)
-        return false;
+        return;
     QObject::connect(object, WriteConfigSignal, this, WriteConfigSlot);
     qCDebug(lcCore) << QStringLiteral("%1 provides writeConfig").arg(name);
-    return true;
 }
 
 void Core::initProcessors()

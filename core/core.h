@@ -67,7 +67,7 @@ private:
     void initProcessors();
     void initTargets();
     void initDatasources();
-    bool connectWriteConfig(QObject *object, const QString &name, bool signalOnly);
+    void connectWriteConfig(QObject *object, const QString &name, bool signalOnly);
 
     bool m_service;
     bool m_running = false;

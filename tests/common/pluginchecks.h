@@ -66,7 +66,7 @@ inline void checkTargetLibrary(const QString &file, const QString &name)
 }
 
 /**
- * Checks that plugins/<folder>/sample.ini is the group followed by every key of the table in its order, each as a
+ * Checks that plugins/<folder>/sample.ini (folder as "datasources/replay") is the group followed by every key of the table in its order, each as a
  * comment line with its meaning and a line key=default, and that QSettings reads each default as written.
  */
 inline void checkSampleIni(const QString &folder, const QString &group, const QVector<PluginSettings::Key> &keys)

@@ -1,0 +1,56 @@
+#ifndef ORVIX_MQTTIN_H
+#define ORVIX_MQTTIN_H
+
+#include "idatasource.h"
+#include "mqttconnection.h"
+#include "mqttsettings.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+
+/**
+ * A datasource that subscribes to topics at an MQTT broker and emits the datasets that arrive there in their JSON
+ * form, one per message or several as JSON lines. Requests from the targets go back to the broker, one topic per
+ * machine.
+ */
+class MqttIn : public QObject, public IDatasource
+{
+    Q_OBJECT
+    Q_INTERFACES(IDatasource)
+public:
+    /** Every key of the group mqttIn, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
+
+    explicit MqttIn(QObject *parent = nullptr);
+    ~MqttIn() override;
+
+    /** Checks the settings and starts connecting; false only when the settings can't work. */
+    bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "mqttIn". */
+    QString name() const override;
+
+    /** The reconnect back-off, 1000 ms to 60000 ms unless set before init; tests restart brokers quickly with it. */
+    void setReconnectDelays(int initialMs, int maximumMs);
+
+signals:
+    /** One dataset of a message, in the order of the message's lines. */
+    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+public slots:
+    /** Publishes the request as JSON to "orvix/request/" and the machine. */
+    void machineRequest(QString machine, QVariant request);
+
+private:
+    void receive(const QByteArray &topic, const QByteArray &payload);
+
+    MqttConnection m_connection;
+    bool m_initialised = false;
+    int m_qos = 1;
+    qint64 m_maxPayload = 0;
+};
+
+#endif

@@ -1,0 +1,53 @@
+#ifndef ORVIX_REPLAY_H
+#define ORVIX_REPLAY_H
+
+#include "datasetcodec.h"
+#include "idatasource.h"
+#include "pluginsettings.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+#include <QVariant>
+#include <QVector>
+
+/**
+ * A datasource that sends the datasets of a JSON-lines file (the codec's form, one dataset per line) in file order,
+ * with a pause between two of them, once or over and over.
+ */
+class Replay : public QObject, public IDatasource
+{
+    Q_OBJECT
+    Q_INTERFACES(IDatasource)
+public:
+    /** Every key of the group replay, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
+
+    explicit Replay(QObject *parent = nullptr);
+
+    /** Opens the file and schedules its first dataset; false when the file can't be read. */
+    bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "replay". */
+    QString name() const override;
+
+signals:
+    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    void sendPending();
+    void scheduleNext();
+    bool readDataset(qint64 *delay);
+
+    QFile m_file;
+    QTimer m_timer;
+    int m_interval = 0;
+    bool m_loop = false;
+    qint64 m_lineNumber = 0;
+    qint64 m_sent = 0;
+    qint64 m_datasetsThisPass = 0;
+    DatasetCodec::Dataset m_pending;
+};
+
+#endif

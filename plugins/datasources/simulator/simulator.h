@@ -1,0 +1,60 @@
+#ifndef ORVIX_SIMULATOR_H
+#define ORVIX_SIMULATOR_H
+
+#include "idatasource.h"
+#include "pluginsettings.h"
+
+#include <QDateTime>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+#include <QVariant>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+/**
+ * A datasource that simulates woodworking machines through a working day: each sends its nameplate first and then
+ * its state record every interval, with alarm and warning events along the way. A seed makes a run repeatable.
+ */
+class Simulator : public QObject, public IDatasource
+{
+    Q_OBJECT
+    Q_INTERFACES(IDatasource)
+public:
+    /** Every key of the group simulator, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
+
+    explicit Simulator(QObject *parent = nullptr);
+    ~Simulator() override;
+
+    /** Creates the machines from the group simulator and starts the interval timer. */
+    bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "simulator". */
+    QString name() const override;
+
+    /** Replaces the clock that stamps the datasets (by default the current time in UTC), so tests can repeat a run. */
+    void setClock(std::function<QDateTime()> clock);
+    /** The seed of the run: the configured one, or the one drawn by init when none is configured. */
+    quint64 seed() const { return m_seed; }
+
+signals:
+    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+public slots:
+    /** One round: every machine moves on by the interval and sends its datasets. The timer calls it every interval. */
+    void tick();
+
+private:
+    struct Machine;
+
+    std::vector<std::unique_ptr<Machine>> m_machines;
+    std::function<QDateTime()> m_clock;
+    QTimer m_timer;
+    int m_interval = 0;
+    quint64 m_seed = 0;
+};
+
+#endif

@@ -1,0 +1,79 @@
+#ifndef ORVIX_MQTTOUT_H
+#define ORVIX_MQTTOUT_H
+
+#include "itarget.h"
+#include "mqttconnection.h"
+#include "mqttsettings.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QHash>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+#include <memory>
+
+class MqttSpool;
+
+/**
+ * A target that publishes every dataset in its JSON form to an MQTT broker. Each dataset goes to an on-disk spool
+ * first and leaves it when the broker has it (at QoS 1: when the broker acknowledged it), so datasets wait out a
+ * broker that is away, and a restarted orvix sends what the last run could not.
+ */
+class MqttOut : public QObject, public ITarget
+{
+    Q_OBJECT
+    Q_INTERFACES(ITarget)
+public:
+    /** Every key of the group mqttOut, in the order its sample.ini documents them. */
+    static const QVector<PluginSettings::Key> &settings();
+
+    explicit MqttOut(QObject *parent = nullptr);
+    ~MqttOut() override;
+
+    /** Checks the settings, opens the spool and starts connecting; false only when the settings can't work. */
+    bool init(const QVariantMap &config, QVariantMap &shared) override;
+    /** "mqttOut". */
+    QString name() const override;
+
+    /** The reconnect back-off, 1000 ms to 60000 ms unless set before init; tests restart brokers quickly with it. */
+    void setReconnectDelays(int initialMs, int maximumMs);
+    /** Datasets in the spool that have not reached the broker yet. */
+    qint64 spooled() const;
+
+public slots:
+    /** Appends the dataset to the spool and publishes it as soon as the connection allows. */
+    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    /** A message handed to the library, waiting for its confirmation. */
+    struct InFlight
+    {
+        quint64 sequence = 0;
+        QByteArray topic;
+    };
+
+    QByteArray topicFor(const QString &machine, const QString &source, const QString &type) const;
+    void pump();
+    void confirm(int mid, int reasonCode);
+    void connectionLost();
+
+    MqttConnection m_connection;
+    std::unique_ptr<MqttSpool> m_spool;
+    QString m_topic;
+    QSet<QString> m_retainTypes;
+    int m_qos = 1;
+    int m_initialDelay = 1000;
+    int m_maximumDelay = 60000;
+
+    QHash<int, InFlight> m_inFlight;
+    QSet<QByteArray> m_refusedTopics;
+    bool m_pumping = false;
+    QString m_spoolError;
+};
+
+#endif

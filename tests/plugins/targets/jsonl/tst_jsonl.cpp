@@ -1,0 +1,252 @@
+#include "jsonl.h"
+
+#include "datasetcodec.h"
+#include "logcapture.h"
+#include "mmdatasets.h"
+#include "pluginchecks.h"
+#include "testsupport.h"
+#include "wwtypes.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace TestSupport;
+
+namespace {
+
+QVariantMap config(const QVariant &file)
+{
+    return QVariantMap { { "jsonl", QVariantMap { { "file", file } } } };
+}
+
+const QDateTime When = QDateTime::fromMSecsSinceEpoch(1614585600250, Qt::UTC);
+
+StateV1 state(qint32 code)
+{
+    StateV1 record;
+    record.state = code;
+    return record;
+}
+
+WwState working()
+{
+    WwState record;
+    record.MachineState = 3;
+    record.OperationMode = 1;
+    WwStateFlags flags;
+    flags.MachineOn = true;
+    flags.FeedRuns = true;
+    record.Flags = flags;
+    WwStateValues values;
+    values.FeedSpeed = 12.5;
+    values.AbsolutePiecesOut = 15230;
+    record.Values = values;
+    return record;
+}
+
+/** Standard output, led into a file for as long as the object lives. */
+class CapturedStdout
+{
+public:
+    explicit CapturedStdout(const QString &path)
+    {
+        fflush(stdout);
+        m_saved = dup(STDOUT_FILENO);
+        const int file = open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(file, STDOUT_FILENO);
+        close(file);
+    }
+    ~CapturedStdout()
+    {
+        fflush(stdout);
+        dup2(m_saved, STDOUT_FILENO);
+        close(m_saved);
+    }
+
+private:
+    int m_saved;
+};
+
+} // namespace
+
+class tst_Jsonl : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void metadata();
+    void sampleIniDocumentsEverySetting();
+    void readmeQuotesSampleIni();
+    void writesOneLinePerDatasetAtOnce();
+    void appendsToAnExistingFile();
+    void createsAMissingFolder();
+    void pathWithComma();
+    void standardOutput_data();
+    void standardOutput();
+    void unwritableFile();
+    void folderCannotBeMade();
+    void writeFailureWarnsOnce();
+    void disabledTargetWritesNothing();
+
+private:
+    QTemporaryDir m_dir;
+    LogCapture m_log { QStringLiteral("jsonl") };
+};
+
+void tst_Jsonl::init()
+{
+    m_log.start();
+}
+
+void tst_Jsonl::cleanup()
+{
+    m_log.stop();
+}
+
+void tst_Jsonl::metadata()
+{
+    PluginChecks::checkTargetLibrary("jsonl", "jsonl");
+}
+
+void tst_Jsonl::sampleIniDocumentsEverySetting()
+{
+    PluginChecks::checkSampleIni("targets/jsonl", "jsonl", Jsonl::settings());
+}
+
+void tst_Jsonl::readmeQuotesSampleIni()
+{
+    PluginChecks::checkReadmeQuotesSampleIni("targets/jsonl");
+}
+
+void tst_Jsonl::writesOneLinePerDatasetAtOnce()
+{
+    const QString path = m_dir.filePath("out.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Writing datasets to " + path) });
+
+    target.processData(When, "m1", "opcua", QVariant::fromValue(state(3)));
+    // Read while the target still holds the file open: the line is there without a flush or close.
+    const QByteArray first = DatasetCodec::encodeLine(When, "m1", "opcua", QVariant::fromValue(state(3))) + '\n';
+    QCOMPARE(readFile(path), first);
+
+    target.processData(When, "m2", "sim", QVariant::fromValue(working()));
+    const QByteArray second = DatasetCodec::encodeLine(When, "m2", "sim", QVariant::fromValue(working())) + '\n';
+    QCOMPARE(readFile(path), first + second);
+
+    DatasetCodec::Dataset dataset;
+    QVERIFY(DatasetCodec::decodeLine(second.trimmed(), &dataset));
+    QCOMPARE(dataset.machine, QStringLiteral("m2"));
+    QCOMPARE(qvariant_cast<WwState>(dataset.data), working());
+}
+
+void tst_Jsonl::appendsToAnExistingFile()
+{
+    const QString path = m_dir.filePath("existing.jsonl");
+    QVERIFY(writeFile(path, "earlier line\n"));
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCOMPARE(readFile(path),
+        "earlier line\n" + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(2))) + '\n');
+}
+
+void tst_Jsonl::createsAMissingFolder()
+{
+    const QString path = m_dir.filePath("a/b/c/out.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(4)));
+    QCOMPARE(readFile(path), DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(4))) + '\n');
+}
+
+void tst_Jsonl::pathWithComma()
+{
+    // QSettings reads the unquoted value a,b.jsonl as a list of two texts.
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(QStringList { m_dir.filePath("a"), "b.jsonl" }), shared));
+    QVERIFY(QFile::exists(m_dir.filePath("a,b.jsonl")));
+}
+
+void tst_Jsonl::standardOutput_data()
+{
+    QTest::addColumn<QVariantMap>("configuration");
+    QTest::newRow("empty") << config(QString());
+    QTest::newRow("dash") << config("-");
+    QTest::newRow("no key") << QVariantMap { { "jsonl", QVariantMap() } };
+    QTest::newRow("no group") << QVariantMap();
+}
+
+void tst_Jsonl::standardOutput()
+{
+    QFETCH(QVariantMap, configuration);
+    const QString path = m_dir.filePath("stdout.txt");
+    {
+        CapturedStdout captured(path);
+        Jsonl target;
+        QVariantMap shared;
+        QVERIFY(target.init(configuration, shared));
+        target.processData(When, "m1", "s", QVariant::fromValue(state(5)));
+        target.processData(When, "m1", "s", QVariant::fromValue(state(6)));
+    }
+    QCOMPARE(m_log.lines(), QStringList { m_log.info("Writing datasets to standard output") });
+    QCOMPARE(readFile(path),
+        DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(5))) + '\n'
+            + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(6))) + '\n');
+}
+
+void tst_Jsonl::unwritableFile()
+{
+    // A folder where the file should be: even root cannot open that for writing.
+    const QString path = m_dir.filePath("folder");
+    QVERIFY(QDir().mkpath(path));
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(!target.init(config(path), shared));
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't open " + path + " for writing: Is a directory") });
+}
+
+void tst_Jsonl::folderCannotBeMade()
+{
+    QVERIFY(writeFile(m_dir.filePath("plain"), "a file, not a folder\n"));
+    const QString path = m_dir.filePath("plain/sub/out.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(!target.init(config(path), shared));
+    QCOMPARE(m_log.lines(),
+        QStringList { m_log.warning(QStringLiteral("Can't open %1 for writing: can't create the folder %2")
+                                        .arg(path, m_dir.filePath("plain/sub"))) });
+}
+
+void tst_Jsonl::writeFailureWarnsOnce()
+{
+    if (!QFile::exists("/dev/full"))
+        QSKIP("needs /dev/full");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config("/dev/full"), shared));
+    m_log.clear();
+    target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't write to /dev/full: No space left on device") });
+}
+
+void tst_Jsonl::disabledTargetWritesNothing()
+{
+    // Core leaves a disabled target connected but never calls its init.
+    Jsonl target;
+    target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
+    QVERIFY(m_log.lines().isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_Jsonl)
+#include "tst_jsonl.moc"

@@ -3,7 +3,7 @@
 
 #include "idatasource.h"
 #include "itarget.h"
-#include "pluginsettings.h"
+#include "settingkey.h"
 #include "testsupport.h"
 
 #include <QJsonObject>
@@ -14,6 +14,8 @@
 #include <QStringList>
 #include <QVector>
 #include <QtTest>
+
+#include <cstdio>
 
 /**
  * The checks that the tests of every shipped plugin make: the built library against the plugin contract, and the
@@ -66,23 +68,52 @@ inline void checkTargetLibrary(const QString &file, const QString &name)
 }
 
 /**
- * Checks that plugins/<folder>/sample.ini (folder as "datasources/replay") is the group followed by every key of the table in its order, each as a
- * comment line with its meaning and a line key=default, and that QSettings reads each default as written.
+ * Checks that plugins/<folder>/sample.ini (folder as "datasources/replay") is the group followed by every key of the
+ * table in its order, each as a comment line with its meaning and a line key=default, that QSettings reads each
+ * default as written, and that each default fits its key (an empty one stands for "none").
  */
-inline void checkSampleIni(const QString &folder, const QString &group, const QVector<PluginSettings::Key> &keys)
+inline void checkSampleIni(const QString &folder, const QString &group, const QVector<SettingKey> &keys)
 {
     const QString path = Detail::pluginFile(folder, "sample.ini");
     QStringList expected { QStringLiteral("[%1]").arg(group) };
-    for (const PluginSettings::Key &key : keys) {
+    for (const SettingKey &key : keys) {
         expected << QStringLiteral("; %1").arg(QString::fromUtf8(key.meaning))
-                 << QStringLiteral("%1=%2").arg(QString::fromLatin1(key.key), QString::fromUtf8(key.defaultValue));
+                 << QStringLiteral("%1=%2").arg(QString::fromLatin1(key.name), QString::fromUtf8(key.defaultValue));
+        QVariant parsed;
+        QVERIFY2(!*key.defaultValue || key.parse(QString::fromUtf8(key.defaultValue), &parsed), key.name);
     }
     QCOMPARE(QString::fromUtf8(TestSupport::readFile(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts), expected);
 
     QSettings ini(path, QSettings::IniFormat);
     ini.beginGroup(group);
-    for (const PluginSettings::Key &key : keys)
-        QCOMPARE(ini.value(QString::fromLatin1(key.key)).toString(), QString::fromUtf8(key.defaultValue));
+    for (const SettingKey &key : keys)
+        QCOMPARE(ini.value(QString::fromLatin1(key.name)).toString(), QString::fromUtf8(key.defaultValue));
+}
+
+/** The README's table of the keys: name, type with bounds, default and meaning, a row per key in the table's order. */
+inline QString keyTable(const QVector<SettingKey> &keys)
+{
+    QString table = QStringLiteral("| Key | Type | Default | Meaning |\n|---|---|---|---|\n");
+    for (const SettingKey &key : keys) {
+        const QString value = QString::fromUtf8(key.defaultValue);
+        table += QStringLiteral("| `%1` | %2 | %3 | %4 |\n")
+                     .arg(QString::fromLatin1(key.name), key.typeText(),
+                         value.isEmpty() ? QStringLiteral("empty") : QLatin1Char('`') + value + QLatin1Char('`'),
+                         QString::fromUtf8(key.meaning));
+    }
+    return table;
+}
+
+/** Checks that plugins/<folder>/README.md holds keyTable() of the table, so the two can't drift apart. */
+inline void checkReadmeKeyTable(const QString &folder, const QVector<SettingKey> &keys)
+{
+    const QString table = keyTable(keys);
+    const QString readme = QString::fromUtf8(TestSupport::readFile(Detail::pluginFile(folder, "README.md")));
+    if (!readme.contains(QLatin1Char('\n') + table + QLatin1Char('\n'))) {
+        // Whole, where QtTest would cut a long table short: ready to paste into the README.
+        std::fputs(qPrintable(table), stderr);
+        QFAIL("README.md lacks the key table printed above, between empty lines");
+    }
 }
 
 /** Checks that plugins/<folder>/README.md quotes the folder's sample.ini whole, as an ini block. */

@@ -13,14 +13,15 @@ const QString Group = QStringLiteral("mqttIn");
 
 } // namespace
 
-const QVector<PluginSettings::Key> &MqttIn::settings()
+const QVector<SettingKey> &MqttIn::settings()
 {
-    static const QVector<PluginSettings::Key> table
+    static const QVector<SettingKey> table
         = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name and -in.")
-        + QVector<PluginSettings::Key> {
-              { "topics", "orvix/in/#", "Topic filters subscribed to, separated by commas." },
-              { "qos", "1", "QoS of the subscriptions and of the published requests, 0 or 1." },
-              { "maxPayload", "262144", "Bytes a message may have; a larger one is dropped with a warning." },
+        + QVector<SettingKey> {
+              SettingKey::list("topics", "orvix/in/#", "Topic filters subscribed to, separated by commas."),
+              SettingKey::whole("qos", "1", 0, 1, "QoS of the subscriptions and of the published requests, 0 or 1."),
+              SettingKey::whole("maxPayload", "262144", 1, 268435455,
+                  "Bytes a message may have; a larger one is dropped with a warning."),
           };
     return table;
 }
@@ -39,14 +40,14 @@ MqttIn::~MqttIn()
 
 bool MqttIn::init(const QVariantMap &config, QVariantMap &)
 {
-    const MqttSettings settings(config.value(Group).toMap(), MqttIn::settings());
+    const MqttSettings settings(config.value(Group).toMap(), MqttIn::settings(), lcMqttIn());
     MqttConnection::Options options;
-    qint64 qos = 1;
+    quint64 qos = 1;
+    quint64 maxPayload = 0;
     QString error;
     bool usable
         = settings.connectionOptions(QStringLiteral("orvix-%1-in").arg(QSysInfo::machineHostName()), &options, &error)
-        && settings.integer("qos", 0, 1, &qos, &error)
-        && settings.integer("maxPayload", 1, 268435455, &m_maxPayload, &error);
+        && settings.number("qos", &qos, &error) && settings.number("maxPayload", &maxPayload, &error);
     const QStringList topics = settings.list("topics");
     if (usable && topics.isEmpty()) {
         error = QStringLiteral("topics is empty");
@@ -63,6 +64,7 @@ bool MqttIn::init(const QVariantMap &config, QVariantMap &)
         return false;
     }
     m_qos = int(qos);
+    m_maxPayload = qint64(maxPayload);
     qCInfo(lcMqttIn) << QStringLiteral("Subscribing to %1 at %2 as %3")
                             .arg(topics.join(QStringLiteral(", ")),
                                 options.host + QLatin1Char(':') + QString::number(options.port), options.clientId);

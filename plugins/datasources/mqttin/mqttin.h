@@ -23,7 +23,7 @@ class MqttIn : public QObject, public IDatasource
     Q_INTERFACES(IDatasource)
 public:
     /** Every key of the group mqttIn, in the order its sample.ini documents them. */
-    static const QVector<PluginSettings::Key> &settings();
+    static const QVector<SettingKey> &settings();
 
     explicit MqttIn(QObject *parent = nullptr);
     ~MqttIn() override;

@@ -15,27 +15,17 @@ const QString Group = QStringLiteral("replay");
 const QString DelayKey = QStringLiteral("delayMs");
 constexpr int MaxPause = std::numeric_limits<int>::max();
 
-bool settingBool(const PluginSettings &settings, const char *key)
-{
-    const QString text = settings.text(key).trimmed().toLower();
-    if (text == QLatin1String("true") || text == QLatin1String("yes") || text == QLatin1String("1"))
-        return true;
-    if (text == QLatin1String("false") || text == QLatin1String("no") || text == QLatin1String("0"))
-        return false;
-    PluginSettings::warnInvalid(lcReplay(), text, key, settings.defaultText(key));
-    return settings.defaultText(key) == QLatin1String("true");
-}
-
 } // namespace
 
-const QVector<PluginSettings::Key> &Replay::settings()
+const QVector<SettingKey> &Replay::settings()
 {
-    static const QVector<PluginSettings::Key> table {
-        { "file", "", "JSON-lines file to replay, one dataset per line in the form of codec/README.md." },
-        { "interval", "0",
+    // Milliseconds up to the longest pause a timer takes.
+    static const QVector<SettingKey> table {
+        SettingKey::path("file", "", "JSON-lines file to replay, one dataset per line in the form of codec/README.md."),
+        SettingKey::duration("interval", "0", 0, MaxPause,
             "Milliseconds between two datasets; 0 sends one per turn of the event loop. A line's delayMs overrides "
-            "it." },
-        { "loop", "false", "true starts again at the first line after the last." },
+            "it."),
+        SettingKey::boolean("loop", "false", "true starts again at the first line after the last."),
     };
     return table;
 }
@@ -51,11 +41,10 @@ Replay::Replay(QObject *parent)
 
 bool Replay::init(const QVariantMap &config, QVariantMap &)
 {
-    const PluginSettings settings(config.value(Group).toMap(), Replay::settings());
+    const SettingsGroup settings(config.value(Group).toMap(), Replay::settings(), lcReplay());
     const QString path = settings.text("file");
-    // Milliseconds from 0 to the longest pause a timer takes.
-    m_interval = settings.number("interval", 0, MaxPause, lcReplay());
-    m_loop = settingBool(settings, "loop");
+    m_interval = int(settings.number("interval"));
+    m_loop = settings.flag("loop");
     if (path.isEmpty()) {
         qCWarning(lcReplay) << QStringLiteral("No file to replay: set file in the group replay");
         return false;

@@ -3,7 +3,7 @@
 
 #include "datasetcodec.h"
 #include "idatasource.h"
-#include "pluginsettings.h"
+#include "settingsgroup.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -23,7 +23,7 @@ class Replay : public QObject, public IDatasource
     Q_INTERFACES(IDatasource)
 public:
     /** Every key of the group replay, in the order its sample.ini documents them. */
-    static const QVector<PluginSettings::Key> &settings();
+    static const QVector<SettingKey> &settings();
 
     explicit Replay(QObject *parent = nullptr);
 

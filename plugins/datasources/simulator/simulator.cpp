@@ -515,14 +515,15 @@ WwState Simulator::Machine::state() const
     return record;
 }
 
-const QVector<PluginSettings::Key> &Simulator::settings()
+const QVector<SettingKey> &Simulator::settings()
 {
-    static const QVector<PluginSettings::Key> table {
-        { "machines", "2", "Number of simulated machines, from 1 to 1000." },
-        { "prefix", "sim", "Machine names: this prefix followed by 1, 2, 3 ..." },
-        { "interval", "1000",
-            "Milliseconds between two state records of a machine; each moves its day on by as much." },
-        { "seed", "", "A whole number makes every run the same; empty draws a new seed at each start and logs it." },
+    static const QVector<SettingKey> table {
+        SettingKey::whole("machines", "2", 1, MaxMachines, "Number of simulated machines, from 1 to 1000."),
+        SettingKey::string("prefix", "sim", "Machine names: this prefix followed by 1, 2, 3 ..."),
+        SettingKey::duration("interval", "1000", 1, std::numeric_limits<int>::max(),
+            "Milliseconds between two state records of a machine; each moves its day on by as much."),
+        SettingKey::whole("seed", "", 0, SettingKey::Unbounded,
+            "A whole number makes every run the same; empty draws a new seed at each start and logs it."),
     };
     return table;
 }
@@ -538,18 +539,11 @@ Simulator::~Simulator() = default;
 
 bool Simulator::init(const QVariantMap &config, QVariantMap &)
 {
-    const PluginSettings settings(config.value(Group).toMap(), Simulator::settings());
-    const int machines = settings.number("machines", 1, MaxMachines, lcSimulator());
+    const SettingsGroup settings(config.value(Group).toMap(), Simulator::settings(), lcSimulator());
+    const int machines = int(settings.number("machines"));
     const QString prefix = settings.text("prefix");
-    m_interval = settings.number("interval", 1, std::numeric_limits<int>::max(), lcSimulator());
-    const QString seedText = settings.text("seed").trimmed();
-    bool seeded = false;
-    if (!seedText.isEmpty()) {
-        m_seed = seedText.toULongLong(&seeded);
-        if (!seeded)
-            PluginSettings::warnInvalid(lcSimulator(), seedText, "seed", QStringLiteral("a new one"));
-    }
-    if (!seeded)
+    m_interval = int(settings.number("interval"));
+    if (!settings.optionalNumber("seed", QStringLiteral("a new one"), &m_seed))
         m_seed = QRandomGenerator::global()->generate64();
 
     m_machines.clear();

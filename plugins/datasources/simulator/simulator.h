@@ -2,7 +2,7 @@
 #define ORVIX_SIMULATOR_H
 
 #include "idatasource.h"
-#include "pluginsettings.h"
+#include "settingsgroup.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -25,7 +25,7 @@ class Simulator : public QObject, public IDatasource
     Q_INTERFACES(IDatasource)
 public:
     /** Every key of the group simulator, in the order its sample.ini documents them. */
-    static const QVector<PluginSettings::Key> &settings();
+    static const QVector<SettingKey> &settings();
 
     explicit Simulator(QObject *parent = nullptr);
     ~Simulator() override;

@@ -17,10 +17,11 @@ const QString StandardOutput = QStringLiteral("standard output");
 
 } // namespace
 
-const QVector<PluginSettings::Key> &Jsonl::settings()
+const QVector<SettingKey> &Jsonl::settings()
 {
-    static const QVector<PluginSettings::Key> table {
-        { "file", "", "File the datasets are appended to, one JSON line each; empty or - writes to standard output." },
+    static const QVector<SettingKey> table {
+        SettingKey::path(
+            "file", "", "File the datasets are appended to, one JSON line each; empty or - writes to standard output."),
     };
     return table;
 }
@@ -32,7 +33,7 @@ Jsonl::Jsonl(QObject *parent)
 
 bool Jsonl::init(const QVariantMap &config, QVariantMap &)
 {
-    const PluginSettings settings(config.value(Group).toMap(), Jsonl::settings());
+    const SettingsGroup settings(config.value(Group).toMap(), Jsonl::settings(), lcJsonl());
     const QString path = settings.text("file");
     if (path.isEmpty() || path == QLatin1String("-")) {
         m_target = StandardOutput;

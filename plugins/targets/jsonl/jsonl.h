@@ -2,7 +2,7 @@
 #define ORVIX_JSONL_H
 
 #include "itarget.h"
-#include "pluginsettings.h"
+#include "settingsgroup.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -21,7 +21,7 @@ class Jsonl : public QObject, public ITarget
     Q_INTERFACES(ITarget)
 public:
     /** Every key of the group jsonl, in the order its sample.ini documents them. */
-    static const QVector<PluginSettings::Key> &settings();
+    static const QVector<SettingKey> &settings();
 
     explicit Jsonl(QObject *parent = nullptr);
 

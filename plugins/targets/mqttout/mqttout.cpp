@@ -22,19 +22,22 @@ const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String
 
 } // namespace
 
-const QVector<PluginSettings::Key> &MqttOut::settings()
+const QVector<SettingKey> &MqttOut::settings()
 {
-    static const QVector<PluginSettings::Key> table
+    static const QVector<SettingKey> table
         = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name.")
-        + QVector<PluginSettings::Key> {
-              { "qos", "1",
+        + QVector<SettingKey> {
+              SettingKey::whole("qos", "1", 0, 1,
                   "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
-                  "connection." },
-              { "topic", "orvix/{machine}/{type}",
-                  "Topic of each dataset; {machine}, {source} and {type} are replaced." },
-              { "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas." },
-              { "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way." },
-              { "spoolMaxBytes", "67108864", "Bytes the spool may hold; past that the oldest datasets are dropped." },
+                  "connection."),
+              SettingKey::string("topic", "orvix/{machine}/{type}",
+                  "Topic of each dataset; {machine}, {source} and {type} are replaced."),
+              SettingKey::list(
+                  "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas."),
+              SettingKey::path(
+                  "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way."),
+              SettingKey::whole("spoolMaxBytes", "67108864", 65536, quint64(std::numeric_limits<qint64>::max()),
+                  "Bytes the spool may hold; past that the oldest datasets are dropped."),
           };
     return table;
 }
@@ -58,15 +61,14 @@ MqttOut::~MqttOut()
 
 bool MqttOut::init(const QVariantMap &config, QVariantMap &)
 {
-    const MqttSettings settings(config.value(Group).toMap(), MqttOut::settings());
+    const MqttSettings settings(config.value(Group).toMap(), MqttOut::settings(), lcMqttOut());
     MqttConnection::Options options;
-    qint64 qos = 1;
-    qint64 maxBytes = 0;
+    quint64 qos = 1;
+    quint64 maxBytes = 0;
     QString error;
     bool usable = settings.connectionOptions(QStringLiteral("orvix-") + QSysInfo::machineHostName(), &options, &error)
-        && settings.integer("qos", 0, 1, &qos, &error)
-        && settings.integer("spoolMaxBytes", 65536, std::numeric_limits<qint64>::max(), &maxBytes, &error);
-    const QString folder = settings.text("spool").trimmed();
+        && settings.number("qos", &qos, &error) && settings.number("spoolMaxBytes", &maxBytes, &error);
+    const QString folder = settings.text("spool");
     m_topic = settings.text("topic").trimmed();
     const QByteArray statusTopic
         = QStringLiteral("orvix/status/%1").arg(MqttConnection::topicLevel(options.clientId)).toUtf8();
@@ -92,7 +94,7 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
     const QStringList retainTypes = settings.list("retainTypes");
     m_retainTypes = QSet<QString>(retainTypes.begin(), retainTypes.end());
 
-    m_spool = std::make_unique<MqttSpool>(folder, maxBytes, lcMqttOut());
+    m_spool = std::make_unique<MqttSpool>(folder, qint64(maxBytes), lcMqttOut());
     if (!m_spool->open(&error)) {
         qCWarning(lcMqttOut) << QStringLiteral("Can't use the spool %1: %2").arg(folder, error);
         m_spool.reset();

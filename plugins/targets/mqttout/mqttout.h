@@ -30,7 +30,7 @@ class MqttOut : public QObject, public ITarget
     Q_INTERFACES(ITarget)
 public:
     /** Every key of the group mqttOut, in the order its sample.ini documents them. */
-    static const QVector<PluginSettings::Key> &settings();
+    static const QVector<SettingKey> &settings();
 
     explicit MqttOut(QObject *parent = nullptr);
     ~MqttOut() override;

@@ -45,6 +45,7 @@ private slots:
     void metadata();
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
+    void readmeListsEveryKey();
     void initRefuses_data();
     void initRefuses();
 
@@ -104,6 +105,11 @@ void tst_MqttIn::sampleIniDocumentsEverySetting()
 void tst_MqttIn::readmeQuotesSampleIni()
 {
     PluginChecks::checkReadmeQuotesSampleIni("datasources/mqttin");
+}
+
+void tst_MqttIn::readmeListsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable("datasources/mqttin", MqttIn::settings());
 }
 
 void tst_MqttIn::initRefuses_data()

@@ -71,6 +71,7 @@ private slots:
     void metadata();
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
+    void readmeListsEveryKey();
     void sendsEveryLineInFileOrder();
     void nothingBeforeTheEventLoop();
     void onePerTurnOfTheEventLoop();
@@ -135,6 +136,11 @@ void tst_Replay::sampleIniDocumentsEverySetting()
 void tst_Replay::readmeQuotesSampleIni()
 {
     PluginChecks::checkReadmeQuotesSampleIni("datasources/replay");
+}
+
+void tst_Replay::readmeListsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable("datasources/replay", Replay::settings());
 }
 
 void tst_Replay::sendsEveryLineInFileOrder()

@@ -85,6 +85,7 @@ private slots:
     void metadata();
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
+    void readmeListsEveryKey();
     void defaultSettings();
     void namesAndInterval();
     void invalidSettings_data();
@@ -132,6 +133,11 @@ void tst_Simulator::sampleIniDocumentsEverySetting()
 void tst_Simulator::readmeQuotesSampleIni()
 {
     PluginChecks::checkReadmeQuotesSampleIni("datasources/simulator");
+}
+
+void tst_Simulator::readmeListsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable("datasources/simulator", Simulator::settings());
 }
 
 void tst_Simulator::defaultSettings()

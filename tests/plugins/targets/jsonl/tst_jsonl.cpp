@@ -82,6 +82,7 @@ private slots:
     void metadata();
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
+    void readmeListsEveryKey();
     void writesOneLinePerDatasetAtOnce();
     void appendsToAnExistingFile();
     void createsAMissingFolder();
@@ -121,6 +122,11 @@ void tst_Jsonl::sampleIniDocumentsEverySetting()
 void tst_Jsonl::readmeQuotesSampleIni()
 {
     PluginChecks::checkReadmeQuotesSampleIni("targets/jsonl");
+}
+
+void tst_Jsonl::readmeListsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable("targets/jsonl", Jsonl::settings());
 }
 
 void tst_Jsonl::writesOneLinePerDatasetAtOnce()

@@ -112,6 +112,7 @@ private slots:
     void metadata();
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
+    void readmeListsEveryKey();
     void initRefuses_data();
     void initRefuses();
     void unreachableBrokerIsNoFailure();
@@ -175,6 +176,11 @@ void tst_MqttOut::sampleIniDocumentsEverySetting()
 void tst_MqttOut::readmeQuotesSampleIni()
 {
     PluginChecks::checkReadmeQuotesSampleIni("targets/mqttout");
+}
+
+void tst_MqttOut::readmeListsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable("targets/mqttout", MqttOut::settings());
 }
 
 void tst_MqttOut::initRefuses_data()

@@ -1,0 +1,143 @@
+#include "settingkey.h"
+
+#include "settingvalue.h"
+
+#include <QStringList>
+
+#include <cmath>
+
+namespace {
+
+SettingKey row(const char *name, SettingKey::Type type, const char *defaultValue, const char *meaning,
+    quint64 minimum = 0, quint64 maximum = SettingKey::Unbounded)
+{
+    return SettingKey { name, type, defaultValue, meaning, minimum, maximum };
+}
+
+} // namespace
+
+SettingKey SettingKey::string(const char *name, const char *defaultValue, const char *meaning)
+{
+    return row(name, Type::String, defaultValue, meaning);
+}
+
+SettingKey SettingKey::path(const char *name, const char *defaultValue, const char *meaning)
+{
+    return row(name, Type::Path, defaultValue, meaning);
+}
+
+SettingKey SettingKey::list(const char *name, const char *defaultValue, const char *meaning)
+{
+    return row(name, Type::List, defaultValue, meaning);
+}
+
+SettingKey SettingKey::boolean(const char *name, const char *defaultValue, const char *meaning)
+{
+    return row(name, Type::Bool, defaultValue, meaning);
+}
+
+SettingKey SettingKey::whole(
+    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
+{
+    return row(name, Type::Unsigned, defaultValue, meaning, minimum, maximum);
+}
+
+SettingKey SettingKey::real(
+    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
+{
+    return row(name, Type::Double, defaultValue, meaning, minimum, maximum);
+}
+
+SettingKey SettingKey::duration(
+    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
+{
+    return row(name, Type::Duration, defaultValue, meaning, minimum, maximum);
+}
+
+bool SettingKey::parse(const QString &text, QVariant *value) const
+{
+    switch (type) {
+    case Type::String:
+        *value = text;
+        return true;
+    case Type::Path:
+        *value = text.trimmed();
+        return true;
+    case Type::List: {
+        QStringList entries;
+        const QStringList parts = text.split(QLatin1Char(','));
+        for (const QString &part : parts) {
+            const QString entry = part.trimmed();
+            if (!entry.isEmpty())
+                entries.append(entry);
+        }
+        *value = entries;
+        return true;
+    }
+    case Type::Bool: {
+        bool flag = false;
+        if (!SettingValue::parseBool(text, &flag))
+            return false;
+        *value = flag;
+        return true;
+    }
+    case Type::Unsigned:
+    case Type::Duration: {
+        bool ok = false;
+        const quint64 number = text.trimmed().toULongLong(&ok);
+        if (!ok || number < minimum || number > maximum)
+            return false;
+        *value = number;
+        return true;
+    }
+    case Type::Double: {
+        bool ok = false;
+        const double number = text.trimmed().toDouble(&ok);
+        if (!ok || !std::isfinite(number) || number < double(minimum) || number > double(maximum))
+            return false;
+        *value = number;
+        return true;
+    }
+    }
+    return false;
+}
+
+QString SettingKey::requirement() const
+{
+    switch (type) {
+    case Type::Bool:
+        return QStringLiteral("true or false");
+    case Type::Unsigned:
+        return QStringLiteral("a whole number from %1 to %2").arg(minimum).arg(maximum);
+    case Type::Duration:
+        return QStringLiteral("a whole number of milliseconds from %1 to %2").arg(minimum).arg(maximum);
+    case Type::Double:
+        return QStringLiteral("a number from %1 to %2").arg(minimum).arg(maximum);
+    case Type::String:
+    case Type::Path:
+    case Type::List:
+        break;
+    }
+    return QStringLiteral("text");
+}
+
+QString SettingKey::typeText() const
+{
+    switch (type) {
+    case Type::String:
+        return QStringLiteral("string");
+    case Type::Bool:
+        return QStringLiteral("bool");
+    case Type::Unsigned:
+        return QStringLiteral("unsigned, %1 to %2").arg(minimum).arg(maximum);
+    case Type::Double:
+        return QStringLiteral("double, %1 to %2").arg(minimum).arg(maximum);
+    case Type::Duration:
+        return QStringLiteral("duration (ms), %1 to %2").arg(minimum).arg(maximum);
+    case Type::Path:
+        return QStringLiteral("path");
+    case Type::List:
+        return QStringLiteral("list");
+    }
+    return QString();
+}

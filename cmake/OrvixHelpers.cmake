@@ -1,12 +1,11 @@
 set(ORVIX_CMAKE_DIR ${CMAKE_CURRENT_LIST_DIR})
 
 # orvix_add_test(tst_name SOURCES a.cpp ... [LIBS lib ...])
-# One QtTest program per class, registered with CTest under its own name.
+# One QtTest program per class, registered with CTest under its own name, linked with the shared test support.
 function(orvix_add_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
-    target_link_libraries(${name} PRIVATE Qt5::Test Qt5::Core ${ARG_LIBS})
-    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/common)
+    target_link_libraries(${name} PRIVATE orvix_testsupport Qt5::Test Qt5::Core ${ARG_LIBS})
     target_compile_definitions(${name} PRIVATE QT_FORCE_ASSERTS
         ORVIX_TEST_PLUGIN_DIR="${CMAKE_BINARY_DIR}/tests/testplugins"
         ORVIX_PLUGIN_BUILD_DIR="${ORVIX_PLUGIN_BUILD_DIR}"

@@ -54,7 +54,7 @@ private:
     bool strictValue(const char *key, QVariant *value, QString *error) const;
 
     QVariantMap m_group;
-    const QVector<SettingKey> &m_table;
+    QVector<SettingKey> m_table;
     const QLoggingCategory &m_category;
 };
 

@@ -5,7 +5,6 @@
 
 #include <QProcess>
 #include <QTemporaryDir>
-#include <unistd.h>
 
 /**
  * The real orvix binary, started in a private mount namespace in which /etc/orvix and /var/log/orvix are folders
@@ -14,15 +13,10 @@
 class IsolatedService
 {
 public:
-    IsolatedService()
-    {
-        QDir().mkpath(etcDir());
-        QDir().mkpath(logDir());
-        QDir().mkpath(pluginDir());
-    }
-    ~IsolatedService() { stop(); }
+    IsolatedService();
+    ~IsolatedService();
 
-    static bool available() { return geteuid() == 0 && QFile::exists(QStringLiteral("/usr/bin/unshare")); }
+    static bool available();
 
     QString etcDir() const { return m_dir.filePath(QStringLiteral("etc")); }
     QString logDir() const { return m_dir.filePath(QStringLiteral("log")); }
@@ -33,38 +27,13 @@ public:
     void writeConfig(const QByteArray &ini) { TestSupport::writeFile(etcDir() + QStringLiteral("/orvix.ini"), ini); }
 
     /** Starts the binary; plugins come from pluginPath, or from this service's own plugin folder. */
-    bool start(const QStringList &arguments = QStringList(), const QString &pluginPath = QString())
-    {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("ORVIX_PLUGINPATH"), pluginPath.isEmpty() ? pluginDir() : pluginPath);
-        m_process.setProcessEnvironment(environment);
-        m_process.setProgram(QStringLiteral(ORVIX_SOURCE_DIR "/tests/e2e/run-isolated.sh"));
-        m_process.setArguments(QStringList { etcDir(), logDir(), m_dir.filePath(QStringLiteral("scratch")),
-                                             QStringLiteral(ORVIX_BINARY) }
-                               + arguments);
-        m_process.start();
-        return m_process.waitForStarted(10000);
-    }
+    bool start(const QStringList &arguments = QStringList(), const QString &pluginPath = QString());
 
     /** Ends the service the way a service manager does, and returns what it printed. */
-    QByteArray stop()
-    {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.terminate();
-            if (!m_process.waitForFinished(10000)) {
-                m_process.kill();
-                m_process.waitForFinished(10000);
-            }
-        }
-        m_output += m_process.readAllStandardOutput();
-        return m_output;
-    }
+    QByteArray stop();
 
-    QByteArray output()
-    {
-        m_output += m_process.readAllStandardOutput();
-        return m_output;
-    }
+    /** What the service printed so far. */
+    QByteArray output();
     QProcess &process() { return m_process; }
 
 private:

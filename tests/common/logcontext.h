@@ -6,10 +6,7 @@
 /** The context of a message of category, for tests that hand messages to a log sink directly. */
 struct LogContext : QMessageLogContext
 {
-    explicit LogContext(const char *category)
-        : QMessageLogContext(nullptr, 0, nullptr, category)
-    {
-    }
+    explicit LogContext(const char *category);
 };
 
 #endif

@@ -15,6 +15,7 @@
 #include <QtTest>
 
 #include <cstdio>
+#include <unistd.h>
 
 using namespace TestSupport;
 

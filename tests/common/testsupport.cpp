@@ -1,0 +1,51 @@
+#include "testsupport.h"
+
+namespace TestSupport {
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+qint64 folderBytes(const QString &folder)
+{
+    qint64 total = 0;
+    QDirIterator it(folder, QDir::Files);
+    while (it.hasNext()) {
+        it.next();
+        total += it.fileInfo().size();
+    }
+    return total;
+}
+
+QStringList logLines(const QString &path)
+{
+    static const QRegularExpression time(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d "));
+    QStringList lines;
+    const QStringList raw = QString::fromUtf8(readFile(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    for (QString line : raw) {
+        const QRegularExpressionMatch match = time.match(line);
+        lines.append(match.hasMatch() ? line.mid(match.capturedLength()) : QStringLiteral("<no time> ") + line);
+    }
+    return lines;
+}
+
+bool copyTestPlugin(const QString &name, const QString &destination)
+{
+    QDir().mkpath(QFileInfo(destination).absolutePath());
+    return QFile::copy(QStringLiteral(ORVIX_TEST_PLUGIN_DIR "/lib%1.so").arg(name), destination);
+}
+
+} // namespace TestSupport

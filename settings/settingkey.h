@@ -15,8 +15,7 @@
 struct SettingKey
 {
     /** What a value may be; the bounds apply to Unsigned, Double and Duration. */
-    enum class Type
-    {
+    enum class Type {
         String, ///< any text, as written
         Bool, ///< true/false, yes/no, on/off or 1/0, in any case
         Unsigned, ///< a whole number from minimum to maximum

@@ -25,9 +25,9 @@ bool IsolatedService::start(const QStringList &arguments, const QString &pluginP
     environment.insert(QStringLiteral("ORVIX_PLUGINPATH"), pluginPath.isEmpty() ? pluginDir() : pluginPath);
     m_process.setProcessEnvironment(environment);
     m_process.setProgram(QStringLiteral(ORVIX_SOURCE_DIR "/tests/e2e/run-isolated.sh"));
-    m_process.setArguments(QStringList { etcDir(), logDir(), m_dir.filePath(QStringLiteral("scratch")),
-                                         QStringLiteral(ORVIX_BINARY) }
-                           + arguments);
+    m_process.setArguments(
+        QStringList { etcDir(), logDir(), m_dir.filePath(QStringLiteral("scratch")), QStringLiteral(ORVIX_BINARY) }
+        + arguments);
     m_process.start();
     return m_process.waitForStarted(10000);
 }

@@ -93,8 +93,8 @@ MosquittoBroker::Certificates MosquittoBroker::makeCertificates(const QString &f
                 QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
                 QStringLiteral("/CN=orvix test CA") },
         QStringList { QStringLiteral("req"), QStringLiteral("-x509") } + key
-            + QStringList { QStringLiteral("-keyout"), path("other-ca.key"), QStringLiteral("-out"),
-                files.otherCaFile, QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+            + QStringList { QStringLiteral("-keyout"), path("other-ca.key"), QStringLiteral("-out"), files.otherCaFile,
+                QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
                 QStringLiteral("/CN=some other CA") },
         QStringList { QStringLiteral("req") } + key
             + QStringList { QStringLiteral("-keyout"), files.serverKey, QStringLiteral("-out"), path("server.csr"),
@@ -117,8 +117,7 @@ MosquittoBroker::Certificates MosquittoBroker::makeCertificates(const QString &f
         QProcess openssl;
         openssl.setProcessChannelMode(QProcess::MergedChannels);
         openssl.start(QStringLiteral("openssl"), arguments);
-        if (!openssl.waitForFinished(60000) || openssl.exitStatus() != QProcess::NormalExit
-            || openssl.exitCode() != 0)
+        if (!openssl.waitForFinished(60000) || openssl.exitStatus() != QProcess::NormalExit || openssl.exitCode() != 0)
             files.error = QStringLiteral("openssl %1 failed: %2")
                               .arg(arguments.join(QLatin1Char(' ')), QString::fromLocal8Bit(openssl.readAll()));
     }

@@ -29,6 +29,7 @@ struct SettingKey
 
     const char *name;
     Type type;
+    /** As written in the INI file; empty for a number stands for "none" (see SettingsGroup::optionalNumber()). */
     const char *defaultValue;
     const char *meaning;
     quint64 minimum = 0;

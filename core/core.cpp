@@ -53,16 +53,15 @@ QVariantMap readGroup(QSettings &settings)
     return map;
 }
 
-template<typename Interface>
-QObject *objectOf(Interface *plugin)
+template <typename Interface> QObject *objectOf(Interface *plugin)
 {
     return dynamic_cast<QObject *>(plugin);
 }
 
 } // namespace
 
-Core::Core(bool service, QObject *parent, const QString &configFile, const QString &logFileName,
-           const QString &logOldCopy)
+Core::Core(
+    bool service, QObject *parent, const QString &configFile, const QString &logFileName, const QString &logOldCopy)
     : QObject(parent)
     , m_service(service)
 {
@@ -72,7 +71,8 @@ Core::Core(bool service, QObject *parent, const QString &configFile, const QStri
 
     openConfig(configFile);
 
-    QString rules = m_config.value(QStringLiteral("core")).toMap()
+    QString rules = m_config.value(QStringLiteral("core"))
+                        .toMap()
                         .value(QStringLiteral("log"), QStringLiteral("*.debug=false"))
                         .toString();
     rules.replace(QLatin1Char(';'), QLatin1Char('\n'));
@@ -82,13 +82,12 @@ Core::Core(bool service, QObject *parent, const QString &configFile, const QStri
 
     qCInfo(lcCore) << QStringLiteral("starting %1 %2 %3")
                           .arg(QStringLiteral("orvix"), QStringLiteral("dev"),
-                               m_service ? QStringLiteral("as service") : QStringLiteral("as normal process"));
+                              m_service ? QStringLiteral("as service") : QStringLiteral("as normal process"));
     qCInfo(lcCore) << QStringLiteral("orvix connects woodworking machines to the systems above them");
     qCDebug(lcCore) << "read configfile:" << m_config;
 
-    m_disabledPlugins = m_config.value(QStringLiteral("core")).toMap()
-                            .value(QStringLiteral("disabledPlugins"))
-                            .toStringList();
+    m_disabledPlugins
+        = m_config.value(QStringLiteral("core")).toMap().value(QStringLiteral("disabledPlugins")).toStringList();
 
     m_processors.append(new Validator(this));
     m_processors.append(new UnitOverwrite(this));
@@ -140,9 +139,8 @@ void Core::setProcessors(const QList<IProcessor *> &processors)
 void Core::sortProcessors()
 {
     // Stable, so that equal order numbers keep the order in which the processors were added.
-    std::stable_sort(m_processors.begin(), m_processors.end(), [](IProcessor *a, IProcessor *b) {
-        return a->orderNumber() < b->orderNumber();
-    });
+    std::stable_sort(m_processors.begin(), m_processors.end(),
+        [](IProcessor *a, IProcessor *b) { return a->orderNumber() < b->orderNumber(); });
 }
 
 void Core::connectPipeline()
@@ -192,11 +190,8 @@ void Core::loadPlugins()
         qCDebug(lcCore) << QStringLiteral("Trying to load plugin: %1").arg(path);
 
         QPluginLoader loader(path);
-        const QString type = loader.metaData()
-                                 .value(QStringLiteral("MetaData"))
-                                 .toObject()
-                                 .value(QStringLiteral("TYPE"))
-                                 .toString();
+        const QString type
+            = loader.metaData().value(QStringLiteral("MetaData")).toObject().value(QStringLiteral("TYPE")).toString();
         bool known = false;
         const int pluginType = pluginTypes.keyToValue(type.toUtf8().constData(), &known);
         if (!known) {
@@ -263,7 +258,8 @@ void Core::connectWriteConfig(QObject *object, const QString &name, bool signalO
 {
     const QMetaObject *meta = object->metaObject();
     const QByteArray signature = QMetaObject::normalizedSignature("writeConfig(QString,QVariant)");
-    const int index = signalOnly ? meta->indexOfSignal(signature.constData()) : meta->indexOfMethod(signature.constData());
+    const int index
+        = signalOnly ? meta->indexOfSignal(signature.constData()) : meta->indexOfMethod(signature.constData());
     if (index < 0)
         return;
     QObject::connect(object, WriteConfigSignal, this, WriteConfigSlot);
@@ -298,8 +294,7 @@ void Core::initTargets()
                 if (receiver->metaObject()->indexOfSlot(requestSignature.constData()) < 0)
                     continue;
                 QObject::connect(object, RequestSignal, receiver, RequestSlot);
-                qCDebug(lcCore)
-                    << QStringLiteral("Connect %1 machineRequest to %2").arg(name, datasource->name());
+                qCDebug(lcCore) << QStringLiteral("Connect %1 machineRequest to %2").arg(name, datasource->name());
             }
         }
         if (!target->init(m_config, m_shared)) {

@@ -29,9 +29,9 @@ public:
      * The paths default to the installed service's; tests hand in their own so that they never touch the real ones.
      */
     explicit Core(bool service = false, QObject *parent = nullptr,
-                  const QString &configFile = QStringLiteral("/etc/orvix/orvix.ini"),
-                  const QString &logFileName = QStringLiteral("/var/log/orvix/orvix.log"),
-                  const QString &logOldCopy = QStringLiteral("/var/log/orvix/orvix.lastlog"));
+        const QString &configFile = QStringLiteral("/etc/orvix/orvix.ini"),
+        const QString &logFileName = QStringLiteral("/var/log/orvix/orvix.log"),
+        const QString &logOldCopy = QStringLiteral("/var/log/orvix/orvix.lastlog"));
     ~Core() override;
 
     /** The plugin directory: ORVIX_PLUGINPATH when set and not empty, else the one below the install prefix. */

@@ -1,9 +1,9 @@
 #ifndef ORVIX_IDATASOURCE_H
 #define ORVIX_IDATASOURCE_H
 
-#include <QtPlugin>
 #include <QString>
 #include <QVariantMap>
+#include <QtPlugin>
 
 /**
  * The interface of a datasource plugin: it collects machine data and hands each dataset to the service

@@ -1,9 +1,9 @@
 #ifndef ORVIX_IPROCESSOR_H
 #define ORVIX_IPROCESSOR_H
 
-#include <QtPlugin>
 #include <QString>
 #include <QVariantMap>
+#include <QtPlugin>
 
 /**
  * The interface of the built-in dataset processors. An implementation derives from QObject first and IProcessor

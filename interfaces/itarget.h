@@ -1,9 +1,9 @@
 #ifndef ORVIX_ITARGET_H
 #define ORVIX_ITARGET_H
 
-#include <QtPlugin>
 #include <QString>
 #include <QVariantMap>
+#include <QtPlugin>
 
 /**
  * The interface of a target plugin: it receives every dataset that leaves the processor chain through the slot
@@ -19,10 +19,7 @@ public:
     virtual bool init(const QVariantMap &config, QVariantMap &shared) = 0;
 
     /** The plugin's name, shown in log lines and matched against core/disabledPlugins. */
-    virtual QString name() const
-    {
-        return QStringLiteral("ITarget: The compiler doesn't support virtual inlines :(");
-    }
+    virtual QString name() const { return QStringLiteral("ITarget: The compiler doesn't support virtual inlines :("); }
 };
 
 Q_DECLARE_INTERFACE(ITarget, "ITarget")

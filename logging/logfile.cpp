@@ -85,6 +85,6 @@ void LogFile::write(QtMsgType type, const QMessageLogContext &context, const QSt
     stream.setCodec("UTF-8");
     stream << QStringLiteral("%1 %2 %3: %4\n")
                   .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                       MessageHandler::levelWord(type), QString::fromUtf8(context.category ? context.category : ""),
-                       message);
+                      MessageHandler::levelWord(type), QString::fromUtf8(context.category ? context.category : ""),
+                      message);
 }

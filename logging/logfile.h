@@ -13,8 +13,7 @@ class LogFile : public QObject
     Q_OBJECT
 public:
     explicit LogFile(const QString &defaultFileName = QStringLiteral("/var/log/orvix/orvix.log"),
-                     const QString &defaultOldCopy = QStringLiteral("/var/log/orvix/orvix.lastlog"),
-                     QObject *parent = nullptr);
+        const QString &defaultOldCopy = QStringLiteral("/var/log/orvix/orvix.lastlog"), QObject *parent = nullptr);
     ~LogFile() override;
 
     /** Reads the logfile group of the configuration and opens the file, moving an existing one aside. */

@@ -6,7 +6,7 @@
 # as an extra source pinned below 500 so that apt never takes anything else from it.
 set -euo pipefail
 packages=(
-    build-essential cmake ninja-build pkg-config
+    build-essential cmake ninja-build pkg-config clang-format git
     qtbase5-dev qtbase5-dev-tools zlib1g-dev
     libbenchmark-dev
     libmosquitto-dev mosquitto openssl

@@ -123,8 +123,7 @@ private:
     static void send(QObject *source, const QVariant &data)
     {
         QVERIFY(QMetaObject::invokeMethod(source, "send", Q_ARG(QDateTime, QDateTime::currentDateTime()),
-                                          Q_ARG(QString, QStringLiteral("m1")),
-                                          Q_ARG(QString, QStringLiteral("src")), Q_ARG(QVariant, data)));
+            Q_ARG(QString, QStringLiteral("m1")), Q_ARG(QString, QStringLiteral("src")), Q_ARG(QVariant, data)));
     }
     static int received(ITarget *target) { return object(target)->property("received").toList().size(); }
 
@@ -171,28 +170,27 @@ void tst_Core::configurationMap_data()
     QTest::addColumn<QVariantMap>("expected");
 
     QTest::newRow("empty") << QByteArray("") << QVariantMap();
-    QTest::newRow("group and key")
-        << QByteArray("[limit]\nwaitTime=5000\n")
-        << QVariantMap { { "limit", QVariantMap { { "waitTime", "5000" } } } };
+    QTest::newRow("group and key") << QByteArray("[limit]\nwaitTime=5000\n")
+                                   << QVariantMap { { "limit", QVariantMap { { "waitTime", "5000" } } } };
     QTest::newRow("nested groups")
         << QByteArray("[unitOverwrite]\nm1\\condition\\x\\factor=2\nm1\\condition\\x\\unitText=mm\n")
         << QVariantMap { { "unitOverwrite",
-                           QVariantMap { { "m1",
-                                           QVariantMap { { "condition",
-                                                           QVariantMap { { "x", QVariantMap { { "factor", "2" },
-                                                                                               { "unitText", "mm" } } } } } } } } } };
+               QVariantMap { { "m1",
+                   QVariantMap { { "condition",
+                       QVariantMap { { "x", QVariantMap { { "factor", "2" }, { "unitText", "mm" } } } } } } } } } };
     QTest::newRow("key replaces group of the same name")
-        << QByteArray("[g]\nsub\\inner=1\nsub=plain\n")
-        << QVariantMap { { "g", QVariantMap { { "sub", "plain" } } } };
+        << QByteArray("[g]\nsub\\inner=1\nsub=plain\n") << QVariantMap { { "g", QVariantMap { { "sub", "plain" } } } };
     QTest::newRow("keys outside any group")
-        << QByteArray("top=1\n[g]\nk=v\n")
-        << QVariantMap { { "top", "1" }, { "g", QVariantMap { { "k", "v" } } } };
-    QTest::newRow("list value")
-        << QByteArray("[core]\ndisabledPlugins=a, b\n")
-        << QVariantMap { { "core", QVariantMap { { "disabledPlugins", QStringList { "a", "b" } } } } };
-    QTest::newRow("utf-8")
-        << QByteArray("[g]\nk=Gr\xc3\xbc\xc3\x9f" "e\n")
-        << QVariantMap { { "g", QVariantMap { { "k", QString::fromUtf8("Gr\xc3\xbc\xc3\x9f" "e") } } } };
+        << QByteArray("top=1\n[g]\nk=v\n") << QVariantMap { { "top", "1" }, { "g", QVariantMap { { "k", "v" } } } };
+    QTest::newRow("list value") << QByteArray("[core]\ndisabledPlugins=a, b\n")
+                                << QVariantMap { { "core",
+                                       QVariantMap { { "disabledPlugins", QStringList { "a", "b" } } } } };
+    QTest::newRow("utf-8") << QByteArray("[g]\nk=Gr\xc3\xbc\xc3\x9f"
+                                         "e\n")
+                           << QVariantMap { { "g",
+                                  QVariantMap { { "k",
+                                      QString::fromUtf8("Gr\xc3\xbc\xc3\x9f"
+                                                        "e") } } } };
 }
 
 void tst_Core::configurationMap()
@@ -250,8 +248,8 @@ void tst_Core::startMessages()
     QCOMPARE(lines.at(0), QStringLiteral("INFO core: \"starting orvix dev %1\"").arg(how));
     QVERIFY(lines.at(1).startsWith(QStringLiteral("INFO core: \"")));
     QCOMPARE(lines.at(2),
-             QStringLiteral("DEBUG core: read configfile: QMap((\"core\", QVariant(QVariantMap, "
-                            "QMap((\"log\", QVariant(QString, \"*.debug=true\"))))))"));
+        QStringLiteral("DEBUG core: read configfile: QMap((\"core\", QVariant(QVariantMap, "
+                       "QMap((\"log\", QVariant(QString, \"*.debug=true\"))))))"));
 }
 
 void tst_Core::processorChain()
@@ -263,10 +261,10 @@ void tst_Core::processorChain()
         names.append(processor->name());
         orders.append(processor->orderNumber());
         QVERIFY(dynamic_cast<QObject *>(processor)->inherits("IProcessor")
-                || dynamic_cast<QObject *>(processor)->qt_metacast("IProcessor"));
+            || dynamic_cast<QObject *>(processor)->qt_metacast("IProcessor"));
     }
-    QCOMPARE(names, (QStringList { "OpcUaToMMMapper", "Unit Overwrite", "Xml Overwrite", "Validator", "Limit",
-                                   "Dataset Log" }));
+    QCOMPARE(names,
+        (QStringList { "OpcUaToMMMapper", "Unit Overwrite", "Xml Overwrite", "Validator", "Limit", "Dataset Log" }));
     QCOMPARE(orders, (QList<unsigned int> { 50, 500, 600, 900, 1000, 9999 }));
 }
 
@@ -274,7 +272,7 @@ void tst_Core::processorSortIsStableAndUnsigned()
 {
     Core *core = makeCore("");
     core->setProcessors({ new ProbeProcessor("high", 0x80000000u), new ProbeProcessor("first", 7),
-                          new ProbeProcessor("second", 7), new ProbeProcessor("low", 1) });
+        new ProbeProcessor("second", 7), new ProbeProcessor("low", 1) });
     QStringList names;
     for (IProcessor *processor : core->processors())
         names.append(processor->name());
@@ -350,8 +348,7 @@ void tst_Core::datasetFlowsThroughChain()
 
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(1700000000123);
     QVERIFY(QMetaObject::invokeMethod(object(core->datasources().first()), "send", Q_ARG(QDateTime, when),
-                                      Q_ARG(QString, "m1"), Q_ARG(QString, "src"),
-                                      Q_ARG(QVariant, QVariant(QStringLiteral("payload")))));
+        Q_ARG(QString, "m1"), Q_ARG(QString, "src"), Q_ARG(QVariant, QVariant(QStringLiteral("payload")))));
     const QVariantList received = object(core->targets().first())->property("received").toList();
     QCOMPARE(received.size(), 1);
     QCOMPARE(received.first().toList(), (QVariantList { when, "m1", "src", "payload" }));
@@ -477,8 +474,8 @@ void tst_Core::disabledDatasourceStillGetsRequests()
     Core *core = runSourceAndTarget("[core]\nlog=*.debug=true\ndisabledPlugins=testsource\n");
     QObject *source = object(core->datasources().first());
     QCOMPARE(source->property("initCalls").toInt(), 0);
-    QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "request", Q_ARG(QString, "m1"),
-                                      Q_ARG(QVariant, 7)));
+    QVERIFY(QMetaObject::invokeMethod(
+        object(core->targets().first()), "request", Q_ARG(QString, "m1"), Q_ARG(QVariant, 7)));
     QCOMPARE(source->property("requests").toList(), (QVariantList { QVariantList { "m1", 7 } }));
     const QStringList lines = log();
     QVERIFY(lines.contains("INFO core: \"Ignoring datasource testsource, because it's disabled in the config.\""));
@@ -504,8 +501,8 @@ void tst_Core::failingDatasourceIsRemoved()
     QVERIFY(core->datasources().isEmpty());
     QTRY_VERIFY(qApp->property("destroyed").toStringList().contains("testsource"));
     // Gone with its connections: a request from the target reaches nobody and harms nothing.
-    QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "request", Q_ARG(QString, "m1"),
-                                      Q_ARG(QVariant, 1)));
+    QVERIFY(QMetaObject::invokeMethod(
+        object(core->targets().first()), "request", Q_ARG(QString, "m1"), Q_ARG(QVariant, 1)));
     const QStringList lines = log();
     QVERIFY(lines.contains("WARNING core: \"Disabling datasource testsource\""));
     QVERIFY(lines.contains("WARNING core: \"At least one datasource plugin has to be used.\""));
@@ -537,8 +534,8 @@ void tst_Core::machineRequestsReachDatasources()
     addPlugin("testtarget");
     Core *core = makeCore("[core]\nlog=*.debug=true\n");
     core->run();
-    QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "request", Q_ARG(QString, "m2"),
-                                      Q_ARG(QVariant, "stop")));
+    QVERIFY(QMetaObject::invokeMethod(
+        object(core->targets().first()), "request", Q_ARG(QString, "m2"), Q_ARG(QVariant, "stop")));
     int reached = 0;
     for (IDatasource *datasource : core->datasources()) {
         if (datasource->name() != "testsource")
@@ -553,8 +550,8 @@ void tst_Core::machineRequestsReachDatasources()
 void tst_Core::writeConfigReachesFileAtOnce()
 {
     Core *core = runSourceAndTarget("[testsource]\nwriteOnInit=hello\n");
-    QVERIFY(QMetaObject::invokeMethod(object(core->targets().first()), "write", Q_ARG(QString, "group/key"),
-                                      Q_ARG(QVariant, 42)));
+    QVERIFY(QMetaObject::invokeMethod(
+        object(core->targets().first()), "write", Q_ARG(QString, "group/key"), Q_ARG(QVariant, 42)));
     QSettings file(iniPath(), QSettings::IniFormat);
     QCOMPARE(file.value("testsource/written").toString(), QStringLiteral("hello"));
     QCOMPARE(file.value("group/key").toInt(), 42);
@@ -579,8 +576,8 @@ void tst_Core::finalWarnings()
     makeCore("")->run();
     const QStringList lines = log();
     QCOMPARE(lines.mid(lines.size() - 2),
-             (QStringList { "WARNING core: \"At least one datasource plugin has to be used.\"",
-                            "WARNING core: \"At least one target plugin has to be used.\"" }));
+        (QStringList { "WARNING core: \"At least one datasource plugin has to be used.\"",
+            "WARNING core: \"At least one target plugin has to be used.\"" }));
 }
 
 void tst_Core::shutdown()

@@ -23,8 +23,9 @@ void tst_ExampleConfig::firstRunShowsSimulatedMachinesWithoutWarnings()
     QVERIFY(service.start(QStringList(), QStringLiteral(ORVIX_PLUGIN_BUILD_DIR)));
 
     const auto stateOf = [&service](const char *machine) {
-        return service.output().contains(QByteArray("\"machine\":\"") + machine + "\",\"source\":\"simulator\","
-                                         "\"type\":\"StateV1\"");
+        return service.output().contains(QByteArray("\"machine\":\"") + machine
+            + "\",\"source\":\"simulator\","
+              "\"type\":\"StateV1\"");
     };
     QTRY_VERIFY_WITH_TIMEOUT(stateOf("sim1") && stateOf("sim2"), 30000);
     service.stop();

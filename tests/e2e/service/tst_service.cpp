@@ -49,8 +49,8 @@ void tst_Service::keepsRunningWithoutPlugins()
 {
     IsolatedService service;
     QVERIFY(service.start({ "-x", "--l", "-la", "-L" }));
-    QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains("WARNING core: \"At least one target plugin has to be used.\""),
-                             20000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        service.logLines().contains("WARNING core: \"At least one target plugin has to be used.\""), 20000);
     QVERIFY(!service.process().waitForFinished(300));
     QVERIFY(service.logLines().contains("WARNING core: \"At least one datasource plugin has to be used.\""));
 }

@@ -81,8 +81,8 @@ void tst_LogCli::longCategoryIsNotCut()
     Pipe pipe;
     LogCli cli(pipe.out);
     cli.write(QtWarningMsg, LogContext("abcdefghijklmnopqrstuvwxy"), "pushed");
-    QCOMPARE(QString::fromUtf8(pipe.readAvailable()).mid(8),
-             QStringLiteral("  WARNINGabcdefghijklmnopqrstuvwxy pushed\n"));
+    QCOMPARE(
+        QString::fromUtf8(pipe.readAvailable()).mid(8), QStringLiteral("  WARNINGabcdefghijklmnopqrstuvwxy pushed\n"));
 }
 
 void tst_LogCli::everyLineIsFlushed()
@@ -99,8 +99,11 @@ void tst_LogCli::utf8Text()
 {
     Pipe pipe;
     LogCli cli(pipe.out);
-    cli.write(QtInfoMsg, LogContext("core"), QString::fromUtf8("Gr\xc3\xbc\xc3\x9f" "e"));
-    QVERIFY(pipe.readAvailable().endsWith("core Gr\xc3\xbc\xc3\x9f" "e\n"));
+    cli.write(QtInfoMsg, LogContext("core"),
+        QString::fromUtf8("Gr\xc3\xbc\xc3\x9f"
+                          "e"));
+    QVERIFY(pipe.readAvailable().endsWith("core Gr\xc3\xbc\xc3\x9f"
+                                          "e\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_LogCli)

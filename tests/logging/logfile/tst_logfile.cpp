@@ -35,7 +35,7 @@ private:
     QVariantMap config(const QString &oldCopy = QString(), qint64 maxSize = -1) const
     {
         QVariantMap group { { "filename", m_dir->filePath("orvix.log") },
-                            { "oldcopy", oldCopy.isEmpty() ? m_dir->filePath("orvix.lastlog") : oldCopy } };
+            { "oldcopy", oldCopy.isEmpty() ? m_dir->filePath("orvix.lastlog") : oldCopy } };
         if (maxSize >= 0)
             group.insert("maxSize", maxSize);
         return QVariantMap { { "logfile", group } };
@@ -136,8 +136,8 @@ void tst_LogFile::createsMissingDirectories()
 {
     LogFile file;
     QVariantMap settings { { "logfile",
-                             QVariantMap { { "filename", m_dir->filePath("x/y/z/orvix.log") },
-                                           { "oldcopy", m_dir->filePath("x/y/z/orvix.lastlog") } } } };
+        QVariantMap { { "filename", m_dir->filePath("x/y/z/orvix.log") },
+            { "oldcopy", m_dir->filePath("x/y/z/orvix.lastlog") } } } };
     file.configure(settings);
     file.write(QtWarningMsg, LogContext("limit"), "deep");
     QCOMPARE(logLines(m_dir->filePath("x/y/z/orvix.log")), QStringList { "WARNING limit: deep" });
@@ -151,7 +151,8 @@ void tst_LogFile::warnsWhenDirectoryCannotBeCreated()
     log.start();
     {
         LogFile file;
-        file.configure(QVariantMap { { "logfile", QVariantMap { { "filename", QString(directory + "/orvix.log") } } } });
+        file.configure(
+            QVariantMap { { "logfile", QVariantMap { { "filename", QString(directory + "/orvix.log") } } } });
         file.write(QtInfoMsg, LogContext("core"), "lost");
     }
     log.stop();
@@ -168,8 +169,7 @@ void tst_LogFile::longMessageRotatesBeforeWriting()
 
     file.write(QtInfoMsg, LogContext("core"), "eleven char");
     file.write(QtInfoMsg, LogContext("core"), "after");
-    QCOMPARE(logLines(m_dir->filePath("orvix.lastlog")),
-             (QStringList { "INFO core: short", "INFO core: exactly10!" }));
+    QCOMPARE(logLines(m_dir->filePath("orvix.lastlog")), (QStringList { "INFO core: short", "INFO core: exactly10!" }));
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: eleven char", "INFO core: after" }));
 }
 

@@ -430,9 +430,7 @@ void tst_MmToOpcUaMapper::initWithoutSettings()
     QVariantMap shared;
     QVERIFY(mapper.init(QVariantMap(), shared));
     QCOMPARE(spy.count(), 0);
-    QCOMPARE(m_log.ofComponent(),
-        (QStringList {
-            InitLine, warning(QStringLiteral("No settings were provided")) }));
+    QCOMPARE(m_log.ofComponent(), (QStringList { InitLine, warning(QStringLiteral("No settings were provided")) }));
 }
 
 void tst_MmToOpcUaMapper::initWithoutIdentificationGroup()
@@ -543,8 +541,7 @@ void tst_MmToOpcUaMapper::initOptionalTexts()
     QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
     QVariantMap shared;
     mapper->init(configWith({ { "m1", machine } }), shared);
-    QCOMPARE(
-        m_log.ofComponent(), (QStringList { InitLine, missing(QStringLiteral("Model")) }));
+    QCOMPARE(m_log.ofComponent(), (QStringList { InitLine, missing(QStringLiteral("Model")) }));
     const WwIdentification identification = spy.at(0).at(3).value<WwIdentification>();
     QVERIFY(!identification.ManufacturerUri);
     QVERIFY(!identification.AssetId);
@@ -931,7 +928,8 @@ void tst_MmToOpcUaMapper::ownIdentificationOfUnconfiguredMachine()
     QCOMPARE(feed(*mapper, wrap(notification("n", 0))).at(1).value<WwBaseEventType>().Texts.keys(),
         QStringList { QStringLiteral("en") });
     QCOMPARE(m_log.ofComponent(),
-        QStringList { QStringLiteral("WARNING mmtoopcuamapper: Machine \"m1\" is missing locale information; falling back to 'en'") });
+        QStringList { QStringLiteral(
+            "WARNING mmtoopcuamapper: Machine \"m1\" is missing locale information; falling back to 'en'") });
 }
 
 void tst_MmToOpcUaMapper::softwareVersion()
@@ -948,7 +946,8 @@ void tst_MmToOpcUaMapper::softwareVersion()
     QCOMPARE(identification.SoftwareRevision, std::optional<QString>(QStringLiteral("3.4.5")));
     QCOMPARE(identification.SerialNumber, QStringLiteral("4711"));
     QCOMPARE(m_log.ofComponent(),
-        QStringList { QStringLiteral("INFO mmtoopcuamapper: Updating WWIdentification - Setting SoftwareRevision to \"3.4.5\"") });
+        QStringList { QStringLiteral(
+            "INFO mmtoopcuamapper: Updating WWIdentification - Setting SoftwareRevision to \"3.4.5\"") });
     // The change is kept.
     QCOMPARE(feed(*mapper, wrap(version)).at(1).value<WwIdentification>(), identification);
 }
@@ -960,7 +959,8 @@ void tst_MmToOpcUaMapper::softwareVersionOfUnknownMachine()
     SwVerV1 version;
     version.version = QStringLiteral("3.4.5");
     QCOMPARE(feed(*mapper, wrap(version), QStringLiteral("m9")), QList<QVariant> { wrap(version) });
-    QCOMPARE(m_log.ofComponent(), QStringList { QStringLiteral("WARNING mmtoopcuamapper: got a SwVerv1 struct for unknown machine: \"m9\"") });
+    QCOMPARE(m_log.ofComponent(),
+        QStringList { QStringLiteral("WARNING mmtoopcuamapper: got a SwVerv1 struct for unknown machine: \"m9\"") });
 }
 
 void tst_MmToOpcUaMapper::order()
@@ -975,8 +975,8 @@ void tst_MmToOpcUaMapper::order()
     QCOMPARE(emitted.at(1).userType(), qMetaTypeId<WwManufacturerSpecific>());
     QCOMPARE(emitted.at(1).value<WwManufacturerSpecific>().LastProgramName, QStringLiteral("Door_left.mpr"));
     QCOMPARE(m_log.ofComponent(),
-        QStringList {
-            QStringLiteral("INFO mmtoopcuamapper: Updating WwManufacturerSpecific - Setting LastProgramName to \"Door_left.mpr\"") });
+        QStringList { QStringLiteral(
+            "INFO mmtoopcuamapper: Updating WwManufacturerSpecific - Setting LastProgramName to \"Door_left.mpr\"") });
 }
 
 void tst_MmToOpcUaMapper::generalFirstAndLater()
@@ -1319,7 +1319,9 @@ void tst_MmToOpcUaMapper::notificationEvent()
     const QList<QVariant> removed = feed(*mapper, removal(QStringLiteral("Unit1/Spindle/4711")));
     QCOMPARE(removed.at(0), removal(QStringLiteral("Unit1/Spindle/4711")));
     COMPARE_RECORD(removed.at(1).value<WwBaseEventType>(), expected);
-    QCOMPARE(m_log.ofComponent(), QStringList { QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"Unit1/Spindle/4711\"") });
+    QCOMPARE(m_log.ofComponent(),
+        QStringList {
+            QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1: removing \"Unit1/Spindle/4711\"") });
 }
 
 void tst_MmToOpcUaMapper::notificationPath_data()
@@ -1474,7 +1476,8 @@ void tst_MmToOpcUaMapper::notificationRemoveTwice()
     feed(*mapper, wrap(notification("n2", 0)), QStringLiteral("m2"));
     m_log.clear();
     QCOMPARE(feed(*mapper, removal(QStringLiteral("n2"))).size(), 1);
-    QVERIFY(m_log.ofComponent().contains(QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1 for an unknown notification \"n2\"")));
+    QVERIFY(m_log.ofComponent().contains(
+        QStringLiteral("DEBUG mmtoopcuamapper: NotificationsRemoveV1 for an unknown notification \"n2\"")));
 }
 
 void tst_MmToOpcUaMapper::notificationRemoveClearsFlags()

@@ -1180,8 +1180,8 @@ void tst_OpcUaToMMMapper::noBlocksNoConditions()
     mapper.processData(s_when, "m1", "s1", QVariant::fromValue(makeState(2, 0, std::nullopt, std::nullopt)));
     QCOMPARE(typeNames(spy), QStringList { "StateV1" });
     QCOMPARE(m_log.ofComponent("WARNING"),
-        (QStringList { m_log.warning(IncompleteState),
-            m_log.warning("Values are not availabe, unable to calculate GeneralV1") }));
+        (QStringList {
+            m_log.warning(IncompleteState), m_log.warning("Values are not availabe, unable to calculate GeneralV1") }));
 }
 
 void tst_OpcUaToMMMapper::absentItemsAreSkipped()

@@ -661,7 +661,8 @@ void tst_Validator::laterDefinitionReplacesType()
     QCOMPARE(spy.count(), 5);
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(2).at(3)).value, QVariant(1.5));
     QCOMPARE(qvariant_cast<ConditionDataV2>(spy.at(4).at(3)).value, QVariant("1.5"));
-    QCOMPARE(m_log.lines(), QStringList { modified("ConditionDataV2", "Changed Variant Datatype from String to Double") });
+    QCOMPARE(
+        m_log.lines(), QStringList { modified("ConditionDataV2", "Changed Variant Datatype from String to Double") });
 }
 
 void tst_Validator::repairWithoutDebugOutput()

@@ -13,8 +13,8 @@ class PlainSource : public QObject, public IDatasource
 public:
     bool init(const QVariantMap &, QVariantMap &) override { return true; }
 
-    Q_INVOKABLE void send(const QDateTime &timestamp, const QString &machine, const QString &source,
-                          const QVariant &data)
+    Q_INVOKABLE void send(
+        const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
     {
         emit dataReceived(timestamp, machine, source, data);
     }

@@ -41,8 +41,8 @@ public:
 
     QString name() const override { return QStringLiteral("testsource"); }
 
-    Q_INVOKABLE void send(const QDateTime &timestamp, const QString &machine, const QString &source,
-                          const QVariant &data)
+    Q_INVOKABLE void send(
+        const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
     {
         emit dataReceived(timestamp, machine, source, data);
     }

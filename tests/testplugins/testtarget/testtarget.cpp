@@ -1,8 +1,8 @@
 #include "itarget.h"
 
 #include <QCoreApplication>
-#include <QLoggingCategory>
 #include <QDateTime>
+#include <QLoggingCategory>
 #include <QObject>
 #include <QVariant>
 

@@ -103,6 +103,9 @@ bool SettingsGroup::strictValue(const char *key, QVariant *value, QString *error
     const QString written = rawText(key);
     if (row.parse(written, value))
         return true;
+    // "tls=" in a file means "not set" to whoever wrote it; refusing to start over it would punish a harmless line.
+    if (row.type == SettingKey::Type::Bool && written.trimmed().isEmpty())
+        return row.parse(QString::fromUtf8(row.defaultValue), value);
     *error = QStringLiteral("%1 must be %2, not \"%3\"")
                  .arg(QString::fromLatin1(key), row.requirement(), written.trimmed());
     return false;

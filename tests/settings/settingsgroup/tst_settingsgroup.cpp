@@ -39,6 +39,7 @@ private slots:
     void invalidValuesWarnAndTakeTheDefault();
     void optionalNumber();
     void strictReadersNameTheProblem();
+    void strictEmptyFlagIsTheDefault();
 
 private:
     LogCapture m_log { QStringLiteral("component") };
@@ -161,6 +162,17 @@ void tst_SettingsGroup::strictReadersNameTheProblem()
     QVERIFY(group.number("interval", &number, &error));
     QCOMPARE(number, quint64(1000));
     // The strict readers report; they don't warn.
+    QCOMPARE(m_log.lines(), QStringList());
+}
+
+void tst_SettingsGroup::strictEmptyFlagIsTheDefault()
+{
+    const SettingsGroup group(QVariantMap { { "loop", " " } }, table(), lcComponent());
+    bool flag = true;
+    QString error;
+    QVERIFY(group.flag("loop", &flag, &error));
+    QCOMPARE(flag, false);
+    QCOMPARE(error, QString());
     QCOMPARE(m_log.lines(), QStringList());
 }
 

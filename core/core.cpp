@@ -15,6 +15,8 @@
 #include "xmloverwrite.h"
 
 #include <QDirIterator>
+#include <QFile>
+#include <QHash>
 #include <QJsonObject>
 #include <QLoggingCategory>
 #include <QMetaEnum>
@@ -71,14 +73,10 @@ Core::Core(
 
     openConfig(configFile);
 
-    QString rules = m_config.value(QStringLiteral("core"))
-                        .toMap()
-                        .value(QStringLiteral("log"), QStringLiteral("*.debug=false"))
-                        .toString();
-    rules.replace(QLatin1Char(';'), QLatin1Char('\n'));
-    QLoggingCategory::setFilterRules(rules);
+    QLoggingCategory::setFilterRules(filterRules(m_config));
 
     s_logFile->configure(m_config);
+    warnAboutCommentInLogRules(configFile);
 
     qCInfo(lcCore) << QStringLiteral("starting %1 %2 %3")
                           .arg(QStringLiteral("orvix"), QStringLiteral("dev"),
@@ -118,6 +116,53 @@ QString Core::pluginDirectory()
     if (!fromEnvironment.isEmpty())
         return QString::fromUtf8(fromEnvironment);
     return QStringLiteral(ORVIX_DEFAULT_PLUGIN_DIR);
+}
+
+QString Core::filterRules(const QVariantMap &config)
+{
+    const QVariant value = config.value(QStringLiteral("core")).toMap().value(QStringLiteral("log"));
+    if (!value.isValid())
+        return QStringLiteral("*.debug=false");
+    // Written with commas, the INI reader hands the rules over as a list: each element is a rule of its own.
+    QString rules
+        = value.userType() == QMetaType::QStringList ? value.toStringList().join(QLatin1Char('\n')) : value.toString();
+    rules.replace(QLatin1Char(';'), QLatin1Char('\n'));
+    return rules;
+}
+
+void Core::warnAboutCommentInLogRules(const QString &configFile)
+{
+    QFile file(configFile);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return;
+    QString group;
+    while (!file.atEnd()) {
+        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+        if (line.startsWith(QLatin1Char('['))) {
+            group = line.mid(1, line.indexOf(QLatin1Char(']')) - 1).trimmed();
+            continue;
+        }
+        const int equals = line.indexOf(QLatin1Char('='));
+        const bool isLog = (group == QLatin1String("core") && line.left(equals).trimmed() == QLatin1String("log"))
+            || (group.isEmpty() && line.left(equals).trimmed() == QLatin1String("core/log"));
+        if (equals < 0 || !isLog)
+            continue;
+        // The INI reader takes an unquoted ";" for the start of a comment and silently drops the rules after it.
+        const QString value = line.mid(equals + 1).trimmed();
+        bool quoted = false;
+        for (int i = 0; i < value.size(); ++i) {
+            if (value.at(i) == QLatin1Char('"'))
+                quoted = !quoted;
+            else if (value.at(i) == QLatin1Char(';') && !quoted) {
+                QString quotedForm = value;
+                quotedForm.remove(QLatin1Char('"'));
+                qCWarning(lcCore) << QStringLiteral("core/log holds an unquoted \";\", so the rules after it are "
+                                                    "ignored: %1. Write it quoted: log=\"%2\"")
+                                         .arg(value.mid(i + 1).trimmed(), quotedForm);
+                return;
+            }
+        }
+    }
 }
 
 void Core::openConfig(const QString &configFile)
@@ -182,10 +227,13 @@ void Core::loadPlugins()
     qCDebug(lcCore) << QStringLiteral("Loading plugins from %1").arg(directory);
 
     const QMetaEnum pluginTypes = QMetaEnum::fromType<PluginType>();
-    QDirIterator it(directory, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    // The iterator's default filters skip hidden files and folders and broken symbolic links, so that a plugin
+    // moved to plugins/.trash stays out of the service.
+    QDirIterator it(directory, QDirIterator::Subdirectories);
+    QHash<QObject *, QString> loadedRoots;
     while (it.hasNext()) {
         const QString path = it.next();
-        if (!path.endsWith(QLatin1String("so"), Qt::CaseInsensitive))
+        if (it.fileInfo().isDir() || !path.endsWith(QLatin1String("so"), Qt::CaseInsensitive))
             continue;
         qCDebug(lcCore) << QStringLiteral("Trying to load plugin: %1").arg(path);
 
@@ -205,6 +253,14 @@ void Core::loadPlugins()
             continue;
         }
         qCDebug(lcCore) << QStringLiteral("Successfully loaded: %1").arg(path);
+        // One library reached under two names (links to one file) hands out one root object: using it twice would
+        // initialise it twice, send it every dataset twice and delete it twice.
+        const auto earlier = loadedRoots.constFind(root);
+        if (earlier != loadedRoots.constEnd()) {
+            qCInfo(lcCore) << QStringLiteral("%1 is the same plugin as %2 and is used once").arg(path, *earlier);
+            continue;
+        }
+        loadedRoots.insert(root, path);
 
         if (pluginType == DATASOURCE) {
             if (auto *datasource = qobject_cast<IDatasource *>(root))

@@ -59,6 +59,8 @@ public slots:
     void writeConfig(QString key, QVariant value);
 
 private:
+    static QString filterRules(const QVariantMap &config);
+    void warnAboutCommentInLogRules(const QString &configFile);
     void openConfig(const QString &configFile);
     void loadPlugins();
     void connectDatasources();

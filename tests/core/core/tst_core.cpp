@@ -11,6 +11,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <unistd.h>
+
 using namespace TestSupport;
 
 namespace {
@@ -79,6 +81,9 @@ private slots:
     void missingConfigurationFile();
     void defaultFilterRules();
     void filterRulesFromConfiguration();
+    void filterRulesWrittenWithCommas();
+    void unquotedSemicolonInFilterRulesWarns_data();
+    void unquotedSemicolonInFilterRulesWarns();
     void startMessages_data();
     void startMessages();
     void processorChain();
@@ -87,6 +92,9 @@ private slots:
     void loadsPluginsRecursively();
     void rejectsBadPluginFiles();
     void twoPluginsWithOneName();
+    void skipsHiddenEntriesAndBrokenLinks();
+    void oneLibraryUnderTwoNamesIsUsedOnce();
+    void brokenPluginFixtures();
     void datasetFlowsThroughChain();
     void processorThatDropsStopsDataset();
     void withoutProcessorsEverySourceReachesEveryTarget();
@@ -228,6 +236,41 @@ void tst_Core::filterRulesFromConfiguration()
     QVERIFY(!log().join(QLatin1Char('\n')).contains(QStringLiteral("read configfile:")));
 }
 
+void tst_Core::filterRulesWrittenWithCommas()
+{
+    // Unquoted, a comma makes the value a list; each element is one rule.
+    makeCore("[core]\nlog=*.debug=false, core.debug=true\n");
+    QVERIFY(!lcDataset().isDebugEnabled());
+    QVERIFY(!lcLogFile().isDebugEnabled());
+    QVERIFY(lcCore().isDebugEnabled());
+}
+
+void tst_Core::unquotedSemicolonInFilterRulesWarns_data()
+{
+    QTest::addColumn<QByteArray>("ini");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("unquoted")
+        << QByteArray("[core]\nlog=*.debug=true;core.debug=false\n")
+        << "WARNING core: \"core/log holds an unquoted \\\";\\\", so the rules after it are "
+           "ignored: core.debug=false. Write it quoted: log=\\\"*.debug=true;core.debug=false\\\"\"";
+    QTest::newRow("quoted") << QByteArray("[core]\nlog=\"*.debug=true;core.debug=false\"\n") << QString();
+    QTest::newRow("other group") << QByteArray("[other]\nlog=a;b\n") << QString();
+    QTest::newRow("comment line") << QByteArray("[core]\n;log=a;b\n") << QString();
+}
+
+void tst_Core::unquotedSemicolonInFilterRulesWarns()
+{
+    QFETCH(QByteArray, ini);
+    QFETCH(QString, warning);
+    makeCore(ini);
+    QStringList warnings;
+    for (const QString &line : log()) {
+        if (line.startsWith(QStringLiteral("WARNING")))
+            warnings.append(line);
+    }
+    QCOMPARE(warnings, warning.isEmpty() ? QStringList() : QStringList { warning });
+}
+
 void tst_Core::startMessages_data()
 {
     QTest::addColumn<bool>("service");
@@ -340,6 +383,77 @@ void tst_Core::twoPluginsWithOneName()
     send(object(core->datasources().first()), QStringLiteral("payload"));
     QCOMPARE(received(core->targets().at(0)), 1);
     QCOMPARE(received(core->targets().at(1)), 1);
+}
+
+void tst_Core::skipsHiddenEntriesAndBrokenLinks()
+{
+    addPlugin("testsource");
+    addPlugin("testtarget", ".trash/libtesttarget.so");
+    addPlugin("testtarget", ".libhidden.so");
+    QVERIFY(
+        QFile::link(pluginDir() + QStringLiteral("/gone/libgone.so"), pluginDir() + QStringLiteral("/libdangling.so")));
+    Core *core = makeCore("[core]\nlog=*.debug=true\n");
+    core->run();
+    QCOMPARE(core->datasources().size(), 1);
+    QVERIFY(core->targets().isEmpty());
+    const QString lines = log().join(QLatin1Char('\n'));
+    QVERIFY(!lines.contains(QStringLiteral(".trash")));
+    QVERIFY(!lines.contains(QStringLiteral(".libhidden.so")));
+    QVERIFY(!lines.contains(QStringLiteral("libdangling.so")));
+}
+
+void tst_Core::oneLibraryUnderTwoNamesIsUsedOnce()
+{
+    addPlugin("testtarget");
+    addPlugin("testsource", "libtestsource.so.1");
+    const QString versioned = pluginDir() + QStringLiteral("/libtestsource.so.1");
+    QVERIFY(QFile::link(versioned, pluginDir() + QStringLiteral("/libtestsource.so")));
+    QVERIFY(QDir().mkpath(pluginDir() + QStringLiteral("/sub")));
+    const QByteArray hardLink = QFile::encodeName(pluginDir() + QStringLiteral("/sub/libsource.so"));
+    QCOMPARE(::link(QFile::encodeName(versioned).constData(), hardLink.constData()), 0);
+    Core *core = makeCore("");
+    core->run();
+    QCOMPARE(core->datasources().size(), 1);
+    send(object(core->datasources().first()), QStringLiteral("payload"));
+    QCOMPARE(received(core->targets().first()), 1);
+    QCOMPARE(object(core->datasources().first())->property("initCalls").toInt(), 1);
+
+    QStringList infos;
+    for (const QString &line : log()) {
+        if (line.contains(QStringLiteral("is the same plugin as")))
+            infos.append(line);
+    }
+    QCOMPARE(infos.size(), 1);
+    QVERIFY2(infos.first().startsWith(QStringLiteral("INFO core: \"")), qPrintable(infos.first()));
+    QVERIFY2(infos.first().endsWith(QStringLiteral(" and is used once\"")), qPrintable(infos.first()));
+}
+
+void tst_Core::brokenPluginFixtures()
+{
+    addPlugin("noinstance");
+    addPlugin("mistyped");
+    addPlugin("testsource", "libtruncated.so");
+    QFile truncated(pluginDir() + QStringLiteral("/libtruncated.so"));
+    QVERIFY(truncated.resize(4096));
+    Core *core = makeCore("");
+    core->run();
+    QVERIFY(core->datasources().isEmpty());
+    QVERIFY(core->targets().isEmpty());
+
+    const QStringList lines = log();
+    const QString noInstance = pluginDir() + QStringLiteral("/libnoinstance.so");
+    QStringList cannotInstantiate;
+    for (const QString &line : lines) {
+        if (line.startsWith(QStringLiteral("WARNING core: \"Can't get instance of %1. Error: ").arg(noInstance)))
+            cannotInstantiate.append(line);
+    }
+    QCOMPARE(cannotInstantiate.size(), 1);
+    QVERIFY2(cannotInstantiate.first().contains(QStringLiteral("orvix_symbol_that_no_library_defines")),
+        qPrintable(cannotInstantiate.first()));
+    QVERIFY(lines.contains(QStringLiteral("WARNING core: \"%1 is no ITarget and is not used\"")
+                               .arg(pluginDir() + QStringLiteral("/libmistyped.so"))));
+    QVERIFY(lines.contains(QStringLiteral("WARNING core: \"PluginType \\\"\\\" not valid for %1\"")
+                               .arg(pluginDir() + QStringLiteral("/libtruncated.so"))));
 }
 
 void tst_Core::datasetFlowsThroughChain()

@@ -5,6 +5,7 @@
 #include "notificationsremoveallv1.h"
 #include "notificationsremovev1.h"
 #include "orderv1.h"
+#include "settingvalue.h"
 #include "statev1.h"
 #include "swverv1.h"
 #include "wwbaseeventtype.h"
@@ -71,6 +72,14 @@ void warnMissing(const char *key)
 {
     qCWarning(lcMmToOpcUaMapper)
         << QStringLiteral("Config is missing value for mandatory node '%1'").arg(QLatin1String(key));
+}
+
+void warnTooLarge(const char *key, uint value, uint maximum, const QString &instead)
+{
+    qCWarning(lcMmToOpcUaMapper) << QStringLiteral(
+        "Config value %1 for node '%2' does not fit its field (0 to %3), using %4")
+                                        .arg(QString::number(value), QLatin1String(key), QString::number(maximum),
+                                            instead);
 }
 
 // INI values arrive as text, or as a list when they hold an unquoted comma; typed maps hand in other variants.
@@ -180,7 +189,8 @@ bool MmToOpcUaMapper::init(const QVariantMap &config, QVariantMap &)
     qCInfo(lcMmToOpcUaMapper) << QStringLiteral("MmToOpcUaMapper::init");
     const auto server = config.constFind(QStringLiteral("opcuaserver"));
     if (server != config.cend())
-        m_eventPrefix = server->toMap().value(QStringLiteral("enableWwBaseEventPrefix")).toBool();
+        m_eventPrefix = SettingValue::toBool(server->toMap().value(QStringLiteral("enableWwBaseEventPrefix")),
+            "enableWwBaseEventPrefix", false, lcMmToOpcUaMapper());
     readIdentification(config);
     return true;
 }
@@ -261,18 +271,25 @@ void MmToOpcUaMapper::publishMachine(const QString &machine, const QVariantMap &
             identification.*field.member = textOf(*value);
     }
 
+    // A number too large for its field would be stored cut to its low bits, a different year or month that nobody
+    // wrote; such a value is warned about and treated like one that is no number.
     bool ok = false;
     const uint year = keys.value(QStringLiteral("YearOfConstruction")).toUInt(&ok);
-    if (ok) {
+    if (ok && year <= std::numeric_limits<quint16>::max()) {
         identification.YearOfConstruction = quint16(year);
     } else {
         identification.YearOfConstruction = 0;
-        warnMissing("YearOfConstruction");
+        if (ok)
+            warnTooLarge("YearOfConstruction", year, std::numeric_limits<quint16>::max(), QStringLiteral("0"));
+        else
+            warnMissing("YearOfConstruction");
     }
 
     const uint month = keys.value(QStringLiteral("MonthOfConstruction")).toUInt(&ok);
-    if (ok)
+    if (ok && month <= std::numeric_limits<quint8>::max())
         identification.MonthOfConstruction = quint8(month);
+    else if (ok)
+        warnTooLarge("MonthOfConstruction", month, std::numeric_limits<quint8>::max(), QStringLiteral("no value"));
     else
         warnMissing("MonthOfConstruction");
 

@@ -220,6 +220,9 @@ private slots:
     void initYear();
     void initMonth_data();
     void initMonth();
+    void initNumbersTooLargeForTheirField_data();
+    void initNumbersTooLargeForTheirField();
+    void initUsesTheCurrentDateTimeWithoutClock();
     void initOperationDate_data();
     void initOperationDate();
     void initDeviceClass_data();
@@ -265,6 +268,8 @@ private slots:
     void notificationPath();
     void notificationPrefix_data();
     void notificationPrefix();
+    void prefixSwitchWords_data();
+    void prefixSwitchWords();
     void notificationLocaleFallback();
     void notificationRaisesFlags_data();
     void notificationRaisesFlags();
@@ -277,6 +282,7 @@ private slots:
 
     void offlineTimeout();
     void offlineTimeoutRepeats();
+    void offlineTimeoutAtItsDefault();
     void offlineIgnoresUnseenMachines();
 
     void roundTripState_data();
@@ -602,6 +608,56 @@ void tst_MmToOpcUaMapper::initMonth()
         QVERIFY(month);
         QCOMPARE(int(*month), expected);
         QCOMPARE(m_log.ofComponent().size(), 1);
+    }
+}
+
+void tst_MmToOpcUaMapper::initNumbersTooLargeForTheirField_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("year") << "YearOfConstruction" << QVariant(QStringLiteral("70000"))
+                          << "Config value 70000 for node 'YearOfConstruction' does not fit its field (0 to 65535), "
+                             "using 0";
+    QTest::newRow("month") << "MonthOfConstruction" << QVariant(2019)
+                           << "Config value 2019 for node 'MonthOfConstruction' does not fit its field (0 to 255), "
+                              "using no value";
+}
+
+void tst_MmToOpcUaMapper::initNumbersTooLargeForTheirField()
+{
+    QFETCH(QString, key);
+    QFETCH(QVariant, value);
+    QFETCH(QString, warning);
+    const QList<QVariant> emitted = initWith(key, value);
+    const WwIdentification identification = emitted.at(0).value<WwIdentification>();
+    if (key == QLatin1String("YearOfConstruction"))
+        QCOMPARE(int(identification.YearOfConstruction), 0);
+    else
+        QVERIFY(!identification.MonthOfConstruction);
+    QCOMPARE(m_log.ofComponent(), (QStringList { InitLine, ::warning(warning) }));
+    // The largest numbers that fit are stored as they are.
+    const QList<QVariant> largest = initWith(key, key == QLatin1String("YearOfConstruction") ? 65535 : 255);
+    const WwIdentification fits = largest.at(0).value<WwIdentification>();
+    if (key == QLatin1String("YearOfConstruction"))
+        QCOMPARE(int(fits.YearOfConstruction), 65535);
+    else
+        QCOMPARE(int(fits.MonthOfConstruction.value()), 255);
+}
+
+void tst_MmToOpcUaMapper::initUsesTheCurrentDateTimeWithoutClock()
+{
+    MmToOpcUaMapper mapper;
+    QSignalSpy spy(&mapper, SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    QVariantMap shared;
+    const QDateTime before = QDateTime::currentDateTime();
+    mapper.init(configWith({ { "m1", fullMachine() } }), shared);
+    const QDateTime after = QDateTime::currentDateTime();
+    QCOMPARE(spy.count(), 2);
+    for (const QList<QVariant> &arguments : qAsConst(spy)) {
+        const QDateTime stamp = arguments.at(0).toDateTime();
+        QVERIFY(stamp >= before && stamp <= after);
+        QCOMPARE(stamp.timeSpec(), before.timeSpec());
     }
 }
 
@@ -1392,6 +1448,45 @@ void tst_MmToOpcUaMapper::notificationPrefix()
     QCOMPARE(feed(*mapper, removeAll()).at(1).value<WwBaseEventType>().Message, off);
 }
 
+void tst_MmToOpcUaMapper::prefixSwitchWords_data()
+{
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<bool>("prefixed");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("no") << QVariant(QStringLiteral("no")) << false << QString();
+    QTest::newRow("off") << QVariant(QStringLiteral("off")) << false << QString();
+    QTest::newRow("0") << QVariant(QStringLiteral("0")) << false << QString();
+    QTest::newRow("FALSE") << QVariant(QStringLiteral("FALSE")) << false << QString();
+    QTest::newRow("yes") << QVariant(QStringLiteral("yes")) << true << QString();
+    QTest::newRow("On") << QVariant(QStringLiteral("On")) << true << QString();
+    QTest::newRow("1") << QVariant(QStringLiteral("1")) << true << QString();
+    QTest::newRow("nein") << QVariant(QStringLiteral("nein")) << false
+                          << "Value nein of enableWwBaseEventPrefix is not valid, using false";
+}
+
+void tst_MmToOpcUaMapper::prefixSwitchWords()
+{
+    QFETCH(QVariant, value);
+    QFETCH(bool, prefixed);
+    QFETCH(QString, warning);
+    QVariantMap config = configWith({ { "m1", fullMachine() } });
+    config.insert(QStringLiteral("opcuaserver"), QVariantMap { { "enableWwBaseEventPrefix", value } });
+    auto mapper = std::make_unique<MmToOpcUaMapper>();
+    mapper->setElapsedClock([this] { return m_now; });
+    mapper->setDateTimeClock([] { return s_wallTime; });
+    QVariantMap shared;
+    mapper->init(config, shared);
+    QStringList warnings;
+    for (const QString &line : m_log.ofComponent()) {
+        if (line.startsWith(QStringLiteral("WARNING")))
+            warnings.append(line);
+    }
+    QCOMPARE(warnings, warning.isEmpty() ? QStringList() : QStringList { ::warning(warning) });
+    announce(*mapper, 0);
+    const WwBaseEventType raised = feed(*mapper, wrap(notification("n1", 0))).at(1).value<WwBaseEventType>();
+    QCOMPARE(raised.Message, prefixed ? QStringLiteral("{ON }Door open") : QStringLiteral("Door open"));
+}
+
 void tst_MmToOpcUaMapper::notificationLocaleFallback()
 {
     auto mapper = makeMapper(configWith({ { "m1", fullMachine() } }));
@@ -1551,6 +1646,25 @@ void tst_MmToOpcUaMapper::notificationReplacesSameId()
     const QList<QVariant> emitted = feed(*mapper, removeAll());
     QCOMPARE(emitted.size(), 2);
     QCOMPARE(emitted.at(1).value<WwBaseEventType>().Message, QStringLiteral("New"));
+}
+
+void tst_MmToOpcUaMapper::offlineTimeoutAtItsDefault()
+{
+    auto mapper = makeMapper(configWith({ { "m1", fullMachine() } }));
+    announce(*mapper, 0);
+    lastState(*mapper, stateCode(2));
+    QTimer *timer = mapper->findChild<QTimer *>();
+    QVERIFY(timer);
+    QCOMPARE(timer->interval(), 600000);
+    QSignalSpy spy(mapper.get(), SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)));
+    // The timer's tick is sent by hand; the clock decides whether the machine has been silent for 600000 ms.
+    m_now = 599999;
+    QVERIFY(QMetaObject::invokeMethod(timer, "timeout"));
+    QCOMPARE(spy.count(), 0);
+    m_now = 600000;
+    QVERIFY(QMetaObject::invokeMethod(timer, "timeout"));
+    QCOMPARE(spy.count(), 2);
+    QCOMPARE(spy.at(0).at(3), stateCode(1));
 }
 
 void tst_MmToOpcUaMapper::offlineTimeout()

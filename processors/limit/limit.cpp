@@ -2,6 +2,7 @@
 
 #include "limitlogging.h"
 #include "mmdatasets.h"
+#include "wwtypes.h"
 
 #include <QTimer>
 
@@ -348,6 +349,12 @@ Limit::Limit(QObject *parent)
     m_handlers.insert(qMetaTypeId<NotificationsRemoveAllV1>(), { &recordEquals<NotificationsRemoveAllV1>, nullptr });
     m_handlers.insert(qMetaTypeId<SwVerV1>(), { &recordEquals<SwVerV1>, nullptr });
     m_handlers.insert(qMetaTypeId<OrderV1>(), { &recordEquals<OrderV1>, nullptr });
+    // The woodworking-model records pass the mapper unchanged; their repeats are dropped like any other.
+    m_handlers.insert(qMetaTypeId<WwState>(), { &recordEquals<WwState>, nullptr });
+    m_handlers.insert(qMetaTypeId<WwIdentification>(), { &recordEquals<WwIdentification>, nullptr });
+    m_handlers.insert(qMetaTypeId<WwBaseEventType>(), { &recordEquals<WwBaseEventType>, nullptr });
+    m_handlers.insert(qMetaTypeId<WwCapabilities>(), { &recordEquals<WwCapabilities>, nullptr });
+    m_handlers.insert(qMetaTypeId<WwManufacturerSpecific>(), { &recordEquals<WwManufacturerSpecific>, nullptr });
 
     m_handlers.insert(qMetaTypeId<ConditionDefinitionsV2>(),
         { &recordEquals<ConditionDefinitionsV2>,

@@ -5,6 +5,7 @@
 #include "logcapture.h"
 #include "mmdatasets.h"
 #include "testsupport.h"
+#include "wwtypes.h"
 
 #include <QRegularExpression>
 #include <QSignalSpy>
@@ -722,6 +723,33 @@ void tst_Limit::duplicates_data()
     QTest::newRow("NotificationsRemoveAllV1") << QVariant::fromValue(removeAll) << QVariant::fromValue(otherRemoveAll);
     QTest::newRow("SwVerV1") << QVariant::fromValue(version) << QVariant::fromValue(otherVersion);
     QTest::newRow("OrderV1") << QVariant::fromValue(order) << QVariant::fromValue(otherOrder);
+    WwState state;
+    state.MachineState = 2;
+    WwState otherState = state;
+    otherState.OperationMode = 1;
+    WwIdentification identification;
+    identification.SerialNumber = QStringLiteral("4711");
+    WwIdentification otherIdentification = identification;
+    otherIdentification.YearOfConstruction = 2020;
+    WwBaseEventType event;
+    event.Id = QStringLiteral("1");
+    WwBaseEventType otherEvent = event;
+    otherEvent.Message = QStringLiteral("Door open");
+    WwCapabilities capabilities;
+    capabilities.Mask = WwCapabilities::OwnState;
+    WwCapabilities otherCapabilities;
+    otherCapabilities.Mask = WwCapabilities::OwnIdentification;
+    WwManufacturerSpecific specific;
+    specific.LastProgramName = QStringLiteral("P1");
+    WwManufacturerSpecific otherSpecific;
+    otherSpecific.LastProgramName = QStringLiteral("P2");
+
+    QTest::newRow("WwState") << QVariant::fromValue(state) << QVariant::fromValue(otherState);
+    QTest::newRow("WwIdentification") << QVariant::fromValue(identification)
+                                      << QVariant::fromValue(otherIdentification);
+    QTest::newRow("WwBaseEventType") << QVariant::fromValue(event) << QVariant::fromValue(otherEvent);
+    QTest::newRow("WwCapabilities") << QVariant::fromValue(capabilities) << QVariant::fromValue(otherCapabilities);
+    QTest::newRow("WwManufacturerSpecific") << QVariant::fromValue(specific) << QVariant::fromValue(otherSpecific);
     QTest::newRow("int") << QVariant(1) << QVariant(2);
     QTest::newRow("string") << QVariant("a") << QVariant("b");
 }
@@ -1237,6 +1265,9 @@ void tst_Limit::maintenanceValuesChangeOnlyByValues_data()
     QTest::newRow("same") << maintenanceValue("oil", 1.5, 2) << false;
     QTest::newRow("value2") << maintenanceValue("oil", 1.25, 2) << true;
     QTest::newRow("value3") << maintenanceValue("oil", 1.5, 2.0000001) << true;
+    // Exact comparison: no tolerance hides a small change of a counter.
+    QTest::newRow("value2 by 1e-12") << maintenanceValue("oil", 1.5 + 1e-12, 2) << true;
+    QTest::newRow("value3 by 1e-12") << maintenanceValue("oil", 1.5, 2 + 1e-12) << true;
     QTest::newRow("both") << maintenanceValue("oil", 0, 0) << true;
     QTest::newRow("id null and empty alike") << maintenanceValue("", 1.5, 2) << false;
 }

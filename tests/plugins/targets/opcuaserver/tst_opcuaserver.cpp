@@ -7,6 +7,9 @@
 #include "wwaddressspace.h"
 #include "wwtypes.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -170,6 +173,71 @@ private:
     UA_Client *m_client;
 };
 
+/** tests/nodeopcua/opcuaserver-client.js, node-opcua's client, run as a process that reports in JSON lines. */
+class NodeClient
+{
+public:
+    /** Where node finds node-opcua: NODE_PATH when set, else the test folder's own installation. */
+    static QString modules()
+    {
+        const QString path = qEnvironmentVariable("NODE_PATH");
+        return path.isEmpty() ? QStringLiteral(ORVIX_SOURCE_DIR "/tests/nodeopcua/node_modules") : path;
+    }
+    static bool available()
+    {
+        QProcess probe;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("NODE_PATH"), modules());
+        probe.setProcessEnvironment(environment);
+        probe.start(QStringLiteral("node"), { QStringLiteral("-e"), QStringLiteral("require('node-opcua')") });
+        return probe.waitForFinished(60000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;
+    }
+
+    void start(const QStringList &arguments)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("NODE_PATH"), modules());
+        m_process.setProcessEnvironment(environment);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral("node"),
+            QStringList { QStringLiteral(ORVIX_SOURCE_DIR "/tests/nodeopcua/opcuaserver-client.js") } + arguments);
+    }
+    ~NodeClient()
+    {
+        m_process.closeWriteChannel();
+        if (!m_process.waitForFinished(10000))
+            m_process.kill();
+        m_process.waitForFinished(1000);
+    }
+
+    /** The next reported object that has key, while the event loop turns; empty after timeoutMs. */
+    QJsonObject next(const QString &key, int timeoutMs = 20000)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < timeoutMs) {
+            while (m_process.canReadLine()) {
+                const QJsonObject object = QJsonDocument::fromJson(m_process.readLine()).object();
+                if (object.contains(key))
+                    return object;
+                if (object.contains(QStringLiteral("error")))
+                    qWarning().noquote() << object.value(QStringLiteral("error")).toString();
+            }
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+            m_process.waitForReadyRead(5);
+        }
+        return QJsonObject();
+    }
+    int exitCode()
+    {
+        m_process.waitForFinished(20000);
+        return m_process.exitCode();
+    }
+
+private:
+    QProcess m_process;
+};
+
 } // namespace
 
 class TestOpcUaServer : public QObject
@@ -193,6 +261,8 @@ private slots:
     void unknownPolicyFailsInit();
     void datasetsBeforeInitAreIgnored();
     void encryptedLoginWithTrustedCertificate();
+    void nodeOpcUaClientBrowsesReadsAndSubscribes();
+    void nodeOpcUaClientLogsInEncrypted();
 
 private:
     QVariantMap config(const QVariantMap &group = QVariantMap()) const;
@@ -496,6 +566,99 @@ void TestOpcUaServer::encryptedLoginWithTrustedCertificate()
     QCOMPARE(client.read("m1/Identification/SerialNumber"), QVariant("4711"));
     UA_ByteString_clear(&certificate);
     UA_ByteString_clear(&key);
+}
+
+void TestOpcUaServer::nodeOpcUaClientBrowsesReadsAndSubscribes()
+{
+    if (!NodeClient::available())
+        QSKIP("node-opcua is not installed (tools/install-deps.sh installs it into tests/nodeopcua)");
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(), shared));
+
+    NodeClient client;
+    client.start({ QStringLiteral("opc.tcp://localhost:%1").arg(m_port), m_dir.path() + QStringLiteral("/node") });
+    const QJsonObject machines = client.next(QStringLiteral("machines"));
+    QCOMPARE(machines.value("machines").toVariant().toStringList(), QStringList { "m1" });
+    QCOMPARE(
+        machines.value("types").toVariant().toStringList(), QStringList { machines.value("wwMachineType").toString() });
+    QCOMPARE(client.next(QStringLiteral("children")).value("children").toVariant().toStringList(),
+        (QStringList { "Events", "Identification", "State" }));
+    const QVariantMap read = client.next(QStringLiteral("read")).value("read").toObject().toVariantMap();
+    QCOMPARE(read.value("Identification/Manufacturer"), QVariant("Acme"));
+    QCOMPARE(read.value("Identification/SerialNumber"), QVariant("4711"));
+    QCOMPARE(read.value("Identification/YearOfConstruction").toInt(), 2019);
+    QCOMPARE(read.value("State/Machine/Overview/CurrentState").toInt(), 0);
+    QCOMPARE(read.value("State/Machine/Flags/MachineOn"), QVariant(false));
+    QVERIFY(client.next(QStringLiteral("currentStateDataType"))
+                .value("currentStateDataType")
+                .toString()
+                .endsWith(QStringLiteral(";i=21")));
+    const QJsonObject subscribed = client.next(QStringLiteral("subscribed"));
+    QVERIFY(!subscribed.isEmpty());
+    QCOMPARE(client.next(QStringLiteral("MachineOn")).value("MachineOn"), QJsonValue(false));
+
+    target.processData(When, "m1", "src", QVariant::fromValue(WwCapabilities {}));
+    target.processData(When, "m1", "src", statev1(2));
+    QCOMPARE(client.next(QStringLiteral("MachineOn")).value("MachineOn"), QJsonValue(true));
+
+    NotificationsAddV1 notification;
+    notification.id = QStringLiteral("Spindle/7/E-12");
+    notification.message = QStringLiteral("Spindle overheated");
+    notification.level = 3;
+    target.processData(When, "m1", "src", QVariant::fromValue(notification));
+    const QJsonObject event = client.next(QStringLiteral("event")).value("event").toObject();
+    QCOMPARE(event.value("Message").toString(), QStringLiteral("Spindle overheated"));
+    QCOMPARE(event.value("Severity").toInt(), 900);
+    QCOMPARE(event.value("EventType").toString(), subscribed.value("wwBaseEventType").toString());
+    QCOMPARE(event.value("MessageId").toString(), QStringLiteral("Spindle/7/E-12"));
+    QCOMPARE(event.value("EventCategory").toInt(), 5);
+    QCOMPARE(event.value("PathParts").toVariant().toStringList(), (QStringList { "Spindle", "7" }));
+    QCOMPARE(event.value("LocalizedMessages").toVariant().toStringList(), QStringList { "de:Spindle overheated" });
+}
+
+void TestOpcUaServer::nodeOpcUaClientLogsInEncrypted()
+{
+    if (!NodeClient::available())
+        QSKIP("node-opcua is not installed (tools/install-deps.sh installs it into tests/nodeopcua)");
+    const QString pki = m_dir.path() + QStringLiteral("/nodesecure");
+    const QVariantMap secure { { "securityPolicies", "Basic256Sha256" }, { "securityModes", "SignAndEncrypt" },
+        { "users", "anna:secret" }, { "pki", pki } };
+    const QString url = QStringLiteral("opc.tcp://localhost:%1").arg(m_port);
+    const QString clientPki = m_dir.path() + QStringLiteral("/nodeclient");
+    {
+        OpcUaServer target;
+        QVariantMap shared;
+        QVERIFY(target.init(config(secure), shared));
+        NodeClient untrusted;
+        untrusted.start({ url, clientPki, "anna", "secret" });
+        QVERIFY(!untrusted.next(QStringLiteral("refused")).isEmpty());
+        QCOMPARE(untrusted.exitCode(), 2);
+        const QStringList rejected = QDir(pki + QStringLiteral("/rejected")).entryList(QDir::Files);
+        QCOMPARE(rejected.size(), 1);
+        QVERIFY(m_log.ofComponent("INFO").contains(
+            m_log.info(QStringLiteral("Refused a client certificate (BadCertificateUntrusted), saved as %1/rejected/%2")
+                           .arg(pki, rejected.first()))));
+        QVERIFY(QFile::rename(pki + QStringLiteral("/rejected/") + rejected.first(),
+            pki + QStringLiteral("/trusted/") + rejected.first()));
+    }
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(secure), shared));
+    m_log.clear();
+    {
+        NodeClient wrong;
+        wrong.start({ url, clientPki, "anna", "wrong" });
+        QVERIFY(!wrong.next(QStringLiteral("refused")).isEmpty());
+        QCOMPARE(m_log.ofComponent("INFO"),
+            QStringList { m_log.info(QStringLiteral("Refused the login of user anna (BadUserAccessDenied)")) });
+    }
+    NodeClient client;
+    client.start({ url, clientPki, "anna", "secret" });
+    QCOMPARE(
+        client.next(QStringLiteral("machines")).value("machines").toVariant().toStringList(), QStringList { "m1" });
+    QCOMPARE(client.next(QStringLiteral("read")).value("read").toObject().value("Identification/SerialNumber"),
+        QJsonValue("4711"));
 }
 
 QTEST_GUILESS_MAIN(TestOpcUaServer)

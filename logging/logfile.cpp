@@ -66,7 +66,9 @@ void LogFile::openAndRotate()
         qCWarning(lcLogFile) << "Creating" << dirPath << "failed.";
 
     // An unopenable file only costs the file's lines; the console keeps working.
-    m_file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text);
+    // Append on top of truncating: every write goes to the file's end, so after logrotate's copytruncate the next
+    // line starts the emptied file instead of leaving a hole of NUL bytes up to the old offset.
+    m_file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Append | QIODevice::Text);
     m_written = 0;
 }
 

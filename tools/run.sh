@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Usage: tools/run.sh
 # Installs what building needs (Debian 12, as root), builds and installs orvix below /usr/local, puts the example
-# configuration into /etc/orvix/orvix.ini unless that file exists, and runs the service in the foreground.
+# configuration into /etc/orvix/orvix.ini and the logrotate rule into /etc/logrotate.d/orvix unless they exist, and runs
+# the service in the foreground.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./tools/install-deps.sh
@@ -10,5 +11,8 @@ cmake --build build --parallel "$(nproc)"
 cmake --install build
 if [ ! -e /etc/orvix/orvix.ini ] && [ -f /usr/local/share/doc/orvix/orvix.ini ]; then
     install -D -m 644 /usr/local/share/doc/orvix/orvix.ini /etc/orvix/orvix.ini
+fi
+if [ -d /etc/logrotate.d ] && [ ! -e /etc/logrotate.d/orvix ]; then
+    install -m 644 /usr/local/share/doc/orvix/orvix.logrotate /etc/logrotate.d/orvix
 fi
 exec /usr/local/bin/orvix

@@ -7,6 +7,7 @@
 #include <QDate>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QTextCodec>
 #include <QtTest>
 
 using namespace TestSupport;
@@ -30,6 +31,8 @@ private slots:
     void longMessageRotatesBeforeWriting();
     void manyShortMessagesNeverRotate();
     void unreadableMaxSizeKeepsDefault();
+    void truncationWhileWritingLeavesNoHole();
+    void writesUtf8();
 
 private:
     QVariantMap config(const QString &oldCopy = QString(), qint64 maxSize = -1) const
@@ -198,6 +201,33 @@ void tst_LogFile::unreadableMaxSizeKeepsDefault()
     log.stop();
     QCOMPARE(log.lines(), QStringList { log.warning("maxSize \"50MB\" is not a number, using 52428800") });
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: one", "INFO core: two" }));
+}
+
+void tst_LogFile::truncationWhileWritingLeavesNoHole()
+{
+    // logrotate's copytruncate empties the open file; the next line must go to its new end.
+    LogFile file;
+    file.configure(config());
+    for (int i = 0; i < 100; ++i)
+        file.write(QtInfoMsg, LogContext("core"), "before the truncation");
+    QVERIFY(QFile::resize(m_dir->filePath("orvix.log"), 0));
+    file.write(QtInfoMsg, LogContext("core"), "after");
+    const QByteArray raw = readFile(m_dir->filePath("orvix.log"));
+    QVERIFY2(!raw.contains('\0'), "the file has a hole of NUL bytes");
+    QCOMPARE(logLines(m_dir->filePath("orvix.log")), QStringList { "INFO core: after" });
+}
+
+void tst_LogFile::writesUtf8()
+{
+    // Whatever the machine's locale: a box started with LANG=C must not write its log in another encoding.
+    QTextCodec *locale = QTextCodec::codecForLocale();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    LogFile file;
+    file.configure(config());
+    file.write(QtInfoMsg, LogContext("core"), QStringLiteral("Säge \u20ac \U0001F332"));
+    QTextCodec::setCodecForLocale(locale);
+    const QByteArray raw = readFile(m_dir->filePath("orvix.log"));
+    QVERIFY(raw.endsWith(QStringLiteral("INFO core: Säge \u20ac \U0001F332\n").toUtf8()));
 }
 
 QTEST_GUILESS_MAIN(tst_LogFile)

@@ -288,6 +288,10 @@ bool OpcUaServerHost::configure(UA_ServerConfig *config, const Options &options,
         UA_ApplicationDescription_copy(&config->applicationDescription, &server);
     }
 
+    // Clients that want changes quickly may publish and sample every 10 ms; the library's floor is 100 and 50 ms.
+    config->publishingIntervalLimits.min = 10.0;
+    config->samplingIntervalLimits.min = 10.0;
+
     // Offer only the listed combinations of policy and mode; a listed policy without a listed mode offers nothing.
     size_t kept = 0;
     bool noneOffered = false;

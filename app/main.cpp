@@ -1,8 +1,7 @@
-#include "core.h"
 #include "licencenotices.h"
+#include "servicestart.h"
 
 #include <QCoreApplication>
-#include <QTimer>
 
 int main(int argc, char *argv[])
 {
@@ -13,12 +12,7 @@ int main(int argc, char *argv[])
     }
 
     QCoreApplication app(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Brennick"));
-    QCoreApplication::setApplicationName(QStringLiteral("orvix"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("dev"));
-
-    auto *core = new Core(false, &app);
-    QObject::connect(core, SIGNAL(finished()), &app, SLOT(quit()));
-    QTimer::singleShot(0, core, SLOT(run()));
+    ServiceStart::nameApplication();
+    ServiceStart::createCore(app);
     return app.exec();
 }

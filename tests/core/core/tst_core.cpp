@@ -6,6 +6,7 @@
 #include "testsupport.h"
 
 #include <QCoreApplication>
+#include <QMetaMethod>
 #include <QPointer>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -39,6 +40,10 @@ public:
     bool init(const QVariantMap &, QVariantMap &) override
     {
         ++initCalls;
+        QStringList inits = qApp->property("inits").toStringList();
+        inits.append(QStringLiteral("%1:%2").arg(m_name,
+            isSignalConnected(QMetaMethod::fromSignal(&ProbeProcessor::dataProcessed)) ? "connected" : "unconnected"));
+        qApp->setProperty("inits", inits);
         emit writeConfig(QStringLiteral("probe/%1").arg(m_name), m_order);
         return false;
     }
@@ -112,6 +117,9 @@ private slots:
     void processorWriteConfigAndIgnoredInit();
     void finalWarnings();
     void shutdown();
+    void shutdownMessageOnlyWithCoreInfo();
+    void initOrderAfterEveryConnection();
+    void writeConfigAndRequestKinds();
 
 private:
     Core *makeCore(const QByteArray &ini, bool service = false);
@@ -146,6 +154,7 @@ void tst_Core::init()
     QDir().mkpath(pluginDir());
     qputenv("ORVIX_PLUGINPATH", pluginDir().toUtf8());
     qApp->setProperty("destroyed", QVariant());
+    qApp->setProperty("inits", QVariant());
 }
 
 void tst_Core::cleanup()
@@ -705,9 +714,49 @@ void tst_Core::shutdown()
     QCOMPARE(qApp->property("destroyed").toStringList(), (QStringList { "testsource", "testtarget", "p1", "p2" }));
     QCOMPARE(log().last(), QStringLiteral("INFO core: Shutting down"));
 
+    // The handler was restored before the plugins were deleted: their last words do not reach the file.
+    QVERIFY(!log().join('\n').contains("testsource deleted"));
     // The default handler is back: nothing reaches the file any more.
     qCWarning(lcCore) << "after shutdown";
     QVERIFY(!log().join('\n').contains("after shutdown"));
+}
+
+void tst_Core::shutdownMessageOnlyWithCoreInfo()
+{
+    Core *core = makeCore("[core]\nlog=core.info=false\n");
+    qCWarning(lcCore) << "still running";
+    delete core;
+    const QStringList lines = log();
+    QVERIFY(lines.contains(QStringLiteral("WARNING core: still running")));
+    QVERIFY(!lines.join('\n').contains(QStringLiteral("Shutting down")));
+}
+
+void tst_Core::initOrderAfterEveryConnection()
+{
+    addPlugin("testsource");
+    addPlugin("testtarget");
+    Core *core = makeCore("");
+    core->setProcessors({ new ProbeProcessor("p1", 1), new ProbeProcessor("p2", 2) });
+    core->run();
+    // Processors first, then targets, then datasources; each already wired when its init runs.
+    QCOMPARE(qApp->property("inits").toStringList(),
+        (QStringList { "p1:connected", "p2:connected", "testtarget", "testsource:connected" }));
+}
+
+void tst_Core::writeConfigAndRequestKinds()
+{
+    addPlugin("slotsource");
+    addPlugin("slottarget");
+    Core *core = makeCore("[core]\nlog=*.debug=true\n");
+    core->run();
+    QCOMPARE(core->datasources().size(), 1);
+    QCOMPARE(core->targets().size(), 1);
+    const QStringList lines = log();
+    // A datasource's writeConfig counts only as a signal, a target's as any method.
+    QVERIFY(!lines.contains(QStringLiteral("DEBUG core: \"slotsource provides writeConfig\"")));
+    QVERIFY(lines.contains(QStringLiteral("DEBUG core: \"slottarget provides writeConfig\"")));
+    // A datasource's machineRequest must be a slot to receive the targets' requests.
+    QVERIFY(!lines.join('\n').contains(QStringLiteral("machineRequest to slotsource")));
 }
 
 QTEST_GUILESS_MAIN(tst_Core)

@@ -40,6 +40,7 @@ private slots:
     void levelWords_data();
     void levelWords();
     void messageReachesBothSinks();
+    void fileIsWrittenBeforeConsole();
     void filterRulesDecide();
     void restoreDetachesSinks();
     void fatalReachesBothSinksBeforeExit();
@@ -76,6 +77,45 @@ void tst_MessageHandler::messageReachesBothSinks()
     char line[256] = {};
     QVERIFY(fgets(line, sizeof line, sinks.console));
     QCOMPARE(QString::fromUtf8(line).mid(8), QStringLiteral("  WARNING                core \"Disabling target x\"\n"));
+}
+
+namespace {
+
+/** A console that, at each write, notes whether the log file already holds the message being written. */
+struct WatchingConsole
+{
+    QString logFile;
+    QList<bool> fileHadLine;
+
+    static ssize_t write(void *cookie, const char *, size_t size)
+    {
+        auto *self = static_cast<WatchingConsole *>(cookie);
+        self->fileHadLine.append(readFile(self->logFile).contains("ordered"));
+        return ssize_t(size);
+    }
+};
+
+} // namespace
+
+void tst_MessageHandler::fileIsWrittenBeforeConsole()
+{
+    // A crash right after a message must find it at least in the file, which outlives the terminal.
+    QTemporaryDir dir;
+    WatchingConsole watcher { dir.filePath("orvix.log"), {} };
+    cookie_io_functions_t functions {};
+    functions.write = &WatchingConsole::write;
+    FILE *console = fopencookie(&watcher, "w", functions);
+    QVERIFY(console);
+    {
+        LogCli cli(console);
+        LogFile file(dir.filePath("orvix.log"), dir.filePath("orvix.lastlog"));
+        file.configure(QVariantMap());
+        MessageHandler::install(&file, &cli);
+        qCWarning(lcCore) << "ordered";
+        MessageHandler::restore();
+    }
+    fclose(console);
+    QCOMPARE(watcher.fileHadLine, QList<bool> { true });
 }
 
 void tst_MessageHandler::filterRulesDecide()

@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <unistd.h>
+
 using namespace TestSupport;
 
 namespace {
@@ -103,6 +105,7 @@ private slots:
     void rewritesOnlyMaintenanceDefinitionLists();
     void passedDatasetsKeepTimestampMachineAndSource();
     void emptyCommentIsEmptyText();
+    void readsAFileItMayNotWrite();
     void secondInitStartsAfresh();
     void readsFileNamedInIniFile();
 
@@ -247,6 +250,22 @@ void tst_XmlOverwrite::parsing_data()
         << QStringList { "1", "2" } << QStringList { "first", "second" }
         << QStringList { debugLine("Overwrite comment for Maintenance 1"),
                debugLine("Overwrite comment for Maintenance 2") };
+    QTest::newRow("comment inside a nested element")
+        << QByteArray("<MaintenanceComponents>"
+                      "<MaintenanceComponent ID=\"7\"><Details><Text><Comment>nested</Comment></Text></Details>"
+                      "</MaintenanceComponent>"
+                      "<MaintenanceComponent ID=\"8\"><Comment>after</Comment></MaintenanceComponent>"
+                      "</MaintenanceComponents>")
+        << QStringList { "7", "8" } << QStringList { "nested", "after" }
+        << QStringList { debugLine("Overwrite comment for Maintenance 7"),
+               debugLine("Overwrite comment for Maintenance 8") };
+    // Files written on Windows: their line ends read as one line feed each.
+    QTest::newRow("CR LF line ends") << QByteArray(
+        "<MaintenanceComponents>\r\n<MaintenanceComponent ID=\"1\">\r\n"
+        "<Comment>Check the belt\r\nonce a week</Comment>\r\n</MaintenanceComponent>\r\n"
+        "</MaintenanceComponents>\r\n")
+                                     << QStringList { "1" } << QStringList { "Check the belt\nonce a week" }
+                                     << QStringList { debugLine("Overwrite comment for Maintenance 1") };
     QTest::newRow("text is kept as written, entities resolved")
         << QByteArray("<MaintenanceComponents><MaintenanceComponent ID=\"1\">"
                       "<Comment>  Belt &amp; chain &lt;both&gt;  </Comment></MaintenanceComponent>"
@@ -483,6 +502,21 @@ void tst_XmlOverwrite::emptyCommentIsEmptyText()
     QCOMPARE(record.items.size(), 1);
     QVERIFY(record.items.first().comment.isEmpty());
     QVERIFY(!record.items.first().comment.isNull());
+}
+
+void tst_XmlOverwrite::readsAFileItMayNotWrite()
+{
+    // The file is only read: an operator may hand orvix a file it has no right to change.
+    if (geteuid() == 0)
+        QSKIP("root may write any file; this needs an ordinary user");
+    const QString path = writeXml(QStringLiteral("m1.xml"),
+        "<MaintenanceComponents><MaintenanceComponent ID=\"1\"><Comment>read only</Comment></MaintenanceComponent>"
+        "</MaintenanceComponents>");
+    QVERIFY(QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther));
+    XmlOverwrite overwrite;
+    QVariantMap shared;
+    QVERIFY(overwrite.init(xmlConfig({ { "m1", machineFile(path) } }), shared));
+    QCOMPARE(commentsOf(processed(overwrite, "m1", definitions({ definition("1") }))), QStringList { "read only" });
 }
 
 void tst_XmlOverwrite::secondInitStartsAfresh()

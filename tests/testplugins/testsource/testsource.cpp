@@ -2,9 +2,13 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QLoggingCategory>
+#include <QMetaMethod>
 #include <QObject>
 #include <QTimer>
 #include <QVariant>
+
+Q_LOGGING_CATEGORY(lcTestSource, "testsource")
 
 /** A datasource driven by the test: it sends what it is told and records requests and its own life. */
 class TestSource : public QObject, public IDatasource
@@ -17,6 +21,8 @@ class TestSource : public QObject, public IDatasource
 public:
     ~TestSource() override
     {
+        // Core restores Qt's own message handler before it deletes plugins: this line must not reach orvix's log.
+        qCWarning(lcTestSource) << "testsource deleted";
         QStringList log = qApp->property("destroyed").toStringList();
         log.append(name());
         qApp->setProperty("destroyed", log);
@@ -25,6 +31,9 @@ public:
     bool init(const QVariantMap &config, QVariantMap &shared) override
     {
         ++m_initCalls;
+        recordInit(QStringLiteral("testsource:%1")
+                       .arg(isSignalConnected(QMetaMethod::fromSignal(&TestSource::dataReceived)) ? "connected"
+                                                                                                  : "unconnected"));
         shared.insert(QStringLiteral("testsource"), true);
         const QVariantMap group = config.value(QStringLiteral("testsource")).toMap();
         // Lets a test of the real binary see a dataset flow without driving the plugin from outside.
@@ -58,6 +67,13 @@ public slots:
     }
 
 private:
+    static void recordInit(const QString &entry)
+    {
+        QStringList inits = qApp->property("inits").toStringList();
+        inits.append(entry);
+        qApp->setProperty("inits", inits);
+    }
+
     int m_initCalls = 0;
     QVariantList m_requests;
 };

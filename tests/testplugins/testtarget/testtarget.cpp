@@ -28,6 +28,9 @@ public:
     bool init(const QVariantMap &config, QVariantMap &shared) override
     {
         ++m_initCalls;
+        QStringList inits = qApp->property("inits").toStringList();
+        inits.append(QStringLiteral("testtarget"));
+        qApp->setProperty("inits", inits);
         m_sharedSeen = shared.contains(QStringLiteral("testsource"));
         const QVariantMap group = config.value(QStringLiteral("testtarget")).toMap();
         m_logReceived = group.value(QStringLiteral("logReceived"), false).toBool();

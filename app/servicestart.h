@@ -1,0 +1,25 @@
+#ifndef ORVIX_SERVICESTART_H
+#define ORVIX_SERVICESTART_H
+
+#include <QString>
+
+class Core;
+class QCoreApplication;
+
+/** What the entry point does between creating the application object and running its event loop. */
+class ServiceStart
+{
+public:
+    /** Names the application: organisation "Brennick", application "orvix", version "dev". */
+    static void nameApplication();
+
+    /**
+     * Creates the service's Core as a child of app, ends the event loop when the Core finishes, and schedules its
+     * run() for the first turn of the loop. The paths default to the service's fixed ones.
+     */
+    static Core *createCore(QCoreApplication &app, const QString &configFile = QStringLiteral("/etc/orvix/orvix.ini"),
+        const QString &logFileName = QStringLiteral("/var/log/orvix/orvix.log"),
+        const QString &logOldCopy = QStringLiteral("/var/log/orvix/orvix.lastlog"));
+};
+
+#endif

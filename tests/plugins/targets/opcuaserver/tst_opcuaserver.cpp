@@ -259,6 +259,10 @@ private slots:
     void portInUseFailsInit();
     void malformedUsersFailInit();
     void unknownPolicyFailsInit();
+    void passwordFileIsRead();
+    void badPasswordFileFailsInit();
+    void badAllowAnonymousFailsInit();
+    void unreadableCertificateFailsInit();
     void datasetsBeforeInitAreIgnored();
     void encryptedLoginWithTrustedCertificate();
     void nodeOpcUaClientBrowsesReadsAndSubscribes();
@@ -503,6 +507,64 @@ void TestOpcUaServer::unknownPolicyFailsInit()
     QCOMPARE(m_log.ofComponent("WARNING"),
         QStringList { m_log.warning("Can't use the settings: securityPolicies: unknown policy Basic128Rsa15; known are "
                                     "None, Basic256Sha256, Aes128_Sha256_RsaOaep, Aes256_Sha256_RsaPss") });
+}
+
+void TestOpcUaServer::passwordFileIsRead()
+{
+    const QString file = m_dir.path() + QStringLiteral("/passwords");
+    QVERIFY(TestSupport::writeFile(file, "# operators\nanna:secret\n\n  bert:pass:word  \n"));
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(QVariantMap { { "passwordFile", file } }), shared));
+    QCOMPARE(m_log.ofComponent("INFO"),
+        QStringList { m_log.info(QStringLiteral("Serving the machines at %1 (policies None; modes None, Sign, "
+                                                "SignAndEncrypt; 2 users)")
+                                     .arg(target.endpointUrl())) });
+}
+
+void TestOpcUaServer::badPasswordFileFailsInit()
+{
+    const QString file = m_dir.path() + QStringLiteral("/badpasswords");
+    QVERIFY(TestSupport::writeFile(file, "anna:secret\n:nobody\n"));
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(!target.init(config(QVariantMap { { "passwordFile", file } }), shared));
+    QVERIFY(
+        !target.init(config(QVariantMap { { "passwordFile", QString(file + QStringLiteral(".missing")) } }), shared));
+    QCOMPARE(m_log.ofComponent("WARNING"),
+        (QStringList { m_log.warning("Can't use the settings: passwordFile entry 2 is not user:password"),
+            m_log.warning(QStringLiteral("Can't use the settings: can't read the passwordFile %1.missing: No such "
+                                         "file or directory")
+                              .arg(file)) }));
+}
+
+void TestOpcUaServer::badAllowAnonymousFailsInit()
+{
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(!target.init(config(QVariantMap { { "allowAnonymous", "perhaps" } }), shared));
+    QVERIFY(!target.init(config(QVariantMap { { "allowAnonymous", "false" } }), shared));
+    QCOMPARE(m_log.ofComponent("WARNING"),
+        (QStringList { m_log.warning("Can't use the settings: allowAnonymous must be true or false, not \"perhaps\""),
+            m_log.warning("Can't use the settings: allowAnonymous is false and no users are configured, so nobody "
+                          "could log in") }));
+}
+
+void TestOpcUaServer::unreadableCertificateFailsInit()
+{
+    const QString pki = m_dir.path() + QStringLiteral("/broken");
+    QVERIFY(QDir().mkpath(pki + QStringLiteral("/own/certs/cert.der")));
+    QVERIFY(QDir().mkpath(pki + QStringLiteral("/own/private")));
+    QVERIFY(TestSupport::writeFile(pki + QStringLiteral("/own/private/key.der"), "not a key"));
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(!target.init(config(QVariantMap { { "securityPolicies", "Basic256Sha256" }, { "pki", pki } }), shared));
+    const QStringList warnings = m_log.ofComponent("WARNING");
+    QCOMPARE(warnings.size(), 1);
+    QVERIFY2(warnings.first().startsWith(
+                 m_log.warning(QStringLiteral("Can't serve OPC UA: can't read %1/own/certs/cert.der: ").arg(pki))
+                     .chopped(1)),
+        qPrintable(warnings.first()));
 }
 
 void TestOpcUaServer::datasetsBeforeInitAreIgnored()

@@ -88,7 +88,7 @@ public:
     }
     ~Client()
     {
-        UA_Client_disconnect(m_client);
+        onClientThread([this] { return UA_Client_disconnect(m_client); });
         UA_Client_delete(m_client);
     }
     Client(const Client &) = delete;

@@ -15,7 +15,15 @@ struct ConditionDefinitionV2
     QString name = QLatin1String("");
     QString text3;
     QString text4;
-    /** Type of the values: 0 text, 1 integer, 2 floating point, 3 boolean. */
+    /** The types of condition values. */
+    enum DataType : qint32 {
+        Text = 0, ///< a text
+        Integer = 1, ///< a whole number
+        FloatingPoint = 2, ///< a double
+        Boolean = 3, ///< true or false
+    };
+
+    /** Type of the values, one of DataType. */
     qint32 dataType;
     /** Machine-readable unit code. */
     QString unitCode = QLatin1String("");

@@ -15,7 +15,15 @@ struct NotificationsAddV1
     /** When the notification arose. */
     QDateTime timestamp;
     bool flag = false;
-    /** Severity 0 to 3: 2 is a warning, 3 an alarm. */
+    /** The severity levels of a notification. */
+    enum Level : qint32 {
+        Other = 0, ///< no severity of its own
+        Information = 1, ///< for information
+        Warning = 2, ///< a warning; raises the machine's Warning flag
+        Alarm = 3, ///< an alarm; raises the machine's Alarm flag
+    };
+
+    /** Severity, one of Level. */
     qint32 level;
     /** The notification text. */
     QString message;

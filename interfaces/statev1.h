@@ -8,7 +8,18 @@
 /** A machine's state code as one dataset. */
 struct StateV1
 {
-    /** The machine state code; only 1 to 7 are valid, 1 is an offline machine. */
+    /** The machine state codes; only these are valid. */
+    enum Code : qint32 {
+        Offline = 1, ///< switched off, unreachable or silent for too long
+        Producing = 2, ///< working on a workpiece
+        Setup = 3, ///< being set up (operation mode SETUP)
+        Standby = 4, ///< switched on and ready or in standby, but not working
+        WorkingWithoutWorkpiece = 5, ///< moving or feeding with no workpiece present
+        Waiting = 6, ///< waiting to be loaded or unloaded
+        Error = 7, ///< in error
+    };
+
+    /** The machine state code, one of Code; only 1 to 7 are valid. */
     qint32 state;
 
     /** Calls visit(name, member pointer) for every field, in declaration order. */

@@ -15,8 +15,18 @@ struct WwBaseEventType
     QString Message;
     /** The message's identifier. */
     QString Id;
-    /** The category code, mapped to the notification severity. */
-    qint32 Category = 0;
+    /** The event categories of the woodworking model (its WwEventCategoryEnumeration). */
+    enum CategoryCode : qint32 {
+        Other = 0, ///< no other category applies, or it is unknown
+        Diagnostic = 1, ///< for debugging and diagnosis; clients may ignore it
+        Information = 2, ///< normal operation goes on if it is ignored
+        Warning = 3, ///< of moderate importance
+        Alarm = 4, ///< calls for action before consequences occur
+        Error = 5, ///< a problem that needs human interaction
+    };
+
+    /** The category code, one of CategoryCode, mapped to the notification severity. */
+    qint32 Category = Other;
     /** The message text per language. */
     QHash<QString, QString> Texts;
     QString Text5;

@@ -183,10 +183,29 @@ inline QDebug operator<<(QDebug debug, const WwStateValues &record)
 /** A woodworking machine's state record: its state and operation mode codes and optional blocks of flags and values. */
 struct WwState
 {
-    /** The machine state code; 0 is an offline machine. */
-    quint32 MachineState = 0;
-    /** The operation mode code. */
-    quint32 OperationMode = 0;
+    /** The machine state codes of the woodworking model (its WwUnitStateEnumeration). */
+    enum MachineStateCode : quint32 {
+        Offline = 0, ///< switched off or not reachable
+        Standby = 1, ///< switched on, not ready to work
+        Ready = 2, ///< ready to work, not working
+        Working = 3, ///< working
+        Error = 4, ///< in error
+    };
+
+    /** The operation mode codes of the woodworking model (its WwUnitModeEnumeration). */
+    enum OperationModeCode : quint32 {
+        Other = 0, ///< none of the modes below, or unknown
+        Automatic = 1, ///< running a program on its own
+        SemiAutomatic = 2, ///< running with an operator's help
+        Manual = 3, ///< driven by the operator
+        Setup = 4, ///< being set up
+        Sleep = 5, ///< asleep, saving energy
+    };
+
+    /** The machine state code, one of MachineStateCode. */
+    quint32 MachineState = Offline;
+    /** The operation mode code, one of OperationModeCode. */
+    quint32 OperationMode = Other;
     /** The flags, present or absent as a whole. */
     std::optional<WwStateFlags> Flags;
     /** The values, present or absent as a whole. */

@@ -129,14 +129,14 @@ quint64 toUnsigned64(double value)
 qint32 categoryOf(qint32 level)
 {
     switch (level) {
-    case 1:
-        return 2;
-    case 2:
-        return 3;
-    case 3:
-        return 5;
+    case NotificationsAddV1::Information:
+        return WwBaseEventType::Information;
+    case NotificationsAddV1::Warning:
+        return WwBaseEventType::Warning;
+    case NotificationsAddV1::Alarm:
+        return WwBaseEventType::Error;
     default:
-        return 0;
+        return WwBaseEventType::Other;
     }
 }
 
@@ -458,10 +458,10 @@ void MmToOpcUaMapper::mapNotificationAdd(
 
     bool flagSet = false;
     if (!(*record.capabilities & WwCapabilities::OwnState)) {
-        if (notification.level == 2) {
+        if (notification.level == NotificationsAddV1::Warning) {
             flagsOf(record.state).Warning = true;
             flagSet = true;
-        } else if (notification.level == 3 && record.state.MachineState != 4) {
+        } else if (notification.level == NotificationsAddV1::Alarm && record.state.MachineState != WwState::Error) {
             flagsOf(record.state).Alarm = true;
             flagSet = true;
         }
@@ -517,8 +517,8 @@ bool MmToOpcUaMapper::clearWithdrawnFlags(Machine &record)
     bool warning = false;
     bool alarm = false;
     for (const NotificationsAddV1 &notification : qAsConst(record.notifications)) {
-        warning = warning || notification.level == 2;
-        alarm = alarm || notification.level == 3;
+        warning = warning || notification.level == NotificationsAddV1::Warning;
+        alarm = alarm || notification.level == NotificationsAddV1::Alarm;
     }
     WwStateFlags &flags = *record.state.Flags;
     bool cleared = false;
@@ -554,14 +554,14 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
     case 0:
         qCWarning(lcMmToOpcUaMapper) << QStringLiteral("StateV1/EvMachineStateUndefined unhandled");
         break;
-    case 1:
-        state.MachineState = 0;
-        state.OperationMode = 0;
+    case StateV1::Offline:
+        state.MachineState = WwState::Offline;
+        state.OperationMode = WwState::Other;
         state.Flags = WwStateFlags();
         break;
-    case 2: {
-        state.MachineState = 3;
-        state.OperationMode = 1;
+    case StateV1::Producing: {
+        state.MachineState = WwState::Working;
+        state.OperationMode = WwState::Automatic;
         WwStateFlags &flags = flagsOf(state);
         setRunning(flags);
         flags.Error = false;
@@ -574,9 +574,9 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
         restartDuration(record, Working, now);
         break;
     }
-    case 3: {
-        state.MachineState = 3;
-        state.OperationMode = 4;
+    case StateV1::Setup: {
+        state.MachineState = WwState::Working;
+        state.OperationMode = WwState::Setup;
         WwStateFlags &flags = flagsOf(state);
         setRunning(flags);
         flags.Error = false;
@@ -585,9 +585,9 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
         flags.EnergySaving = false;
         break;
     }
-    case 4: {
-        state.MachineState = 3;
-        state.OperationMode = 5;
+    case StateV1::Standby: {
+        state.MachineState = WwState::Working;
+        state.OperationMode = WwState::Sleep;
         WwStateFlags &flags = flagsOf(state);
         setRunning(flags);
         flags.Error = false;
@@ -599,9 +599,9 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
         restartDuration(record, Standby, now);
         break;
     }
-    case 5: {
-        state.MachineState = 2;
-        state.OperationMode = 1;
+    case StateV1::WorkingWithoutWorkpiece: {
+        state.MachineState = WwState::Ready;
+        state.OperationMode = WwState::Automatic;
         WwStateFlags &flags = flagsOf(state);
         setRunning(flags);
         flags.Error = false;
@@ -615,16 +615,16 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
         restartDuration(record, Working, now);
         break;
     }
-    case 6:
-    case 7: {
-        state.MachineState = 4;
+    case StateV1::Waiting:
+    case StateV1::Error: {
+        state.MachineState = WwState::Error;
         WwStateFlags &flags = flagsOf(state);
         setRunning(flags);
         flags.Moving = false;
         flags.RecipeInRun = false;
         flags.RecipeInSetup = false;
         flags.FeedRuns = false;
-        if (code == 7) {
+        if (code == StateV1::Error) {
             flags.Error = true;
             restartDuration(record, Error, now);
         }
@@ -647,7 +647,7 @@ void MmToOpcUaMapper::markSilentMachinesOffline()
     silent.sort();
 
     StateV1 offline;
-    offline.state = 1;
+    offline.state = StateV1::Offline;
     const QVariant data = QVariant::fromValue(offline);
     for (const QString &machine : qAsConst(silent)) {
         qCDebug(lcMmToOpcUaMapper).nospace() << "Timeout: marking " << machine << " as OFFLINE";

@@ -41,22 +41,23 @@ bool isComplete(const WwState &state)
 // before the wait flags. An absent flag is neither true nor false.
 qint32 stateCode(const WwState &state)
 {
-    if (state.MachineState == 0)
-        return 1;
-    if (state.MachineState == 4)
-        return 7;
-    if (state.MachineState == 1)
-        return 4;
-    if (state.OperationMode == 4)
-        return 3;
+    if (state.MachineState == WwState::Offline)
+        return StateV1::Offline;
+    if (state.MachineState == WwState::Error)
+        return StateV1::Error;
+    if (state.MachineState == WwState::Standby)
+        return StateV1::Standby;
+    if (state.OperationMode == WwState::Setup)
+        return StateV1::Setup;
     if (isTrue(state, &WwStateFlags::WaitUnload) || isTrue(state, &WwStateFlags::WaitLoad))
-        return 6;
-    if (state.MachineState == 3)
-        return isFalse(state, &WwStateFlags::WorkpiecePresent) ? 5 : 2;
+        return StateV1::Waiting;
+    if (state.MachineState == WwState::Working)
+        return isFalse(state, &WwStateFlags::WorkpiecePresent) ? StateV1::WorkingWithoutWorkpiece : StateV1::Producing;
+    // Ready, and every code the model does not define: an absent WorkpiecePresent counts as work present here.
     if ((isTrue(state, &WwStateFlags::Moving) || isTrue(state, &WwStateFlags::FeedRuns))
         && isFalse(state, &WwStateFlags::WorkpiecePresent))
-        return 5;
-    return 4;
+        return StateV1::WorkingWithoutWorkpiece;
+    return StateV1::Standby;
 }
 
 constexpr int FlagCount = 26;
@@ -86,13 +87,13 @@ template <typename Field> constexpr qint32 conditionType()
 {
     using T = typename PlainType<Field>::type;
     if constexpr (std::is_same_v<T, bool>)
-        return 3;
+        return ConditionDefinitionV2::Boolean;
     else if constexpr (std::is_floating_point_v<T>)
-        return 2;
+        return ConditionDefinitionV2::FloatingPoint;
     else if constexpr (std::is_integral_v<T>)
-        return 1;
+        return ConditionDefinitionV2::Integer;
     else
-        return 0;
+        return ConditionDefinitionV2::Text;
 }
 
 /** Whether a record field becomes a condition: all but the name under which the datasource knows the machine. */
@@ -228,14 +229,14 @@ QVariant identificationValue(const QDateTime &value)
 qint32 notificationLevel(qint32 category)
 {
     switch (category) {
-    case 2:
-        return 1;
-    case 3:
-        return 2;
-    case 5:
-        return 3;
+    case WwBaseEventType::Information:
+        return NotificationsAddV1::Information;
+    case WwBaseEventType::Warning:
+        return NotificationsAddV1::Warning;
+    case WwBaseEventType::Error:
+        return NotificationsAddV1::Alarm;
     default:
-        return 0;
+        return NotificationsAddV1::Other;
     }
 }
 
@@ -272,7 +273,7 @@ void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString 
         const WwState state = qvariant_cast<WwState>(data);
         mapState(timestamp, machine, source, state);
         // An offline machine yields nothing more, and nothing is kept for it.
-        if (state.MachineState == 0)
+        if (state.MachineState == WwState::Offline)
             return;
         KnownMachine &known = knownMachine(source, machine);
         mapOperatingData(timestamp, machine, source, state, known);

@@ -90,7 +90,7 @@ void Validator::processData(QDateTime timestamp, QString machine, QString source
 bool Validator::checkState(const QString &, QString &reason, const QVariant &data)
 {
     const StateV1 state = qvariant_cast<StateV1>(data);
-    if (state.state >= 1 && state.state <= 7)
+    if (state.state >= StateV1::Offline && state.state <= StateV1::Error)
         return true;
     reason = QStringLiteral("received State %1. Only states between including 1 and 7 are valid!").arg(state.state);
     return false;
@@ -244,7 +244,7 @@ bool Validator::convertConditionValue(const ConditionTypes &types, const QString
     const QString text = item.value.toString();
     bool ok = false;
     switch (type.value()) {
-    case 1: {
+    case ConditionDefinitionV2::Integer: {
         const int value = text.toInt(&ok, 10);
         if (!ok) {
             qCWarning(lcValidator) << QStringLiteral("Couldn't interpret %1 from %2 as Integer").arg(text, machine);
@@ -254,7 +254,7 @@ bool Validator::convertConditionValue(const ConditionTypes &types, const QString
         reason = QStringLiteral("Changed Variant Datatype from String to Int");
         return true;
     }
-    case 2: {
+    case ConditionDefinitionV2::FloatingPoint: {
         const double value = text.toDouble(&ok);
         if (!ok) {
             qCWarning(lcValidator) << QStringLiteral("Couldn't interpret %1 from %2 as Double").arg(text, machine);
@@ -264,7 +264,7 @@ bool Validator::convertConditionValue(const ConditionTypes &types, const QString
         reason = QStringLiteral("Changed Variant Datatype from String to Double");
         return true;
     }
-    case 3: {
+    case ConditionDefinitionV2::Boolean: {
         const auto word = boolWords().constFind(text.toUpper());
         if (word == boolWords().constEnd()) {
             qCWarning(lcValidator) << QStringLiteral("Couldn't interpret %1 from %2 as Bool").arg(text, machine);

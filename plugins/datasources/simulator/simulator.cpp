@@ -92,18 +92,18 @@ struct Message
     qint32 category;
 };
 
-// Category 5 is an alarm, 3 a warning.
+// An error event becomes an alarm notification, a warning event a warning.
 const Message Alarms[] = {
-    { "1203", "Feed motor overload", "Feed/Motor", 5 },
-    { "3105", "Workpiece jammed in the infeed", "Infeed", 5 },
-    { "4711", "Safety door opened during operation", "Safety/Door1", 5 },
-    { "5020", "Spindle temperature too high", "Unit1/Spindle", 5 },
+    { "1203", "Feed motor overload", "Feed/Motor", WwBaseEventType::Error },
+    { "3105", "Workpiece jammed in the infeed", "Infeed", WwBaseEventType::Error },
+    { "4711", "Safety door opened during operation", "Safety/Door1", WwBaseEventType::Error },
+    { "5020", "Spindle temperature too high", "Unit1/Spindle", WwBaseEventType::Error },
 };
 
 const Message Warnings[] = {
-    { "6001", "Dust extraction airflow low", "Extraction", 3 },
-    { "6002", "Lubrication level low", "Lubrication", 3 },
-    { "6010", "Tool life nearly reached", "Unit1/Tool", 3 },
+    { "6001", "Dust extraction airflow low", "Extraction", WwBaseEventType::Warning },
+    { "6002", "Lubrication level low", "Lubrication", WwBaseEventType::Warning },
+    { "6010", "Tool life nearly reached", "Unit1/Tool", WwBaseEventType::Warning },
 };
 
 quint64 below(std::mt19937_64 &random, quint64 bound)
@@ -407,39 +407,37 @@ WwState Simulator::Machine::state() const
     const bool waiting = phase == Phase::WaitLoad || phase == Phase::WaitUnload;
 
     WwState record;
-    // Machine states: 0 offline, 1 standby, 2 ready, 3 working, 4 error. Operation modes: 1 automatic, 4 setup,
-    // 5 sleep.
     switch (phase) {
     case Phase::Offline:
         break;
     case Phase::Off:
-        record.MachineState = 1;
+        record.MachineState = WwState::Standby;
         break;
     case Phase::PoweringUp:
-        record.MachineState = 1;
-        record.OperationMode = 1;
+        record.MachineState = WwState::Standby;
+        record.OperationMode = WwState::Automatic;
         break;
     case Phase::EnergySaving:
-        record.MachineState = 1;
-        record.OperationMode = 5;
+        record.MachineState = WwState::Standby;
+        record.OperationMode = WwState::Sleep;
         break;
     case Phase::Setup:
-        record.MachineState = 2;
-        record.OperationMode = 4;
+        record.MachineState = WwState::Ready;
+        record.OperationMode = WwState::Setup;
         break;
     case Phase::Ready:
     case Phase::WaitLoad:
     case Phase::WaitUnload:
-        record.MachineState = 2;
-        record.OperationMode = 1;
+        record.MachineState = WwState::Ready;
+        record.OperationMode = WwState::Automatic;
         break;
     case Phase::Working:
-        record.MachineState = 3;
-        record.OperationMode = 1;
+        record.MachineState = WwState::Working;
+        record.OperationMode = WwState::Automatic;
         break;
     case Phase::Error:
-        record.MachineState = 4;
-        record.OperationMode = 1;
+        record.MachineState = WwState::Error;
+        record.OperationMode = WwState::Automatic;
         break;
     }
 

@@ -60,6 +60,7 @@ class tst_MmDatasets : public QObject
     Q_OBJECT
 
 private slots:
+    void namedCodes();
     void registration_data();
     void registration();
     void registrationIsThreadSafe();
@@ -346,6 +347,26 @@ void tst_MmDatasets::rewrappingKeepsTypeName()
 
     const QVariant element = QVariant::fromValue(changed.items.at(0));
     QCOMPARE(QByteArray(element.typeName()), QByteArray("ConditionDefinitionV2"));
+}
+
+// The names stand for numbers that travel in datasets and JSON lines: they may never change.
+void tst_MmDatasets::namedCodes()
+{
+    QCOMPARE(int(StateV1::Offline), 1);
+    QCOMPARE(int(StateV1::Producing), 2);
+    QCOMPARE(int(StateV1::Setup), 3);
+    QCOMPARE(int(StateV1::Standby), 4);
+    QCOMPARE(int(StateV1::WorkingWithoutWorkpiece), 5);
+    QCOMPARE(int(StateV1::Waiting), 6);
+    QCOMPARE(int(StateV1::Error), 7);
+    QCOMPARE(int(NotificationsAddV1::Other), 0);
+    QCOMPARE(int(NotificationsAddV1::Information), 1);
+    QCOMPARE(int(NotificationsAddV1::Warning), 2);
+    QCOMPARE(int(NotificationsAddV1::Alarm), 3);
+    QCOMPARE(int(ConditionDefinitionV2::Text), 0);
+    QCOMPARE(int(ConditionDefinitionV2::Integer), 1);
+    QCOMPARE(int(ConditionDefinitionV2::FloatingPoint), 2);
+    QCOMPARE(int(ConditionDefinitionV2::Boolean), 3);
 }
 
 QTEST_GUILESS_MAIN(tst_MmDatasets)

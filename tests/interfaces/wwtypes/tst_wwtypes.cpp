@@ -37,6 +37,7 @@ class tst_WwTypes : public QObject
     Q_OBJECT
 
 private slots:
+    void namedCodes();
     void registration();
     void stateDefaults();
     void flagsBlock();
@@ -222,6 +223,30 @@ void tst_WwTypes::stateEqualityLooksIntoBlocks()
     WwState present;
     present.Flags = WwStateFlags();
     QVERIFY(absent != present);
+}
+
+// The numbers of the woodworking model's enumerations, which servers and clients exchange.
+void tst_WwTypes::namedCodes()
+{
+    QCOMPARE(uint(WwState::Offline), 0u);
+    QCOMPARE(uint(WwState::Standby), 1u);
+    QCOMPARE(uint(WwState::Ready), 2u);
+    QCOMPARE(uint(WwState::Working), 3u);
+    QCOMPARE(uint(WwState::Error), 4u);
+    QCOMPARE(uint(WwState::Other), 0u);
+    QCOMPARE(uint(WwState::Automatic), 1u);
+    QCOMPARE(uint(WwState::SemiAutomatic), 2u);
+    QCOMPARE(uint(WwState::Manual), 3u);
+    QCOMPARE(uint(WwState::Setup), 4u);
+    QCOMPARE(uint(WwState::Sleep), 5u);
+    QCOMPARE(int(WwBaseEventType::Other), 0);
+    QCOMPARE(int(WwBaseEventType::Diagnostic), 1);
+    QCOMPARE(int(WwBaseEventType::Information), 2);
+    QCOMPARE(int(WwBaseEventType::Warning), 3);
+    QCOMPARE(int(WwBaseEventType::Alarm), 4);
+    QCOMPARE(int(WwBaseEventType::Error), 5);
+    QCOMPARE(WwCapabilities::OwnIdentification, 1u);
+    QCOMPARE(WwCapabilities::OwnState, 2u);
 }
 
 QTEST_GUILESS_MAIN(tst_WwTypes)

@@ -798,60 +798,106 @@ void tst_OpcUaToMMMapper::stateRules_data()
     QTest::addColumn<QString>("flags");
     QTest::addColumn<int>("expected");
     QTest::addColumn<bool>("incomplete");
+    // Machine state codes 5 and 7 are not defined by the woodworking model; they follow the rules of Ready.
 
     // Rule 1: an offline machine.
-    QTest::newRow("1: offline") << 0u << 0u << "" << 1 << false;
-    QTest::newRow("1: offline, any flags") << 0u << 4u << "WaitLoad=1 Moving=1 WorkpiecePresent=0" << 1 << false;
-    QTest::newRow("1: offline, no flags") << 0u << 0u << "none" << 1 << true;
+    QTest::newRow("1: offline") << uint(WwState::Offline) << uint(WwState::Other) << "" << int(StateV1::Offline)
+                                << false;
+    QTest::newRow("1: offline, any flags")
+        << uint(WwState::Offline) << uint(WwState::Setup) << "WaitLoad=1 Moving=1 WorkpiecePresent=0"
+        << int(StateV1::Offline) << false;
+    QTest::newRow("1: offline, no flags")
+        << uint(WwState::Offline) << uint(WwState::Other) << "none" << int(StateV1::Offline) << true;
     // Rule 2: machine state 4 wins over everything after it.
-    QTest::newRow("2: state 4") << 4u << 0u << "" << 7 << false;
-    QTest::newRow("2: state 4, mode 4") << 4u << 4u << "" << 7 << false;
-    QTest::newRow("2: state 4, wait load") << 4u << 0u << "WaitLoad=1" << 7 << false;
-    QTest::newRow("2: state 4, no flags") << 4u << 0u << "none" << 7 << true;
+    QTest::newRow("2: state 4") << uint(WwState::Error) << uint(WwState::Other) << "" << int(StateV1::Error) << false;
+    QTest::newRow("2: state 4, mode 4") << uint(WwState::Error) << uint(WwState::Setup) << "" << int(StateV1::Error)
+                                        << false;
+    QTest::newRow("2: state 4, wait load")
+        << uint(WwState::Error) << uint(WwState::Other) << "WaitLoad=1" << int(StateV1::Error) << false;
+    QTest::newRow("2: state 4, no flags")
+        << uint(WwState::Error) << uint(WwState::Other) << "none" << int(StateV1::Error) << true;
     // Rule 3: machine state 1.
-    QTest::newRow("3: state 1") << 1u << 0u << "" << 4 << false;
-    QTest::newRow("3: state 1, mode 4") << 1u << 4u << "" << 4 << false;
-    QTest::newRow("3: state 1, wait unload") << 1u << 0u << "WaitUnload=1" << 4 << false;
+    QTest::newRow("3: state 1") << uint(WwState::Standby) << uint(WwState::Other) << "" << int(StateV1::Standby)
+                                << false;
+    QTest::newRow("3: state 1, mode 4") << uint(WwState::Standby) << uint(WwState::Setup) << "" << int(StateV1::Standby)
+                                        << false;
+    QTest::newRow("3: state 1, wait unload")
+        << uint(WwState::Standby) << uint(WwState::Other) << "WaitUnload=1" << int(StateV1::Standby) << false;
     // Rule 4: operation mode 4 wins over the wait flags.
-    QTest::newRow("4: state 2, mode 4") << 2u << 4u << "" << 3 << false;
-    QTest::newRow("4: state 3, mode 4, wait load") << 3u << 4u << "WaitLoad=1" << 3 << false;
-    QTest::newRow("4: state 7, mode 4") << 7u << 4u << "" << 3 << false;
-    QTest::newRow("4: state 2, mode 4, no flags") << 2u << 4u << "none" << 3 << true;
+    QTest::newRow("4: state 2, mode 4") << uint(WwState::Ready) << uint(WwState::Setup) << "" << int(StateV1::Setup)
+                                        << false;
+    QTest::newRow("4: state 3, mode 4, wait load")
+        << uint(WwState::Working) << uint(WwState::Setup) << "WaitLoad=1" << int(StateV1::Setup) << false;
+    QTest::newRow("4: state 7, mode 4") << 7u << uint(WwState::Setup) << "" << int(StateV1::Setup) << false;
+    QTest::newRow("4: state 2, mode 4, no flags")
+        << uint(WwState::Ready) << uint(WwState::Setup) << "none" << int(StateV1::Setup) << true;
     // Rule 5: waiting for unloading or loading.
-    QTest::newRow("5: wait unload") << 2u << 0u << "WaitUnload=1" << 6 << false;
-    QTest::newRow("5: wait load") << 2u << 0u << "WaitLoad=1" << 6 << false;
-    QTest::newRow("5: state 3, wait load") << 3u << 0u << "WaitLoad=1" << 6 << false;
-    QTest::newRow("5: state 3, wait load, no workpiece") << 3u << 0u << "WaitLoad=1 WorkpiecePresent=0" << 6 << false;
-    QTest::newRow("5: state 7, wait unload") << 7u << 0u << "WaitUnload=1" << 6 << false;
-    QTest::newRow("5: wait unload only") << 2u << 0u << "WaitUnload=1 WaitLoad=-" << 6 << true;
-    QTest::newRow("5: absent wait flags are not true") << 2u << 0u << "WaitUnload=- WaitLoad=-" << 4 << true;
+    QTest::newRow("5: wait unload") << uint(WwState::Ready) << uint(WwState::Other) << "WaitUnload=1"
+                                    << int(StateV1::Waiting) << false;
+    QTest::newRow("5: wait load") << uint(WwState::Ready) << uint(WwState::Other) << "WaitLoad=1"
+                                  << int(StateV1::Waiting) << false;
+    QTest::newRow("5: state 3, wait load")
+        << uint(WwState::Working) << uint(WwState::Other) << "WaitLoad=1" << int(StateV1::Waiting) << false;
+    QTest::newRow("5: state 3, wait load, no workpiece")
+        << uint(WwState::Working) << uint(WwState::Other) << "WaitLoad=1 WorkpiecePresent=0" << int(StateV1::Waiting)
+        << false;
+    QTest::newRow("5: state 7, wait unload")
+        << 7u << uint(WwState::Other) << "WaitUnload=1" << int(StateV1::Waiting) << false;
+    QTest::newRow("5: wait unload only") << uint(WwState::Ready) << uint(WwState::Other) << "WaitUnload=1 WaitLoad=-"
+                                         << int(StateV1::Waiting) << true;
+    QTest::newRow("5: absent wait flags are not true")
+        << uint(WwState::Ready) << uint(WwState::Other) << "WaitUnload=- WaitLoad=-" << int(StateV1::Standby) << true;
     // Rule 6: machine state 3 without a workpiece.
-    QTest::newRow("6: state 3, no workpiece") << 3u << 0u << "WorkpiecePresent=0" << 5 << false;
+    QTest::newRow("6: state 3, no workpiece") << uint(WwState::Working) << uint(WwState::Other) << "WorkpiecePresent=0"
+                                              << int(StateV1::WorkingWithoutWorkpiece) << false;
     // Rule 7: machine state 3 otherwise; an absent WorkpiecePresent is not false.
-    QTest::newRow("7: state 3, workpiece") << 3u << 0u << "WorkpiecePresent=1" << 2 << false;
-    QTest::newRow("7: state 3, workpiece absent") << 3u << 0u << "WorkpiecePresent=-" << 2 << true;
-    QTest::newRow("7: state 3, no flags") << 3u << 0u << "none" << 2 << true;
-    QTest::newRow("7: state 3, recipe absent") << 3u << 0u << "RecipeInRun=- WorkpiecePresent=1" << 2 << true;
+    QTest::newRow("7: state 3, workpiece")
+        << uint(WwState::Working) << uint(WwState::Other) << "WorkpiecePresent=1" << int(StateV1::Producing) << false;
+    QTest::newRow("7: state 3, workpiece absent")
+        << uint(WwState::Working) << uint(WwState::Other) << "WorkpiecePresent=-" << int(StateV1::Producing) << true;
+    QTest::newRow("7: state 3, no flags")
+        << uint(WwState::Working) << uint(WwState::Other) << "none" << int(StateV1::Producing) << true;
+    QTest::newRow("7: state 3, recipe absent") << uint(WwState::Working) << uint(WwState::Other)
+                                               << "RecipeInRun=- WorkpiecePresent=1" << int(StateV1::Producing) << true;
     // Rule 8: moving or feeding without a workpiece, in state 2 and every code above 4.
-    QTest::newRow("8: moving, no workpiece") << 2u << 0u << "Moving=1 WorkpiecePresent=0" << 5 << false;
-    QTest::newRow("8: feed runs, no workpiece") << 2u << 0u << "FeedRuns=1 WorkpiecePresent=0" << 5 << false;
-    QTest::newRow("8: moving, feed absent") << 2u << 0u << "Moving=1 FeedRuns=- WorkpiecePresent=0" << 5 << true;
-    QTest::newRow("8: state 7, moving") << 7u << 0u << "Moving=1 WorkpiecePresent=0" << 5 << false;
-    QTest::newRow("8: state 5, feed runs") << 5u << 0u << "FeedRuns=1 WorkpiecePresent=0" << 5 << false;
+    QTest::newRow("8: moving, no workpiece")
+        << uint(WwState::Ready) << uint(WwState::Other) << "Moving=1 WorkpiecePresent=0"
+        << int(StateV1::WorkingWithoutWorkpiece) << false;
+    QTest::newRow("8: feed runs, no workpiece")
+        << uint(WwState::Ready) << uint(WwState::Other) << "FeedRuns=1 WorkpiecePresent=0"
+        << int(StateV1::WorkingWithoutWorkpiece) << false;
+    QTest::newRow("8: moving, feed absent")
+        << uint(WwState::Ready) << uint(WwState::Other) << "Moving=1 FeedRuns=- WorkpiecePresent=0"
+        << int(StateV1::WorkingWithoutWorkpiece) << true;
+    QTest::newRow("8: state 7, moving") << 7u << uint(WwState::Other) << "Moving=1 WorkpiecePresent=0"
+                                        << int(StateV1::WorkingWithoutWorkpiece) << false;
+    QTest::newRow("8: state 5, feed runs") << 5u << uint(WwState::Other) << "FeedRuns=1 WorkpiecePresent=0"
+                                           << int(StateV1::WorkingWithoutWorkpiece) << false;
     // Rule 9: anything else; an absent WorkpiecePresent counts as present work here.
-    QTest::newRow("9: all false") << 2u << 0u << "" << 4 << false;
-    QTest::newRow("9: not moving, feed absent") << 2u << 0u << "Moving=0 FeedRuns=- WorkpiecePresent=0" << 4 << true;
-    QTest::newRow("9: moving, workpiece absent") << 2u << 0u << "Moving=1 WorkpiecePresent=-" << 4 << true;
-    QTest::newRow("9: moving, workpiece") << 2u << 0u << "Moving=1 WorkpiecePresent=1" << 4 << false;
-    QTest::newRow("9: no flags") << 2u << 0u << "none" << 4 << true;
-    QTest::newRow("9: state 7") << 7u << 0u << "" << 4 << false;
-    QTest::newRow("9: state 7, feed, workpiece absent") << 7u << 0u << "FeedRuns=1 WorkpiecePresent=-" << 4 << true;
-    QTest::newRow("9: mode 3") << 2u << 3u << "" << 4 << false;
+    QTest::newRow("9: all false") << uint(WwState::Ready) << uint(WwState::Other) << "" << int(StateV1::Standby)
+                                  << false;
+    QTest::newRow("9: not moving, feed absent")
+        << uint(WwState::Ready) << uint(WwState::Other) << "Moving=0 FeedRuns=- WorkpiecePresent=0"
+        << int(StateV1::Standby) << true;
+    QTest::newRow("9: moving, workpiece absent") << uint(WwState::Ready) << uint(WwState::Other)
+                                                 << "Moving=1 WorkpiecePresent=-" << int(StateV1::Standby) << true;
+    QTest::newRow("9: moving, workpiece") << uint(WwState::Ready) << uint(WwState::Other)
+                                          << "Moving=1 WorkpiecePresent=1" << int(StateV1::Standby) << false;
+    QTest::newRow("9: no flags") << uint(WwState::Ready) << uint(WwState::Other) << "none" << int(StateV1::Standby)
+                                 << true;
+    QTest::newRow("9: state 7") << 7u << uint(WwState::Other) << "" << int(StateV1::Standby) << false;
+    QTest::newRow("9: state 7, feed, workpiece absent")
+        << 7u << uint(WwState::Other) << "FeedRuns=1 WorkpiecePresent=-" << int(StateV1::Standby) << true;
+    QTest::newRow("9: mode 3") << uint(WwState::Ready) << uint(WwState::Manual) << "" << int(StateV1::Standby) << false;
     // EnergySaving and RecipeInRun only take part in the completeness test.
-    QTest::newRow("9: energy saving, recipe") << 2u << 0u << "EnergySaving=1 RecipeInRun=1" << 4 << false;
-    QTest::newRow("9: energy saving absent") << 2u << 0u << "EnergySaving=-" << 4 << true;
+    QTest::newRow("9: energy saving, recipe") << uint(WwState::Ready) << uint(WwState::Other)
+                                              << "EnergySaving=1 RecipeInRun=1" << int(StateV1::Standby) << false;
+    QTest::newRow("9: energy saving absent")
+        << uint(WwState::Ready) << uint(WwState::Other) << "EnergySaving=-" << int(StateV1::Standby) << true;
     // Other optional flags do not take part in it.
-    QTest::newRow("9: other flags absent") << 2u << 0u << "Hold=- AirPresent=- Safety=- LoadingEnabled=-" << 4 << false;
+    QTest::newRow("9: other flags absent")
+        << uint(WwState::Ready) << uint(WwState::Other) << "Hold=- AirPresent=- Safety=- LoadingEnabled=-"
+        << int(StateV1::Standby) << false;
 }
 
 void tst_OpcUaToMMMapper::stateRules()
@@ -1661,15 +1707,15 @@ void tst_OpcUaToMMMapper::notificationLevel_data()
 {
     QTest::addColumn<int>("category");
     QTest::addColumn<int>("level");
-    QTest::newRow("0") << 0 << 0;
-    QTest::newRow("1") << 1 << 0;
-    QTest::newRow("2") << 2 << 1;
-    QTest::newRow("3") << 3 << 2;
-    QTest::newRow("4") << 4 << 0;
-    QTest::newRow("5") << 5 << 3;
-    QTest::newRow("6") << 6 << 0;
-    QTest::newRow("-1") << -1 << 0;
-    QTest::newRow("1000") << 1000 << 0;
+    QTest::newRow("0") << int(WwBaseEventType::Other) << int(NotificationsAddV1::Other);
+    QTest::newRow("1") << int(WwBaseEventType::Diagnostic) << int(NotificationsAddV1::Other);
+    QTest::newRow("2") << int(WwBaseEventType::Information) << int(NotificationsAddV1::Information);
+    QTest::newRow("3") << int(WwBaseEventType::Warning) << int(NotificationsAddV1::Warning);
+    QTest::newRow("4") << int(WwBaseEventType::Alarm) << int(NotificationsAddV1::Other);
+    QTest::newRow("5") << int(WwBaseEventType::Error) << int(NotificationsAddV1::Alarm);
+    QTest::newRow("6") << 6 << int(NotificationsAddV1::Other);
+    QTest::newRow("-1") << -1 << int(NotificationsAddV1::Other);
+    QTest::newRow("1000") << 1000 << int(NotificationsAddV1::Other);
 }
 
 void tst_OpcUaToMMMapper::notificationLevel()

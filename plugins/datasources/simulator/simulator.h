@@ -15,6 +15,8 @@
 #include <memory>
 #include <vector>
 
+class SimulatedMachine;
+
 /**
  * A datasource that simulates woodworking machines through a working day: each sends its nameplate first and then
  * its state record every interval, with alarm and warning events along the way. A seed makes a run repeatable.
@@ -48,9 +50,7 @@ public slots:
     void tick();
 
 private:
-    struct Machine;
-
-    std::vector<std::unique_ptr<Machine>> m_machines;
+    std::vector<std::unique_ptr<SimulatedMachine>> m_machines;
     std::function<QDateTime()> m_clock;
     QTimer m_timer;
     int m_interval = 0;

@@ -318,7 +318,7 @@ void WwAddressSpace::writeMissing(const UA_NodeId &id)
     UA_Server_writeDataValue(m_server, id, missing);
 }
 
-UA_NodeId WwAddressSpace::child(const Machine &, const QString &path) const
+UA_NodeId WwAddressSpace::nodeId(const QString &path) const
 {
     const QByteArray bytes = path.toUtf8();
     return UA_NODEID_STRING_ALLOC(m_ns, bytes.constData());
@@ -335,22 +335,22 @@ WwAddressSpace::Machine &WwAddressSpace::machine(const QString &name)
     m.locale = m_locales.value(name, QStringLiteral("en"));
     m.localeBytes = m.locale.toUtf8();
     const QByteArray browseName = name.toUtf8();
-    m.object = child(m, name);
+    m.object = nodeId(name);
     addObject(m.object, UA_NODEID_NUMERIC(m_machinery, IdMachineryMachines), ns0(UA_NS0ID_ORGANIZES), m_ns,
         browseName.constData(), UA_NODEID_NUMERIC(m_ww, IdWwMachineType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
-    m.identification = child(m, name + QStringLiteral("/Identification"));
+    m.identification = nodeId(name + QStringLiteral("/Identification"));
     addObject(m.identification, m.object, ns0(UA_NS0ID_HASADDIN), m_di, "Identification",
         UA_NODEID_NUMERIC(m_machinery, IdMachineryMachineIdentificationType));
 
-    UA_NodeId state = child(m, name + QStringLiteral("/State"));
+    UA_NodeId state = nodeId(name + QStringLiteral("/State"));
     addObject(state, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "State", ns0(UA_NS0ID_BASEOBJECTTYPE));
-    UA_NodeId unit = child(m, name + QStringLiteral("/State/Machine"));
+    UA_NodeId unit = nodeId(name + QStringLiteral("/State/Machine"));
     addObject(unit, state, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Machine", ns0(UA_NS0ID_BASEOBJECTTYPE));
-    UA_NodeId overview = child(m, name + QStringLiteral("/State/Machine/Overview"));
+    UA_NodeId overview = nodeId(name + QStringLiteral("/State/Machine/Overview"));
     addObject(overview, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Overview", ns0(UA_NS0ID_BASEOBJECTTYPE));
-    m.flagsFolder = child(m, name + QStringLiteral("/State/Machine/Flags"));
+    m.flagsFolder = nodeId(name + QStringLiteral("/State/Machine/Flags"));
     addObject(m.flagsFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Flags", ns0(UA_NS0ID_BASEOBJECTTYPE));
-    m.valuesFolder = child(m, name + QStringLiteral("/State/Machine/Values"));
+    m.valuesFolder = nodeId(name + QStringLiteral("/State/Machine/Values"));
     addObject(m.valuesFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Values", ns0(UA_NS0ID_BASEOBJECTTYPE));
     const auto addInterface = [this](const UA_NodeId &node, UA_UInt32 interface) {
         UA_Server_addReference(
@@ -365,18 +365,18 @@ WwAddressSpace::Machine &WwAddressSpace::machine(const QString &name)
     UA_Int32 zero = 0;
     UA_Variant value;
     UA_Variant_setScalar(&value, &zero, &m_enumTypes[0]);
-    m.currentState = child(m, name + QStringLiteral("/State/Machine/Overview/CurrentState"));
+    m.currentState = nodeId(name + QStringLiteral("/State/Machine/Overview/CurrentState"));
     addVariable(m.currentState, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "CurrentState",
         UA_NODEID_NUMERIC(m_ww, IdWwUnitStateEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
     UA_Variant_setScalar(&value, &zero, &m_enumTypes[1]);
-    m.currentMode = child(m, name + QStringLiteral("/State/Machine/Overview/CurrentMode"));
+    m.currentMode = nodeId(name + QStringLiteral("/State/Machine/Overview/CurrentMode"));
     addVariable(m.currentMode, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "CurrentMode",
         UA_NODEID_NUMERIC(m_ww, IdWwUnitModeEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
     UA_NodeId_clear(&state);
     UA_NodeId_clear(&unit);
     UA_NodeId_clear(&overview);
 
-    m.events = child(m, name + QStringLiteral("/Events"));
+    m.events = nodeId(name + QStringLiteral("/Events"));
     addObject(m.events, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Events",
         UA_NODEID_NUMERIC(m_ww, IdWwEventsDispatcherType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
 
@@ -442,7 +442,7 @@ void WwAddressSpace::updateIdentification(const QString &name, const WwIdentific
             if (!present)
                 return;
             const UA_UInt16 ns = info.home == Home::Di ? m_di : info.home == Home::Machinery ? m_machinery : m_ww;
-            node = child(m, name + QStringLiteral("/Identification/") + QLatin1String(field));
+            node = nodeId(name + QStringLiteral("/Identification/") + QLatin1String(field));
             addVariable(node, m.identification, ns0(UA_NS0ID_HASPROPERTY), ns, field, dataType,
                 ns0(UA_NS0ID_PROPERTYTYPE), value);
         } else if (present) {
@@ -492,7 +492,7 @@ void WwAddressSpace::updateState(const QString &name, const WwState &state)
         if (UA_NodeId_isNull(&node)) {
             if (!present)
                 return;
-            node = child(m, name + QStringLiteral("/State/Machine/Flags/") + QLatin1String(field));
+            node = nodeId(name + QStringLiteral("/State/Machine/Flags/") + QLatin1String(field));
             addVariable(node, m.flagsFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, ns0(UA_NS0ID_BOOLEAN),
                 ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
         } else if (present) {
@@ -529,7 +529,7 @@ void WwAddressSpace::updateState(const QString &name, const WwState &state)
         if (UA_NodeId_isNull(&node)) {
             if (!number)
                 return;
-            node = child(m, name + QStringLiteral("/State/Machine/Values/") + QLatin1String(field));
+            node = nodeId(name + QStringLiteral("/State/Machine/Values/") + QLatin1String(field));
             addVariable(node, m.valuesFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, dataType,
                 ns0(UA_NS0ID_BASEANALOGTYPE), value);
         } else if (number) {
@@ -553,9 +553,9 @@ void WwAddressSpace::updateManufacturerSpecific(const QString &name, const WwMan
         writeValue(m.lastProgramName, value);
         return;
     }
-    UA_NodeId folder = child(m, name + QStringLiteral("/ManufacturerSpecific"));
+    UA_NodeId folder = nodeId(name + QStringLiteral("/ManufacturerSpecific"));
     addObject(folder, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "ManufacturerSpecific", ns0(UA_NS0ID_FOLDERTYPE));
-    m.lastProgramName = child(m, name + QStringLiteral("/ManufacturerSpecific/LastProgramName"));
+    m.lastProgramName = nodeId(name + QStringLiteral("/ManufacturerSpecific/LastProgramName"));
     addVariable(m.lastProgramName, folder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "LastProgramName", ns0(UA_NS0ID_STRING),
         ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
     UA_NodeId_clear(&folder);

@@ -50,7 +50,8 @@ private:
     struct Machine;
 
     Machine &machine(const QString &name);
-    UA_NodeId child(const Machine &machine, const QString &path) const;
+    /** A new node id in the machines namespace; the caller owns it. */
+    UA_NodeId nodeId(const QString &path) const;
     void addObject(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
         const char *name, const UA_NodeId &type, UA_Byte eventNotifier = 0);
     void addVariable(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,

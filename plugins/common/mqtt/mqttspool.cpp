@@ -5,11 +5,11 @@
 #include <QSaveFile>
 #include <QtEndian>
 
-#include <array>
 #include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <zlib.h>
 
 namespace {
 
@@ -23,22 +23,10 @@ constexpr int SyncIntervalMs = 1000;
 const QString HeadFileName = QStringLiteral("head");
 const QString SegmentSuffix = QStringLiteral(".seg");
 
-quint32 crc32(const char *data, qint64 size)
+// zlib's CRC-32, the one QtCore links anyway; records are at most MaxBodyBytes, well within its length type.
+quint32 crc32Of(const char *data, qint64 size)
 {
-    static const std::array<quint32, 256> table = [] {
-        std::array<quint32, 256> entries {};
-        for (quint32 i = 0; i < 256; ++i) {
-            quint32 value = i;
-            for (int bit = 0; bit < 8; ++bit)
-                value = (value & 1) ? 0xEDB88320u ^ (value >> 1) : value >> 1;
-            entries[i] = value;
-        }
-        return entries;
-    }();
-    quint32 crc = 0xFFFFFFFFu;
-    for (qint64 i = 0; i < size; ++i)
-        crc = table[(crc ^ quint8(data[i])) & 0xFFu] ^ (crc >> 8);
-    return crc ^ 0xFFFFFFFFu;
+    return quint32(::crc32(::crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef *>(data), uInt(size)));
 }
 
 QString segmentName(quint64 first)
@@ -200,7 +188,7 @@ bool MqttSpool::scan(Segment *segment, qint64 *goodBytes, QString *error) const
         }
         const char *body = buffer.constData() + at + HeaderBytes;
         const quint16 topicLength = qFromLittleEndian<quint16>(body + 1);
-        if (qFromLittleEndian<quint32>(buffer.constData() + at + 4) != crc32(body, length)
+        if (qFromLittleEndian<quint32>(buffer.constData() + at + 4) != crc32Of(body, length)
             || topicLength > length - BodyPrefixBytes)
             return true;
         *goodBytes += HeaderBytes + length;
@@ -277,7 +265,7 @@ bool MqttSpool::append(const QByteArray &topic, const QByteArray &payload, bool 
     qToLittleEndian<quint16>(quint16(topic.size()), frame + HeaderBytes + 1);
     memcpy(frame + HeaderBytes + BodyPrefixBytes, topic.constData(), size_t(topic.size()));
     memcpy(frame + HeaderBytes + BodyPrefixBytes + topic.size(), payload.constData(), size_t(payload.size()));
-    qToLittleEndian<quint32>(crc32(frame + HeaderBytes, body), frame + 4);
+    qToLittleEndian<quint32>(crc32Of(frame + HeaderBytes, body), frame + 4);
 
     Segment &active = m_segments.back();
     // One write per record: a killed process leaves whole records, and a torn one only when the machine stops.

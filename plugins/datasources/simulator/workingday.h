@@ -13,7 +13,7 @@
  */
 namespace WorkingDay {
 
-// The stages of a machine's day. A machine stays in one for a number of ticks drawn from its rule below.
+// The stages of a machine's day. A machine stays in one for a number of ticks drawn from its rule (ruleOf).
 enum class Phase { Off, PoweringUp, Ready, Setup, Working, WaitLoad, WaitUnload, Error, EnergySaving, Offline };
 
 struct Transition

@@ -66,6 +66,7 @@ private slots:
     void droppedRecordsIgnoreTheirAcknowledgements();
     void recordLargerThanTheSpoolFails();
     void tornLastRecordIsCutOff();
+    void recordsCarryTheStandardCrc32();
     void damagedRecordCutsTheRestOfItsSegment();
     void unusableFolderFails();
 
@@ -394,6 +395,25 @@ void tst_MqttSpool::recordLargerThanTheSpoolFails()
     QCOMPARE(error, QStringLiteral("a record of 65550 bytes does not fit into a spool of 65536 bytes"));
     QCOMPARE(dropped, 0);
     QCOMPARE(spool->count(), 3);
+}
+
+void tst_MqttSpool::recordsCarryTheStandardCrc32()
+{
+    // Spool files outlive updates of orvix: the check value of a record is CRC-32 as zlib and Ethernet compute it.
+    const QString folder = m_dir.filePath("crc");
+    {
+        auto spool = openSpool(folder);
+        QVERIFY(spool);
+        qint64 dropped = 0;
+        QString error;
+        QVERIFY(spool->append("t", "123456", false, &dropped, &error));
+    }
+    QFile segment(folder + '/' + segmentFiles(folder).constLast());
+    QVERIFY(segment.open(QIODevice::ReadOnly));
+    const QByteArray bytes = segment.readAll();
+    // Body: flags 0, topic length 1, "t", then the payload; its CRC-32 is that of "\0\1\0t123456".
+    QCOMPARE(bytes.left(8).toHex(), QByteArray("0a000000") + QByteArray("cffa6654"));
+    QCOMPARE(bytes.mid(8), QByteArray("\0\1\0t123456", 10));
 }
 
 void tst_MqttSpool::tornLastRecordIsCutOff()

@@ -2,8 +2,8 @@
 //
 // Usage: node opcuaserver-client.js <endpointUrl> <pkiFolder> [<user> <password>]
 // With a user it connects with Basic256Sha256 and SignAndEncrypt, otherwise without security. It prints one JSON
-// object a line: what it found, then "subscribed"; after that each data change of the machine m1's MachineOn flag
-// and each event of its Events object, until standard input closes. A refused connection prints "refused" and
+// object a line: what it found, then "subscribed"; after that each data change of the machine m1's MachineOn flag,
+// each event of its Events object and each event that the Server object reports, until standard input closes. A refused connection prints "refused" and
 // exits with status 2.
 "use strict";
 
@@ -126,6 +126,9 @@ async function main() {
         PathParts: fields[5].value,
         LocalizedMessages: (fields[6].value || []).map((t) => `${t.locale}:${t.text}`),
     } }));
+    const serverEvents = await subscription.monitor({ nodeId: "ns=0;i=2253", attributeId: AttributeIds.EventNotifier },
+        { queueSize: 100, filter, discardOldest: true }, TimestampsToReturn.Neither);
+    serverEvents.on("changed", (fields) => say({ serverEvent: { MessageId: fields[3].value } }));
     say({ subscribed: true, wwBaseEventType: wwEvent.toString() });
 
     process.stdin.resume();

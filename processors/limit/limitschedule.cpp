@@ -2,7 +2,6 @@
 
 #include "limitlogging.h"
 
-
 void Limit::doConditionDefinitions()
 {
     flush<ConditionDefinitionsV2>(&Machine::conditionDefinitions, m_kinds[ConditionDefinitionsKind], nullptr);

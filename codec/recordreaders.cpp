@@ -1,0 +1,168 @@
+#include "recordreaders.h"
+
+namespace CodecDetail {
+
+QString fieldProblem(const char *field, const char *record, const QString &problem)
+{
+    return QStringLiteral("field \"%1\" of %2 %3").arg(QLatin1String(field), QLatin1String(record), problem);
+}
+
+QString nestedProblem(const char *field, const char *record, const QString &inner)
+{
+    return QStringLiteral("in field \"%1\" of %2: %3").arg(QLatin1String(field), QLatin1String(record), inner);
+}
+
+bool readDouble(const QJsonValue &json, double *out, const char *field, const char *record, QString *error)
+{
+    if (json.isDouble()) {
+        *out = json.toDouble();
+        return true;
+    }
+    if (json.isString()) {
+        const QString text = json.toString();
+        if (text == QLatin1String("NaN")) {
+            *out = std::numeric_limits<double>::quiet_NaN();
+            return true;
+        }
+        if (text == QLatin1String("Infinity") || text == QLatin1String("-Infinity")) {
+            *out = text.startsWith(QLatin1Char('-')) ? -std::numeric_limits<double>::infinity()
+                                                     : std::numeric_limits<double>::infinity();
+            return true;
+        }
+    }
+    *error = fieldProblem(field, record, QStringLiteral("must be a number"));
+    return false;
+}
+
+bool readString(const QJsonValue &json, QString *out, const char *field, const char *record, QString *error)
+{
+    if (json.isNull()) {
+        *out = QString();
+        return true;
+    }
+    if (!json.isString()) {
+        *error = fieldProblem(field, record, QStringLiteral("must be a string or null"));
+        return false;
+    }
+    *out = json.toString();
+    // Qt hands out an empty JSON string as a null QString; the difference is part of the record.
+    if (out->isNull())
+        *out = QLatin1String("");
+    return true;
+}
+
+bool readDateTime(const QJsonValue &json, QDateTime *out, const char *field, const char *record, QString *error)
+{
+    if (json.isNull()) {
+        *out = QDateTime();
+        return true;
+    }
+    const QDateTime value = json.isString() ? QDateTime::fromString(json.toString(), Qt::ISODateWithMs) : QDateTime();
+    if (!value.isValid()) {
+        *error = fieldProblem(field, record, QStringLiteral("must be an ISO 8601 date-time or null"));
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+/** Reads a condition value: its JSON value and, under the field name followed by "Type", its exact type. */
+bool readVariant(const QJsonObject &object, const char *field, const char *record, QVariant *out, QString *error)
+{
+    const auto valueIt = object.constFind(QLatin1String(field));
+    if (valueIt == object.constEnd())
+        return true;
+    const QJsonValue json = valueIt.value();
+    const QString typeField = QLatin1String(field) + QLatin1String("Type");
+    const auto typeIt = object.constFind(typeField);
+
+    if (typeIt == object.constEnd()) {
+        if (json.isBool()) {
+            *out = json.toBool();
+        } else if (json.isDouble()) {
+            const QVariant exact = json.toVariant();
+            *out = exact.userType() == QMetaType::LongLong ? exact : QVariant(json.toDouble());
+        } else if (json.isString()) {
+            *out = json.toString();
+        } else if (json.isNull()) {
+            *out = QVariant();
+        } else {
+            *error = fieldProblem(field, record, QStringLiteral("must be true, false, a number, a string or null"));
+            return false;
+        }
+        return true;
+    }
+
+    if (!typeIt.value().isString()) {
+        *error = QStringLiteral("field \"%1\" of %2 must be a string").arg(typeField, QLatin1String(record));
+        return false;
+    }
+    const QString typeName = typeIt.value().toString();
+    const int type = QMetaType::type(typeName.toLatin1().constData());
+    switch (type) {
+    case QMetaType::Bool: {
+        bool value = false;
+        if (!readValue(json, &value, field, record, error))
+            return false;
+        *out = value;
+        return true;
+    }
+    case QMetaType::Int: {
+        qint32 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = int(value);
+        return true;
+    }
+    case QMetaType::UInt: {
+        quint32 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = uint(value);
+        return true;
+    }
+    case QMetaType::LongLong: {
+        qint64 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = qlonglong(value);
+        return true;
+    }
+    case QMetaType::ULongLong: {
+        quint64 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = qulonglong(value);
+        return true;
+    }
+    case QMetaType::Double: {
+        double value = 0;
+        if (!readDouble(json, &value, field, record, error))
+            return false;
+        *out = value;
+        return true;
+    }
+    case QMetaType::QString: {
+        QString value;
+        if (!readString(json, &value, field, record, error))
+            return false;
+        *out = value;
+        return true;
+    }
+    case QMetaType::UnknownType:
+        *error = QStringLiteral("field \"%1\" of %2 names the unknown type \"%3\"")
+                     .arg(typeField, QLatin1String(record), typeName);
+        return false;
+    default: {
+        QVariant value = json.toVariant();
+        if (!value.convert(type)) {
+            *error = fieldProblem(field, record, QStringLiteral("cannot be read as %1").arg(typeName));
+            return false;
+        }
+        *out = value;
+        return true;
+    }
+    }
+}
+
+} // namespace CodecDetail

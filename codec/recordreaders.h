@@ -1,0 +1,202 @@
+#ifndef ORVIX_RECORDREADERS_H
+#define ORVIX_RECORDREADERS_H
+
+// The codec's record readers: each record type read from a JSON object by its field list, a field at a time, with a
+// sentence naming the first problem. Private to the codec.
+
+#include "recordtraits.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QVariant>
+
+#include <cmath>
+#include <limits>
+
+namespace CodecDetail {
+
+QString fieldProblem(const char *field, const char *record, const QString &problem);
+
+QString nestedProblem(const char *field, const char *record, const QString &inner);
+
+bool readDouble(const QJsonValue &json, double *out, const char *field, const char *record, QString *error);
+
+bool readString(const QJsonValue &json, QString *out, const char *field, const char *record, QString *error);
+
+bool readDateTime(const QJsonValue &json, QDateTime *out, const char *field, const char *record, QString *error);
+
+/** Reads a condition value: its JSON value and, under the field name followed by "Type", its exact type. */
+bool readVariant(const QJsonObject &object, const char *field, const char *record, QVariant *out, QString *error);
+
+template <typename Record> bool readRecord(const QJsonObject &object, Record *out, QString *error);
+
+template <typename T>
+bool readInteger(const QJsonValue &json, T *out, const char *field, const char *record, QString *error)
+{
+    using Wide = std::conditional_t<std::is_signed_v<T>, qint64, quint64>;
+    const QString range = QStringLiteral("must be a whole number from %1 to %2")
+                              .arg(Wide(std::numeric_limits<T>::min()))
+                              .arg(Wide(std::numeric_limits<T>::max()));
+    Wide wide = 0;
+    bool ok = false;
+    if (json.isString()) {
+        const QString text = json.toString();
+        if constexpr (std::is_signed_v<T>)
+            wide = text.toLongLong(&ok, 10);
+        else if (!text.startsWith(QLatin1Char('-')))
+            wide = text.toULongLong(&ok, 10);
+    } else if (json.isDouble()) {
+        const QVariant exact = json.toVariant();
+        if (exact.userType() == QMetaType::LongLong) {
+            const qint64 value = exact.toLongLong();
+            ok = std::is_signed_v<T> || value >= 0;
+            wide = Wide(value);
+        } else {
+            // Only whole numbers beyond the 64-bit signed range arrive here as floating point.
+            const double value = json.toDouble();
+            ok = !std::is_signed_v<T> && value >= 0 && value < 18446744073709551616.0 && std::floor(value) == value;
+            if (ok)
+                wide = Wide(value);
+        }
+    } else {
+        *error = fieldProblem(field, record, QStringLiteral("must be a number"));
+        return false;
+    }
+    if constexpr (sizeof(T) < sizeof(Wide))
+        ok = ok && wide >= Wide(std::numeric_limits<T>::min()) && wide <= Wide(std::numeric_limits<T>::max());
+    if (!ok) {
+        *error = fieldProblem(field, record, range);
+        return false;
+    }
+    *out = T(wide);
+    return true;
+}
+
+template <typename T>
+bool readValue(const QJsonValue &json, T *out, const char *field, const char *record, QString *error)
+{
+    if constexpr (std::is_same_v<T, QString>) {
+        return readString(json, out, field, record, error);
+    } else if constexpr (std::is_same_v<T, bool>) {
+        if (!json.isBool()) {
+            *error = fieldProblem(field, record, QStringLiteral("must be true or false"));
+            return false;
+        }
+        *out = json.toBool();
+        return true;
+    } else if constexpr (std::is_integral_v<T>) {
+        return readInteger(json, out, field, record, error);
+    } else if constexpr (std::is_same_v<T, double>) {
+        return readDouble(json, out, field, record, error);
+    } else if constexpr (std::is_same_v<T, QDateTime>) {
+        return readDateTime(json, out, field, record, error);
+    } else if constexpr (std::is_same_v<T, QStringList>) {
+        if (!json.isArray()) {
+            *error = fieldProblem(field, record, QStringLiteral("must be an array of strings"));
+            return false;
+        }
+        QStringList list;
+        for (const QJsonValue element : json.toArray()) {
+            QString text;
+            if (!readString(element, &text, field, record, error)) {
+                *error = fieldProblem(field, record, QStringLiteral("must be an array of strings"));
+                return false;
+            }
+            list.append(text);
+        }
+        *out = list;
+        return true;
+    } else if constexpr (std::is_same_v<T, TextHash>) {
+        const QJsonObject object = json.toObject();
+        TextHash hash;
+        bool ok = json.isObject();
+        for (auto it = object.constBegin(); ok && it != object.constEnd(); ++it) {
+            QString text;
+            ok = readString(it.value(), &text, field, record, error);
+            hash.insert(it.key(), text);
+        }
+        if (!ok) {
+            *error = fieldProblem(field, record, QStringLiteral("must be an object of strings"));
+            return false;
+        }
+        *out = hash;
+        return true;
+    } else if constexpr (IsList<T>::value) {
+        using Element = typename T::value_type;
+        if (!json.isArray()) {
+            *error = fieldProblem(field, record,
+                QStringLiteral("must be an array of %1 objects").arg(QLatin1String(recordName<Element>)));
+            return false;
+        }
+        const QJsonArray array = json.toArray();
+        T list;
+        list.reserve(array.size());
+        for (int i = 0; i < array.size(); ++i) {
+            Element element {};
+            QString inner;
+            if (!array.at(i).isObject()) {
+                inner = QStringLiteral("%1 must be an object").arg(QLatin1String(recordName<Element>));
+            } else if (readRecord(array.at(i).toObject(), &element, &inner)) {
+                list.append(element);
+                continue;
+            }
+            *error = QStringLiteral("in item %1 of field \"%2\" of %3: %4")
+                         .arg(QString::number(i), QLatin1String(field), QLatin1String(record), inner);
+            return false;
+        }
+        *out = list;
+        return true;
+    } else {
+        if (!json.isObject()) {
+            *error = fieldProblem(field, record, QStringLiteral("must be an object"));
+            return false;
+        }
+        QString inner;
+        if (!readRecord(json.toObject(), out, &inner)) {
+            *error = nestedProblem(field, record, inner);
+            return false;
+        }
+        return true;
+    }
+}
+
+template <typename Record> bool readRecord(const QJsonObject &object, Record *out, QString *error)
+{
+    // Filled into a copy, so that a failure leaves nothing half done; missing keys keep the defaults.
+    Record record {};
+    bool ok = true;
+    Record::visitFields([&](const char *name, auto member) {
+        if (!ok)
+            return;
+        using Field = std::decay_t<decltype(record.*member)>;
+        if constexpr (std::is_same_v<Field, QVariant>) {
+            ok = readVariant(object, name, recordName<Record>, &(record.*member), error);
+        } else {
+            const auto it = object.constFind(QLatin1String(name));
+            if (it == object.constEnd())
+                return;
+            if constexpr (IsOptional<Field>::value) {
+                using Value = typename Field::value_type;
+                // Numbers and flags have no null form, so for them null reads as absent.
+                constexpr bool hasNullForm = std::is_same_v<Value, QString> || std::is_same_v<Value, QDateTime>;
+                if (!hasNullForm && it.value().isNull())
+                    return;
+                Value value {};
+                ok = readValue(it.value(), &value, name, recordName<Record>, error);
+                if (ok)
+                    record.*member = value;
+            } else {
+                ok = readValue(it.value(), &(record.*member), name, recordName<Record>, error);
+            }
+        }
+    });
+    if (ok)
+        *out = record;
+    return ok;
+}
+
+} // namespace CodecDetail
+
+#endif

@@ -44,8 +44,22 @@ enum : UA_UInt32 {
 const char *const StateNames[] = { "OFFLINE", "STANDBY", "READY", "WORKING", "ERROR" };
 const char *const ModeNames[] = { "OTHER", "AUTOMATIC", "SEMIAUTOMATIC", "MANUAL", "SETUP", "SLEEP" };
 const char *const CategoryNames[] = { "OTHER", "DIAGNOSTIC", "INFORMATION", "WARNING", "ALARM", "ERROR" };
-// Severity of an event by its category: from barely worth noting (OTHER) to an error that stops the machine.
-const UA_UInt16 Severities[] = { 100, 100, 200, 500, 800, 900 };
+/** The severity of an event by its category: from barely worth noting to an error that needs a person. */
+UA_UInt16 severityOf(qint32 category)
+{
+    switch (category) {
+    case WwBaseEventType::Information:
+        return 200;
+    case WwBaseEventType::Warning:
+        return 500;
+    case WwBaseEventType::Alarm:
+        return 800;
+    case WwBaseEventType::Error:
+        return 900;
+    default:
+        return 100;
+    }
+}
 
 constexpr int FlagCount = 26;
 constexpr int ValueCount = 35;
@@ -578,8 +592,7 @@ bool WwAddressSpace::raiseEvent(const QString &name, const QDateTime &time, cons
     const QByteArray message = event.Message.toUtf8();
     const UA_LocalizedText messageText { uaString(locale), uaString(message) };
     property(0, "Message", &messageText, &UA_TYPES[UA_TYPES_LOCALIZEDTEXT]);
-    const bool known = event.Category >= 0 && event.Category < 6;
-    const UA_UInt16 severity = Severities[known ? event.Category : 0];
+    const UA_UInt16 severity = severityOf(event.Category);
     property(0, "Severity", &severity, &UA_TYPES[UA_TYPES_UINT16]);
     const QByteArray source = name.toUtf8();
     const UA_String sourceName = uaString(source);

@@ -477,12 +477,20 @@ void TestOpcUaServer::notificationRaisesAnEvent()
     notification.message = QStringLiteral("Door open");
     notification.level = 2;
     target.processData(When, "m1", "src", QVariant::fromValue(notification));
+    // The severity follows the category: levels 0, 1 and 3 give OTHER, INFORMATION and ERROR.
+    for (const qint32 level : { 0, 1, 3 }) {
+        notification.id = QStringLiteral("Level/%1").arg(level);
+        notification.level = level;
+        target.processData(When, "m1", "src", QVariant::fromValue(notification));
+    }
 
     QElapsedTimer clock;
     clock.start();
-    while (inbox.messages.isEmpty() && clock.elapsed() < 5000)
+    while (inbox.messages.size() < 4 && clock.elapsed() < 5000)
         onClientThread([&] { return UA_Client_run_iterate(client.client(), 20); });
-    QCOMPARE(inbox.messages, QStringList { "Unit 1/Door/42 Door open 500 3 [2]" });
+    QCOMPARE(inbox.messages,
+        (QStringList { "Unit 1/Door/42 Door open 500 3 [2]", "Level/0 Door open 100 0 [1]",
+            "Level/1 Door open 200 2 [1]", "Level/3 Door open 900 5 [1]" }));
     QCOMPARE(client.read("m1/State/Machine/Flags/Warning"), QVariant(true));
 }
 

@@ -14,6 +14,11 @@ packages=(
     util-linux mount
 )
 opcua_packages=(libopen62541-1.4 libopen62541-1.4-dev libmbedcrypto16 libmbedx509-7 libmbedtls21)
+# node-opcua, an OPC UA implementation we did not write, is the other side of the OPC UA plugins' tests. A node that
+# is already there (from whatever source) is used; otherwise Debian's.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+    packages+=(nodejs npm)
+fi
 
 # shellcheck disable=SC1091
 codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
@@ -76,4 +81,10 @@ if [ ${#missing[@]} -gt 0 ] || [ -n "${apt_update_needed:-}" ]; then
 fi
 if [ ${#missing[@]} -gt 0 ]; then
     apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+# The npm packages of the tests, exactly as package-lock.json has them, into tests/nodeopcua/node_modules.
+nodeopcua=$(cd "$(dirname "$0")/../tests/nodeopcua" && pwd)
+if [ ! -d "$nodeopcua/node_modules/node-opcua" ]; then
+    (cd "$nodeopcua" && npm ci --no-audit --no-fund)
 fi

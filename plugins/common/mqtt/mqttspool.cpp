@@ -5,6 +5,7 @@
 #include <QSaveFile>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cstring>
 
 #include <fcntl.h>
@@ -302,10 +303,7 @@ void MqttSpool::dropOldestSegment(qint64 *dropped)
         m_handed.clear();
     else
         m_handed.erase(m_handed.begin(), m_handed.begin() + qint64(skipped));
-    if (m_send < m_head) {
-        m_send = m_head;
-        m_sendOffset = m_headOffset;
-    }
+    followHead();
 }
 
 void MqttSpool::removeFront()
@@ -320,17 +318,31 @@ void MqttSpool::removeFront()
     m_segments.pop_front();
 }
 
+const MqttSpool::Segment *MqttSpool::segmentOf(quint64 sequence) const
+{
+    for (const Segment &candidate : m_segments) {
+        if (sequence >= candidate.first && sequence < candidate.first + quint64(candidate.count))
+            return &candidate;
+    }
+    return nullptr;
+}
+
 bool MqttSpool::next(Record *record)
 {
+    // Records acknowledged after they were handed out, but before a rewind() behind them, have reached the broker:
+    // they are passed over, not sent twice.
+    while (m_send < m_next && m_send - m_head < m_handed.size() && m_handed[size_t(m_send - m_head)].acknowledged) {
+        const Segment *segment = segmentOf(m_send);
+        if (!segment)
+            return false;
+        if (m_send == segment->first)
+            m_sendOffset = 0;
+        m_sendOffset += m_handed[size_t(m_send - m_head)].bytes;
+        ++m_send;
+    }
     if (m_send >= m_next)
         return false;
-    const Segment *segment = nullptr;
-    for (const Segment &candidate : m_segments) {
-        if (m_send >= candidate.first && m_send < candidate.first + quint64(candidate.count)) {
-            segment = &candidate;
-            break;
-        }
-    }
+    const Segment *segment = segmentOf(m_send);
     if (!segment)
         return false;
     if (m_send == segment->first)
@@ -342,11 +354,14 @@ bool MqttSpool::next(Record *record)
         return false;
     }
     record->sequence = m_send;
+    // A record handed out again after a rewind() keeps its place among the handed ones.
+    if (m_send - m_head >= m_handed.size()) {
+        Handed handed;
+        handed.bytes = size;
+        m_handed.push_back(handed);
+    }
     ++m_send;
     m_sendOffset += size;
-    Handed handed;
-    handed.bytes = size;
-    m_handed.push_back(handed);
     return true;
 }
 
@@ -406,11 +421,27 @@ void MqttSpool::advanceHead()
             m_headOffset = 0;
         }
     }
+    followHead();
+}
+
+void MqttSpool::followHead()
+{
+    // After a rewind() the records being handed out again may all have been acknowledged meanwhile.
+    if (m_send < m_head) {
+        m_send = m_head;
+        m_sendOffset = m_headOffset;
+    }
+}
+
+int MqttSpool::outstanding() const
+{
+    const size_t handedSinceRewind = std::min<size_t>(size_t(m_send - m_head), m_handed.size());
+    return int(std::count_if(m_handed.cbegin(), m_handed.cbegin() + qint64(handedSinceRewind),
+        [](const Handed &handed) { return !handed.acknowledged; }));
 }
 
 void MqttSpool::rewind()
 {
-    m_handed.clear();
     m_send = m_head;
     m_sendOffset = m_headOffset;
 }

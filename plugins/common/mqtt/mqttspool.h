@@ -50,15 +50,18 @@ public:
     bool next(Record *record);
     /** The record has been delivered; once every older one has been too, it leaves the spool. */
     void acknowledge(quint64 sequence);
-    /** Everything handed out but not acknowledged will be handed out again, oldest first. */
+    /**
+     * Everything handed out but not acknowledged will be handed out again, oldest first; what was acknowledged in
+     * the meantime is not.
+     */
     void rewind();
 
     /** Records not acknowledged yet. */
     qint64 count() const { return qint64(m_next - m_head); }
     /** Their bytes in the segment files. */
     qint64 bytes() const { return m_totalBytes - m_headOffset; }
-    /** Records handed out and not acknowledged yet. */
-    int outstanding() const { return int(m_handed.size()); }
+    /** Records handed out since the last rewind() and not acknowledged yet. */
+    int outstanding() const;
     QString folder() const { return m_folder; }
 
     /** Writes what the page cache holds to the disk and saves the head position, if anything changed. */
@@ -84,6 +87,7 @@ private:
     void dropOldestSegment(qint64 *dropped);
     void removeFront();
     void advanceHead();
+    const Segment *segmentOf(quint64 sequence) const;
     void followHead();
     bool readRecord(const Segment &segment, qint64 offset, Record *record, qint64 *size);
     void saveHead();

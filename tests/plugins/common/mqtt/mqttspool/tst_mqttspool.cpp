@@ -56,6 +56,7 @@ private slots:
     void handsOutInOrder();
     void leavesOnlyWhenEveryOlderRecordIsAcknowledged();
     void rewindHandsOutTheUnacknowledgedAgain();
+    void acknowledgementBeforeRewindIsKept();
     void survivesReopening();
     void acknowledgementsSinceTheLastSyncComeBack();
     void sequenceGoesOnAfterEverythingWasDelivered();
@@ -185,14 +186,37 @@ void tst_MqttSpool::rewindHandsOutTheUnacknowledgedAgain()
     QVERIFY(spool->next(&record));
     spool->acknowledge(0);
     spool->acknowledge(2);
+    QCOMPARE(spool->outstanding(), 1);
     spool->rewind();
     QCOMPARE(spool->outstanding(), 0);
     QVERIFY(spool->next(&record));
     QCOMPARE(record.sequence, quint64(1));
     QCOMPARE(record.payload, payload(1));
-    QVERIFY(spool->next(&record));
-    QCOMPARE(record.sequence, quint64(2));
+    // Record 2 reached the broker before the rewind: it is not sent again.
     QVERIFY(!spool->next(&record));
+    spool->acknowledge(1);
+    QCOMPARE(spool->count(), 0);
+    appendRecords(*spool, 3, 4);
+    QVERIFY(spool->next(&record));
+    QCOMPARE(record.sequence, quint64(3));
+    QCOMPARE(record.payload, payload(3));
+}
+
+void tst_MqttSpool::acknowledgementBeforeRewindIsKept()
+{
+    auto spool = openSpool(m_dir.filePath("kept"));
+    QVERIFY(spool);
+    appendRecords(*spool, 0, 2);
+    MqttSpool::Record record;
+    QVERIFY(spool->next(&record));
+    QVERIFY(spool->next(&record));
+    spool->acknowledge(1);
+    spool->rewind();
+    QVERIFY(spool->next(&record));
+    QCOMPARE(record.sequence, quint64(0));
+    spool->acknowledge(0);
+    QVERIFY(!spool->next(&record));
+    QCOMPARE(spool->count(), 0);
 }
 
 void tst_MqttSpool::survivesReopening()

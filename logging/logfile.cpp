@@ -42,6 +42,12 @@ void LogFile::configure(const QVariantMap &config)
                                         .arg(DefaultMaxSize);
     }
     openAndRotate();
+    // Kept as configured, but said once: a limit this small starts a new file, and drops the previous copy, at almost
+    // every message.
+    if (m_maxSize < TinyMaxSize)
+        qCWarning(lcLogFile) << QStringLiteral("maxSize %1 is smaller than most messages: each longer message starts a "
+                                               "new log file and only the last of them is kept as the old copy")
+                                    .arg(m_maxSize);
 }
 
 void LogFile::openAndRotate()

@@ -29,6 +29,8 @@ private:
     QString m_fileName;
     QString m_oldCopy;
     static constexpr quint64 DefaultMaxSize = 52428800;
+    /** Limits below this many characters are warned about at start: most messages are longer. */
+    static constexpr quint64 TinyMaxSize = 1024;
 
     quint64 m_maxSize = DefaultMaxSize;
     quint64 m_written = 0;

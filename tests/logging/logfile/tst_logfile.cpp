@@ -32,6 +32,8 @@ private slots:
     void manyShortMessagesNeverRotate();
     void unreadableMaxSizeKeepsDefault();
     void truncationWhileWritingLeavesNoHole();
+    void tinyMaxSizeIsWarnedAboutOnce_data();
+    void tinyMaxSizeIsWarnedAboutOnce();
     void writesUtf8();
 
 private:
@@ -201,6 +203,37 @@ void tst_LogFile::unreadableMaxSizeKeepsDefault()
     log.stop();
     QCOMPARE(log.lines(), QStringList { log.warning("maxSize \"50MB\" is not a number, using 52428800") });
     QCOMPARE(logLines(m_dir->filePath("orvix.log")), (QStringList { "INFO core: one", "INFO core: two" }));
+}
+
+void tst_LogFile::tinyMaxSizeIsWarnedAboutOnce_data()
+{
+    QTest::addColumn<qint64>("maxSize");
+    QTest::addColumn<bool>("warned");
+    QTest::newRow("0") << qint64(0) << true;
+    QTest::newRow("1023") << qint64(1023) << true;
+    QTest::newRow("1024") << qint64(1024) << false;
+    QTest::newRow("default") << qint64(-1) << false;
+}
+
+void tst_LogFile::tinyMaxSizeIsWarnedAboutOnce()
+{
+    QFETCH(qint64, maxSize);
+    QFETCH(bool, warned);
+    LogCapture log(QStringLiteral("logfile"));
+    log.start();
+    LogFile file;
+    file.configure(config(QString(), maxSize));
+    for (int i = 0; i < 3; ++i)
+        file.write(QtInfoMsg, LogContext("core"), QString(20, QLatin1Char('x')));
+    log.stop();
+    const QString warning = log.warning(QStringLiteral("maxSize %1 is smaller than most messages: each longer message "
+                                                       "starts a new log file and only the last of them is kept as the "
+                                                       "old copy")
+                                            .arg(maxSize));
+    QCOMPARE(log.lines(), warned ? QStringList { warning } : QStringList());
+    // The behaviour stays: with a limit of 0 each message starts a new file.
+    if (maxSize == 0)
+        QCOMPARE(logLines(m_dir->filePath("orvix.log")).size(), 1);
 }
 
 void tst_LogFile::truncationWhileWritingLeavesNoHole()

@@ -95,6 +95,7 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
     m_retainTypes = QSet<QString>(retainTypes.begin(), retainTypes.end());
 
     m_spool = std::make_unique<MqttSpool>(folder, qint64(maxBytes), lcMqttOut());
+    m_spoolMaxBytes = qint64(maxBytes);
     if (!m_spool->open(&error)) {
         qCWarning(lcMqttOut) << QStringLiteral("Can't use the spool %1: %2").arg(folder, error);
         m_spool.reset();
@@ -150,9 +151,14 @@ void MqttOut::processData(QDateTime timestamp, QString machine, QString source, 
         return;
     }
     m_spoolError.clear();
-    if (dropped > 0)
-        qCWarning(lcMqttOut)
-            << QStringLiteral("Spool %1 is full: dropped the %2 oldest datasets").arg(m_spool->folder()).arg(dropped);
+    if (dropped > 0) {
+        // Said once when dropping starts; the count follows when the spool has room again.
+        if (m_droppedWhileFull == 0)
+            qCWarning(lcMqttOut) << QStringLiteral("Spool %1 is full: dropping the oldest datasets until the broker "
+                                                   "takes them again")
+                                        .arg(m_spool->folder());
+        m_droppedWhileFull += dropped;
+    }
     pump();
 }
 
@@ -202,6 +208,7 @@ void MqttOut::pump()
             m_spool->acknowledge(record.sequence);
         } else if (confirmed) {
             m_spool->acknowledge(record.sequence);
+            reportSpoolRoom();
         } else {
             m_inFlight.insert(mid, InFlight { record.sequence, record.topic });
         }
@@ -224,7 +231,19 @@ void MqttOut::confirm(int mid, int reasonCode)
                                         MqttConnection::reasonString(reasonCode));
     }
     m_spool->acknowledge(message.sequence);
+    reportSpoolRoom();
     pump();
+}
+
+void MqttOut::reportSpoolRoom()
+{
+    // Half the spool free: datasets are no longer dropped one segment after another.
+    if (m_droppedWhileFull == 0 || m_spool->bytes() > m_spoolMaxBytes / 2)
+        return;
+    qCWarning(lcMqttOut) << QStringLiteral("Spool %1 has room again: %2 datasets were dropped while it was full")
+                                .arg(m_spool->folder())
+                                .arg(m_droppedWhileFull);
+    m_droppedWhileFull = 0;
 }
 
 void MqttOut::connectionLost()

@@ -59,6 +59,7 @@ private:
 
     QByteArray topicFor(const QString &machine, const QString &source, const QString &type) const;
     void pump();
+    void reportSpoolRoom();
     void confirm(int mid, int reasonCode);
     void connectionLost();
 
@@ -74,6 +75,9 @@ private:
     QSet<QByteArray> m_refusedTopics;
     bool m_pumping = false;
     QString m_spoolError;
+    qint64 m_spoolMaxBytes = 0;
+    // Datasets dropped since the spool became full; 0 while it has room.
+    qint64 m_droppedWhileFull = 0;
 };
 
 #endif

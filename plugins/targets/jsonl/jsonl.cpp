@@ -6,7 +6,12 @@
 #include <QFileInfo>
 #include <QLoggingCategory>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 Q_LOGGING_CATEGORY(lcJsonl, "jsonl")
 
@@ -72,13 +77,44 @@ void Jsonl::processData(QDateTime timestamp, QString machine, QString source, QV
         return;
     QByteArray line = DatasetCodec::encodeLine(timestamp, machine, source, data);
     line.append('\n');
-    // Unbuffered: the line reaches the file in this one write, so a killed process leaves only whole lines.
-    if (m_file.write(line) == line.size()) {
-        m_failing = false;
+    int error = 0;
+    if (writeWholeLine(line, &error)) {
+        if (m_failed > 0) {
+            qCWarning(lcJsonl)
+                << QStringLiteral("Writing to %1 again; %2 datasets could not be written").arg(m_target).arg(m_failed);
+            m_failed = 0;
+        }
         return;
     }
-    // Reported once per run of failures, not once per dataset.
-    if (!m_failing)
-        qCWarning(lcJsonl) << QStringLiteral("Can't write to %1: %2").arg(m_target, m_file.errorString());
-    m_failing = true;
+    // Reported once per run of failures, not once per dataset; the count follows when writing works again.
+    if (m_failed == 0)
+        qCWarning(lcJsonl)
+            << QStringLiteral("Can't write to %1: %2").arg(m_target, QString::fromLocal8Bit(std::strerror(error)));
+    ++m_failed;
+}
+
+bool Jsonl::writeWholeLine(const QByteArray &line, int *error)
+{
+    // The file is unbuffered: the line goes to it in one write, so a killed process leaves only whole lines.
+    const int fd = m_file.handle();
+    qint64 written = 0;
+    while (written < line.size()) {
+        const ssize_t count = ::write(fd, line.constData() + written, size_t(line.size() - written));
+        if (count > 0) {
+            written += count;
+        } else if (count < 0 && errno == EINTR) {
+            continue;
+        } else {
+            *error = count < 0 ? errno : EIO;
+            break;
+        }
+    }
+    if (written == line.size())
+        return true;
+    // A full disk can take part of a line: cut the file back to its last whole line, so that the next line does not
+    // start in the middle of this one. A pipe or terminal cannot be cut; there the part stays.
+    struct stat info;
+    if (written > 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= written)
+        (void)!::ftruncate(fd, info.st_size - written);
+    return false;
 }

@@ -35,9 +35,13 @@ public slots:
     void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 private:
+    /** Writes line whole or not at all; false with the operating system's error number otherwise. */
+    bool writeWholeLine(const QByteArray &line, int *error);
+
     QFile m_file;
     QString m_target;
-    bool m_failing = false;
+    // Datasets that could not be written since writing last worked.
+    qint64 m_failed = 0;
 };
 
 #endif

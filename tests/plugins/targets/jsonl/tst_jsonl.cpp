@@ -10,6 +10,10 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <csignal>
+
+#include <sys/resource.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -92,6 +96,7 @@ private slots:
     void unwritableFile();
     void folderCannotBeMade();
     void writeFailureWarnsOnce();
+    void shortWriteIsCutBackToWholeLines();
     void disabledTargetWritesNothing();
 
 private:
@@ -252,6 +257,52 @@ void tst_Jsonl::disabledTargetWritesNothing()
     Jsonl target;
     target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
     QVERIFY(m_log.lines().isEmpty());
+}
+
+void tst_Jsonl::shortWriteIsCutBackToWholeLines()
+{
+    // A file size limit makes the kernel take part of a line and then refuse the rest, as a full disk does.
+    const QString path = m_dir.filePath("limited.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    m_log.clear();
+    const qint64 lineBytes = DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(1))).size() + 1;
+
+    struct sigaction ignore
+    {
+    };
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction previous
+    {
+    };
+    QCOMPARE(sigaction(SIGXFSZ, &ignore, &previous), 0);
+    struct rlimit unlimited
+    {
+    };
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    struct rlimit limited = unlimited;
+    limited.rlim_cur = rlim_t(lineBytes + lineBytes / 2);
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(3)));
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    QCOMPARE(sigaction(SIGXFSZ, &previous, nullptr), 0);
+    QCOMPARE(QFileInfo(path).size(), lineBytes);
+
+    target.processData(When, "m1", "s", QVariant::fromValue(state(4)));
+    QCOMPARE(m_log.lines(),
+        (QStringList { m_log.warning("Can't write to " + path + ": File too large"),
+            m_log.warning("Writing to " + path + " again; 2 datasets could not be written") }));
+    const QList<QByteArray> lines = readFile(path).split('\n');
+    QCOMPARE(lines.size(), 3);
+    QVERIFY(lines.last().isEmpty());
+    for (int i = 0; i < 2; ++i) {
+        DatasetCodec::Dataset dataset;
+        QVERIFY(DatasetCodec::decodeLine(lines.at(i), &dataset));
+        QCOMPARE(qvariant_cast<StateV1>(dataset.data).state, i == 0 ? 1 : 4);
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_Jsonl)

@@ -1,5 +1,6 @@
 #include "datasetcodec.h"
 
+#include "strictjson.h"
 #include "typeregistry.h"
 
 #include <QJsonDocument>
@@ -124,6 +125,9 @@ bool DatasetCodec::decodeLine(const QByteArray &line, Dataset *out, QString *err
 {
     if (line.trimmed().isEmpty())
         return fail(error, QStringLiteral("the line is empty"));
+    QString problem;
+    if (!StrictJson::check(line, &problem))
+        return fail(error, problem);
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
     if (parseError.error != QJsonParseError::NoError)

@@ -1,5 +1,7 @@
 #include "replay.h"
 
+#include "strictjson.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -111,12 +113,14 @@ bool Replay::readDataset(qint64 *pause)
         if (line.isEmpty())
             continue;
 
-        // One parse serves both the dataset and the line's own pause.
-        const QJsonDocument document = QJsonDocument::fromJson(line);
+        // One parse serves both the dataset and the line's own pause; it reads only what the strict check let in.
         DatasetCodec::Dataset dataset;
         QString error;
-        bool ok = document.isObject() ? DatasetCodec::decode(document.object(), &dataset, &error)
-                                      : DatasetCodec::decodeLine(line, &dataset, &error);
+        bool ok = StrictJson::check(line, &error);
+        const QJsonDocument document = ok ? QJsonDocument::fromJson(line) : QJsonDocument();
+        if (ok)
+            ok = document.isObject() ? DatasetCodec::decode(document.object(), &dataset, &error)
+                                     : DatasetCodec::decodeLine(line, &dataset, &error);
         const QJsonValue delay = document.object().value(DelayKey);
         if (ok && !delay.isUndefined()
             && !(delay.isDouble() && delay.toDouble() >= 0 && delay.toDouble() <= MaxPause)) {

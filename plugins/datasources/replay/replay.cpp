@@ -28,6 +28,8 @@ const QVector<SettingKey> &Replay::settings()
             "Milliseconds between two datasets; 0 sends one per turn of the event loop. A line's delayMs overrides "
             "it."),
         SettingKey::boolean("loop", "false", "true starts again at the first line after the last."),
+        SettingKey::whole("maxLineBytes", "1048576", 1024, 268435456,
+            "Longest line read, in bytes; a longer one is skipped with a warning, without being held in memory."),
     };
     return table;
 }
@@ -47,6 +49,7 @@ bool Replay::init(const QVariantMap &config, QVariantMap &)
     const QString path = settings.text("file");
     m_interval = int(settings.number("interval"));
     m_loop = settings.flag("loop");
+    m_maxLineBytes = qint64(settings.number("maxLineBytes"));
     if (path.isEmpty()) {
         qCWarning(lcReplay) << QStringLiteral("No file to replay: set file in the group replay");
         return false;
@@ -102,13 +105,25 @@ bool Replay::readDataset(qint64 *pause)
             m_lineNumber = 0;
             m_datasetsThisPass = 0;
         }
-        const QByteArray raw = m_file.readLine();
+        // readLine(n) gives at most n - 1 bytes: one more than the limit tells a line that is too long.
+        const QByteArray raw = m_file.readLine(m_maxLineBytes + 2);
         if (raw.isEmpty()) {
             qCWarning(lcReplay) << QStringLiteral("Can't read %1: %2").arg(m_file.fileName(), m_file.errorString());
             m_file.close();
             return false;
         }
         ++m_lineNumber;
+        if (raw.size() > m_maxLineBytes && !raw.endsWith('\n')) {
+            // The rest of the line is read past in pieces, so that one huge line never sits in memory whole.
+            QByteArray rest = raw;
+            while (!rest.endsWith('\n') && !m_file.atEnd())
+                rest = m_file.readLine(64 * 1024);
+            qCWarning(lcReplay) << QStringLiteral("Skipping line %1 of %2: the line is longer than %3 bytes")
+                                       .arg(m_lineNumber)
+                                       .arg(m_file.fileName())
+                                       .arg(m_maxLineBytes);
+            continue;
+        }
         const QByteArray line = raw.trimmed();
         if (line.isEmpty())
             continue;

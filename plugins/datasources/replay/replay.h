@@ -44,6 +44,7 @@ private:
     QTimer m_timer;
     int m_interval = 0;
     bool m_loop = false;
+    qint64 m_maxLineBytes = 0;
     qint64 m_lineNumber = 0;
     qint64 m_sent = 0;
     qint64 m_datasetsThisPass = 0;

@@ -82,6 +82,7 @@ private slots:
     void missingTimestampIsNow();
     void badLinesAreSkipped_data();
     void badLinesAreSkipped();
+    void longLinesAreSkipped();
     void fileWithoutDatasetIsNotLooped();
     void missingFile();
     void noFileSet_data();
@@ -290,6 +291,26 @@ void tst_Replay::badLinesAreSkipped_data()
     QTest::newRow("delay as text") << stateLine(5, R"(,"delayMs":"10")") << delayReason;
     QTest::newRow("negative delay") << stateLine(5, R"(,"delayMs":-1)") << delayReason;
     QTest::newRow("huge delay") << stateLine(5, R"(,"delayMs":1e12)") << delayReason;
+    // The strict check refuses a repeated key before anything is read.
+    QTest::newRow("duplicate key") << QByteArray(R"({"type":"StateV1","data":{"state":5},"data":{"state":6}})")
+                                   << QStringLiteral("duplicate key \"data\"");
+    QTest::newRow("invalid escape") << QByteArray(R"({"machine":"m\q","type":"StateV1","data":{"state":5}})")
+                                    << QStringLiteral("the line is not valid JSON: an invalid escape at offset 13");
+}
+
+void tst_Replay::longLinesAreSkipped()
+{
+    // A line longer than maxLineBytes is skipped without being read whole; the lines around it come through.
+    const QByteArray longLine = R"({"type":"SwVerV1","data":{"version":")" + QByteArray(300000, 'x') + R"("}})";
+    const QString path = write(stateLine(1) + "\n" + longLine + "\n" + stateLine(2) + "\n");
+    Replay replay;
+    QSignalSpy spy(&replay, Received);
+    QVERIFY(start(replay, path, { { "maxLineBytes", "2048" } }));
+    QTRY_COMPARE(spy.count(), 2);
+    QCOMPARE(spy.at(1).at(3).value<StateV1>().state, 2);
+    QTRY_COMPARE(m_log.lines().size(), 3);
+    QCOMPARE(m_log.lines().at(1),
+        m_log.warning(QStringLiteral("Skipping line 2 of %1: the line is longer than 2048 bytes").arg(path)));
 }
 
 void tst_Replay::badLinesAreSkipped()

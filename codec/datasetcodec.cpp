@@ -42,7 +42,7 @@ QJsonObject DatasetCodec::encode(
 }
 
 QByteArray DatasetCodec::encodeLine(
-    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data, QString *error)
 {
     QByteArray line;
     line.reserve(256);
@@ -51,6 +51,7 @@ QByteArray DatasetCodec::encodeLine(
     bool first = true;
     writer.key("timestamp", &first);
     writer.dateTime(timestamp);
+    writer.nameProblemField("timestamp");
     writer.key("machine", &first);
     writer.string(machine);
     writer.key("source", &first);
@@ -68,6 +69,12 @@ QByteArray DatasetCodec::encodeLine(
         writer.json(QJsonValue::fromVariant(data));
     }
     writer.append('}');
+    // A line that would not read back as the same dataset is not written at all.
+    if (!writer.problem().isEmpty()) {
+        if (error)
+            *error = writer.problem();
+        return QByteArray();
+    }
     return line;
 }
 

@@ -33,9 +33,13 @@ public:
     static QJsonObject encode(
         const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
-    /** Returns the dataset as one line of compact JSON without a trailing line feed; the fast path for writers. */
-    static QByteArray encodeLine(
-        const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
+    /**
+     * Returns the dataset as one line of compact JSON without a trailing line feed; the fast path for writers. A
+     * dataset with a value that has no form that reads back the same (a date-time outside the years 1 to 9999) gives
+     * an empty line, with error naming the field.
+     */
+    static QByteArray encodeLine(const QDateTime &timestamp, const QString &machine, const QString &source,
+        const QVariant &data, QString *error = nullptr);
 
     /**
      * Reads a dataset from a JSON object. On failure returns false, leaves out unchanged and sets error (if given)

@@ -16,20 +16,24 @@ QString dateTimeText(const QDateTime &dateTime)
  * Appends the text of dateTimeText(), built directly from the numbers: writers stamp every dataset, and Qt's
  * general formatter costs more than the rest of a small dataset. Years outside 0 to 9999 take Qt's way.
  */
-void appendDateTimeText(QByteArray &out, const QDateTime &dateTime)
+bool appendDateTimeText(QByteArray &out, const QDateTime &dateTime)
 {
     const int offset = dateTime.offsetFromUtc();
-    const QDateTime shown = dateTime.timeSpec() == Qt::UTC ? dateTime : dateTime.toOffsetFromUtc(offset);
+    // ISO 8601 offsets are whole minutes; an offset with seconds is written as the same instant in UTC.
+    const QDateTime shown = offset % 60 != 0 ? dateTime.toUTC()
+        : dateTime.timeSpec() == Qt::UTC     ? dateTime
+                                             : dateTime.toOffsetFromUtc(offset);
+    // Qt makes an offset of zero UTC.
+    const bool utc = shown.timeSpec() == Qt::UTC;
     const QDate date = shown.date();
     const QTime time = shown.time();
-    if (date.year() < 0 || date.year() > 9999) {
-        out += dateTimeText(dateTime).toLatin1();
-        return;
-    }
+    // Four digits are all that ISO 8601 without an agreed expansion, and so every reader, can take.
+    if (date.year() < 1 || date.year() > 9999)
+        return false;
     char text[32];
     int length = std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", date.year(), date.month(),
         date.day(), time.hour(), time.minute(), time.second(), time.msec());
-    if (shown.timeSpec() == Qt::UTC) {
+    if (utc) {
         text[length++] = 'Z';
     } else {
         const int minutes = qAbs(offset) / 60;
@@ -37,6 +41,7 @@ void appendDateTimeText(QByteArray &out, const QDateTime &dateTime)
             text + length, sizeof text - length, "%c%02d:%02d", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
     }
     out.append(text, length);
+    return true;
 }
 
 void writeVariant(JsonWriter &writer, const QVariant &value)
@@ -58,6 +63,29 @@ void writeVariant(JsonWriter &writer, const QVariant &value)
         break;
     case QMetaType::QString:
         writer.string(value.toString());
+        break;
+    // Characters travel as their numbers, which read back as the same type; as text, "7" would come back as 7.
+    case QMetaType::Char:
+        writer.integer(qint64(*static_cast<const char *>(value.constData())));
+        break;
+    case QMetaType::SChar:
+        writer.integer(qint64(*static_cast<const signed char *>(value.constData())));
+        break;
+    case QMetaType::UChar:
+        writer.unsignedInteger(*static_cast<const uchar *>(value.constData()));
+        break;
+    case QMetaType::QChar:
+        writer.unsignedInteger(static_cast<const QChar *>(value.constData())->unicode());
+        break;
+    case QMetaType::Float:
+        writer.number(double(*static_cast<const float *>(value.constData())));
+        break;
+    // Bytes need not be UTF-8; base64 carries every one of them.
+    case QMetaType::QByteArray:
+        writer.latin1Bytes(value.toByteArray().toBase64());
+        break;
+    case QMetaType::QDateTime:
+        writer.dateTime(value.toDateTime());
         break;
     default:
         writer.json(QJsonValue::fromVariant(value));

@@ -22,8 +22,12 @@ namespace CodecDetail {
 /** A date-time as the codec writes it: ISO 8601 with milliseconds, with its offset (Z for UTC). */
 QString dateTimeText(const QDateTime &dateTime);
 
-/** Appends dateTimeText() of dateTime to out, built straight from the numbers. */
-void appendDateTimeText(QByteArray &out, const QDateTime &dateTime);
+/**
+ * Appends dateTime to out as ISO 8601 with milliseconds, built straight from the numbers: with its offset, or in UTC
+ * (Z) when it is UTC or its offset has seconds. False, with nothing appended, for a year outside 1 to 9999, which no
+ * reader of the line could take.
+ */
+bool appendDateTimeText(QByteArray &out, const QDateTime &dateTime);
 
 /** Appends JSON text to a byte array; the caller places the commas. */
 class JsonWriter
@@ -83,14 +87,29 @@ public:
 
     void dateTime(const QDateTime &value)
     {
-        if (!value.isValid())
+        if (!value.isValid()) {
             null();
-        else {
-            m_out += '"';
-            appendDateTimeText(m_out, value);
-            m_out += '"';
+            return;
         }
+        m_out += '"';
+        if (!appendDateTimeText(m_out, value) && m_problem.isEmpty())
+            m_problem = QStringLiteral("holds a date-time outside the years 1 to 9999");
+        m_out += '"';
     }
+
+    /** What could not be written in a form that reads back, empty if everything could. */
+    const QString &problem() const { return m_problem; }
+    /** Names the field in which the problem arose, the innermost first. */
+    void nameProblemField(const char *field)
+    {
+        if (m_problem.isEmpty() || m_problemNamed)
+            return;
+        m_problem = QStringLiteral("field \"%1\" %2").arg(QLatin1String(field), m_problem);
+        m_problemNamed = true;
+    }
+
+    /** Writes bytes known to be ASCII, such as base64, as a string. */
+    void latin1Bytes(const QByteArray &value) { rawString(value); }
 
     void key(const char *name, bool *first, const char *suffix = "")
     {
@@ -122,6 +141,9 @@ public:
     void append(char c) { m_out += c; }
 
 private:
+    QString m_problem;
+    bool m_problemNamed = false;
+
     void rawString(const QByteArray &utf8)
     {
         m_out += '"';
@@ -236,6 +258,7 @@ template <typename Record> void writeRecord(JsonWriter &writer, const Record &re
             writer.key(name, &first);
             writeValue(writer, field);
         }
+        writer.nameProblemField(name);
     });
     writer.append('}');
 }

@@ -149,6 +149,53 @@ bool readVariant(const QJsonObject &object, const char *field, const char *recor
         *out = value;
         return true;
     }
+    case QMetaType::Char: {
+        qint8 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = QVariant::fromValue(char(value));
+        return true;
+    }
+    case QMetaType::SChar: {
+        qint8 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = QVariant::fromValue(static_cast<signed char>(value));
+        return true;
+    }
+    case QMetaType::UChar: {
+        quint8 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = QVariant::fromValue(uchar(value));
+        return true;
+    }
+    case QMetaType::QChar: {
+        quint16 value = 0;
+        if (!readInteger(json, &value, field, record, error))
+            return false;
+        *out = QVariant::fromValue(QChar(value));
+        return true;
+    }
+    case QMetaType::Float: {
+        double value = 0;
+        if (!readDouble(json, &value, field, record, error))
+            return false;
+        *out = QVariant::fromValue(float(value));
+        return true;
+    }
+    case QMetaType::QByteArray: {
+        QString text;
+        if (!readString(json, &text, field, record, error))
+            return false;
+        const auto decoded = QByteArray::fromBase64Encoding(text.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
+        if (!decoded || !text.isSimpleText()) {
+            *error = fieldProblem(field, record, QStringLiteral("must be base64 text"));
+            return false;
+        }
+        *out = *decoded;
+        return true;
+    }
     case QMetaType::UnknownType:
         *error = QStringLiteral("field \"%1\" of %2 names the unknown type \"%3\"")
                      .arg(typeField, QLatin1String(record), typeName);

@@ -75,7 +75,13 @@ void Jsonl::processData(QDateTime timestamp, QString machine, QString source, QV
     // A target disabled in the configuration gets no init but stays connected for data.
     if (!m_file.isOpen())
         return;
-    QByteArray line = DatasetCodec::encodeLine(timestamp, machine, source, data);
+    QString problem;
+    QByteArray line = DatasetCodec::encodeLine(timestamp, machine, source, data, &problem);
+    if (line.isEmpty()) {
+        qCWarning(lcJsonl)
+            << QStringLiteral("Skipping a %1 of %2: %3").arg(QLatin1String(data.typeName()), machine, problem);
+        return;
+    }
     line.append('\n');
     int error = 0;
     if (writeWholeLine(line, &error)) {

@@ -141,7 +141,12 @@ void MqttOut::processData(QDateTime timestamp, QString machine, QString source, 
         qCWarning(lcMqttOut) << QStringLiteral("Dropped a dataset of %1: %2").arg(machine, error);
         return;
     }
-    const QByteArray payload = DatasetCodec::encodeLine(timestamp, machine, source, data);
+    QString problem;
+    const QByteArray payload = DatasetCodec::encodeLine(timestamp, machine, source, data, &problem);
+    if (payload.isEmpty()) {
+        qCWarning(lcMqttOut) << QStringLiteral("Skipping a %1 of %2: %3").arg(type, machine, problem);
+        return;
+    }
     qint64 dropped = 0;
     if (!m_spool->append(topic, payload, m_retainTypes.contains(type), &dropped, &error)) {
         // A full disk is reported once, not once per dataset, until the spool takes a dataset again.

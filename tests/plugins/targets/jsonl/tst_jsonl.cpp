@@ -97,6 +97,7 @@ private slots:
     void folderCannotBeMade();
     void writeFailureWarnsOnce();
     void shortWriteIsCutBackToWholeLines();
+    void unwritableDatasetIsSkipped();
     void disabledTargetWritesNothing();
 
 private:
@@ -303,6 +304,22 @@ void tst_Jsonl::shortWriteIsCutBackToWholeLines()
         QVERIFY(DatasetCodec::decodeLine(lines.at(i), &dataset));
         QCOMPARE(qvariant_cast<StateV1>(dataset.data).state, i == 0 ? 1 : 4);
     }
+}
+
+void tst_Jsonl::unwritableDatasetIsSkipped()
+{
+    // A line that could not be read back is not written; the warning names the machine and the field.
+    const QString path = m_dir.filePath("refused.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    m_log.clear();
+    target.processData(QDateTime(QDate(12000, 1, 1), QTime(0, 0), Qt::UTC), "m1", "s", QVariant::fromValue(state(1)));
+    target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCOMPARE(m_log.lines(),
+        QStringList { m_log.warning(
+            "Skipping a StateV1 of m1: field \"timestamp\" holds a date-time outside the years 1 to 9999") });
+    QCOMPARE(readFile(path).count('\n'), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_Jsonl)

@@ -35,8 +35,8 @@ template <typename T> struct IsList<QList<T>> : std::true_type
 using TextHash = QHash<QString, QString>;
 
 // The name of each record type in error messages; the nested blocks of WwState are not registered meta-types.
-template <typename T> constexpr const char *recordName = nullptr;
-#define ORVIX_RECORD_NAME(T) template <> constexpr const char *recordName<T> = #T;
+template <typename T> inline constexpr const char *recordName = nullptr;
+#define ORVIX_RECORD_NAME(T) template <> inline constexpr const char *recordName<T> = #T;
 ORVIX_RECORD_NAME(StateV1)
 ORVIX_RECORD_NAME(GeneralV1)
 ORVIX_RECORD_NAME(NotificationsAddV1)

@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!DatasetCodec::decodeLine(line, &first))
         return 0;
     QString error;
-    const QByteArray written = DatasetCodec::encodeLine(first.timestamp, first.machine, first.source, first.data, &error);
+    const QByteArray written
+        = DatasetCodec::encodeLine(first.timestamp, first.machine, first.source, first.data, &error);
     if (written.isEmpty())
         return 0;
     DatasetCodec::Dataset second;

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Usage: tools/check-format.sh [--fix]
-# Checks every C++ file git tracks against .clang-format; --fix formats them in place.
+# Checks every C++ file of the working tree that git does not ignore against .clang-format; --fix formats them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-mapfile -t files < <(git ls-files '*.cpp' '*.h')
+# New files count too, before they are added; ignored ones (build folders, node_modules) do not.
+mapfile -t files < <(git ls-files --cached --others --exclude-standard '*.cpp' '*.h')
 if [ "${1:-}" = --fix ]; then
     clang-format -i "${files[@]}"
 else

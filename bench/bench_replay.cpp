@@ -1,0 +1,131 @@
+// The JSON path end to end: a recording of WwState lines read and decoded as the replay datasource does, through
+// the service's whole chain, into the jsonl target writing a file. 1,000 machines with every flag and seven values;
+// nine of ten lines repeat their machine's previous record. Reports lines per CPU-second and the peak resident set.
+#include "chainrig.h"
+#include "core.h"
+#include "datasetcodec.h"
+#include "jsonl.h"
+#include "machinefleet.h"
+#include "strictjson.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QJsonDocument>
+#include <QTemporaryDir>
+
+#include <type_traits>
+
+#include <benchmark/benchmark.h>
+
+#include <ctime>
+
+#include <sys/resource.h>
+
+namespace {
+
+constexpr int Machines = 1000;
+
+// Keeps the first seven values of a record, as a machine that reports only its main counters does.
+void keepSevenValues(WwState &state)
+{
+    if (!state.Values)
+        return;
+    int kept = 0;
+    WwStateValues::visitFields([&](const char *, auto member) {
+        auto &field = (*state.Values).*member;
+        if constexpr (std::is_same_v<std::decay_t<decltype(field)>, std::optional<std::decay_t<decltype(*field)>>>) {
+            if (field && ++kept > 7)
+                field.reset();
+        }
+    });
+}
+
+// One machine after another, every tenth round of updates changing, the rest repeating each machine's last record.
+void writeRecording(const QString &path, int lines)
+{
+    MachineFleet fleet(Machines, QStringLiteral("replay"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    for (int i = 0; i < lines; ++i) {
+        const int index = i % Machines;
+        const bool changed = (i / Machines) % 10 == 0;
+        QDateTime timestamp;
+        WwState state = qvariant_cast<WwState>(fleet.next(index, changed, timestamp));
+        keepSevenValues(state);
+        file.write(
+            DatasetCodec::encodeLine(timestamp, fleet.machineName(index), fleet.source(), QVariant::fromValue(state)));
+        file.write("\n", 1);
+    }
+}
+
+double processCpuSeconds()
+{
+    timespec now {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
+}
+
+void BM_ReplayToJsonl(benchmark::State &state)
+{
+    const int lines = int(state.range(0));
+    QTemporaryDir folder;
+    const QString recordingPath = folder.filePath(QStringLiteral("recording.jsonl"));
+    writeRecording(recordingPath, lines);
+    for (auto _ : state) {
+        ChainRig rig;
+        Jsonl jsonl;
+        QVariantMap shared;
+        const QVariantMap config { { "jsonl",
+            QVariantMap { { "file", folder.filePath(QStringLiteral("out.jsonl")) } } } };
+        QFile recording(recordingPath);
+        if (!jsonl.init(config, shared) || !recording.open(QIODevice::ReadOnly)) {
+            state.SkipWithError("no recording or no jsonl");
+            return;
+        }
+        QObject::connect(rig.processorObject(int(rig.core().processors().size()) - 1),
+            SIGNAL(dataProcessed(QDateTime, QString, QString, QVariant)), &jsonl,
+            SLOT(processData(QDateTime, QString, QString, QVariant)));
+
+        const double cpuBefore = processCpuSeconds();
+        qint64 decoded = 0;
+        while (!recording.atEnd()) {
+            const QByteArray line = recording.readLine().trimmed();
+            // As replay reads a line: the strict check, then one parse for the dataset and the line's pause.
+            QString error;
+            if (!StrictJson::check(line, &error))
+                continue;
+            const QJsonDocument document = QJsonDocument::fromJson(line);
+            DatasetCodec::Dataset dataset;
+            if (!DatasetCodec::decode(document.object(), &dataset, &error))
+                continue;
+            ++decoded;
+            emit rig.source().dataReceived(dataset.timestamp, dataset.machine, dataset.source, dataset.data);
+        }
+        const double cpu = processCpuSeconds() - cpuBefore;
+        state.counters["lines_per_cpu_s"] = double(decoded) / cpu;
+        rusage usage {};
+        getrusage(RUSAGE_SELF, &usage);
+        state.counters["peak_rss_mib"] = double(usage.ru_maxrss) / 1024.0;
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // 20,000 lines by default, for quick runs; ORVIX_REPLAY_LINES=1000000 for the full recording.
+    const int lines
+        = qEnvironmentVariableIsSet("ORVIX_REPLAY_LINES") ? qEnvironmentVariableIntValue("ORVIX_REPLAY_LINES") : 20000;
+    benchmark::RegisterBenchmark("BM_ReplayToJsonl", &BM_ReplayToJsonl)
+        ->Arg(lines)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    QCoreApplication app(argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -2,6 +2,7 @@
 
 #include "logcapture.h"
 #include "mmdatasets.h"
+#include "nodescript.h"
 #include "pluginchecks.h"
 #include "testsupport.h"
 #include "wwaddressspace.h"
@@ -173,78 +174,8 @@ private:
     UA_Client *m_client;
 };
 
-/** tests/nodeopcua/opcuaserver-client.js, node-opcua's client, run as a process that reports in JSON lines. */
-class NodeClient
-{
-public:
-    /** Where node finds node-opcua: NODE_PATH when set, else the test folder's own installation. */
-    static QString modules()
-    {
-        const QString path = qEnvironmentVariable("NODE_PATH");
-        return path.isEmpty() ? QStringLiteral(ORVIX_SOURCE_DIR "/tests/nodeopcua/node_modules") : path;
-    }
-    static bool available()
-    {
-        QProcess probe;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("NODE_PATH"), modules());
-        probe.setProcessEnvironment(environment);
-        probe.start(QStringLiteral("node"), { QStringLiteral("-e"), QStringLiteral("require('node-opcua')") });
-        return probe.waitForFinished(60000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;
-    }
-
-    void start(const QStringList &arguments)
-    {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("NODE_PATH"), modules());
-        m_process.setProcessEnvironment(environment);
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral("node"),
-            QStringList { QStringLiteral(ORVIX_SOURCE_DIR "/tests/nodeopcua/opcuaserver-client.js") } + arguments);
-    }
-    ~NodeClient()
-    {
-        m_process.closeWriteChannel();
-        if (!m_process.waitForFinished(10000))
-            m_process.kill();
-        m_process.waitForFinished(1000);
-    }
-
-    /**
-     * The first reported object that has key, while the event loop turns; empty after timeoutMs. Objects without it
-     * are kept for later calls, so that the order of independent reports does not matter.
-     */
-    QJsonObject next(const QString &key, int timeoutMs = 20000)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        while (true) {
-            while (m_process.canReadLine()) {
-                const QJsonObject object = QJsonDocument::fromJson(m_process.readLine()).object();
-                if (object.contains(QStringLiteral("error")))
-                    qWarning().noquote() << object.value(QStringLiteral("error")).toString();
-                m_backlog.append(object);
-            }
-            for (int i = 0; i < m_backlog.size(); ++i) {
-                if (m_backlog.at(i).contains(key))
-                    return m_backlog.takeAt(i);
-            }
-            if (clock.elapsed() >= timeoutMs)
-                return QJsonObject();
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-            m_process.waitForReadyRead(5);
-        }
-    }
-    int exitCode()
-    {
-        m_process.waitForFinished(20000);
-        return m_process.exitCode();
-    }
-
-private:
-    QProcess m_process;
-    QList<QJsonObject> m_backlog;
-};
+/** node-opcua's client of the target, reporting in JSON lines. */
+const QString ClientScript = QStringLiteral("tests/nodeopcua/opcuaserver-client.js");
 
 } // namespace
 
@@ -689,14 +620,15 @@ void TestOpcUaServer::encryptedLoginWithTrustedCertificate()
 
 void TestOpcUaServer::nodeOpcUaClientBrowsesReadsAndSubscribes()
 {
-    if (!NodeClient::available())
-        QSKIP("node-opcua is not installed (tools/install-deps.sh installs it into tests/nodeopcua)");
+    if (!NodeScript::available())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it into tests/nodeopcua)");
     OpcUaServer target;
     QVariantMap shared;
     QVERIFY(target.init(config(), shared));
 
-    NodeClient client;
-    client.start({ QStringLiteral("opc.tcp://localhost:%1").arg(m_port), m_dir.path() + QStringLiteral("/node") });
+    NodeScript client;
+    client.start(
+        ClientScript, { QStringLiteral("opc.tcp://localhost:%1").arg(m_port), m_dir.path() + QStringLiteral("/node") });
     const QJsonObject machines = client.next(QStringLiteral("machines"));
     QCOMPARE(machines.value("machines").toVariant().toStringList(), QStringList { "m1" });
     QCOMPARE(
@@ -740,8 +672,8 @@ void TestOpcUaServer::nodeOpcUaClientBrowsesReadsAndSubscribes()
 
 void TestOpcUaServer::nodeOpcUaClientLogsInEncrypted()
 {
-    if (!NodeClient::available())
-        QSKIP("node-opcua is not installed (tools/install-deps.sh installs it into tests/nodeopcua)");
+    if (!NodeScript::available())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it into tests/nodeopcua)");
     const QString pki = m_dir.path() + QStringLiteral("/nodesecure");
     const QVariantMap secure { { "securityPolicies", "Basic256Sha256" }, { "securityModes", "SignAndEncrypt" },
         { "users", "anna:secret" }, { "pki", pki } };
@@ -751,8 +683,8 @@ void TestOpcUaServer::nodeOpcUaClientLogsInEncrypted()
         OpcUaServer target;
         QVariantMap shared;
         QVERIFY(target.init(config(secure), shared));
-        NodeClient untrusted;
-        untrusted.start({ url, clientPki, "anna", "secret" });
+        NodeScript untrusted;
+        untrusted.start(ClientScript, { url, clientPki, "anna", "secret" });
         QVERIFY(!untrusted.next(QStringLiteral("refused")).isEmpty());
         QCOMPARE(untrusted.exitCode(), 2);
         const QStringList rejected = QDir(pki + QStringLiteral("/rejected")).entryList(QDir::Files);
@@ -768,14 +700,14 @@ void TestOpcUaServer::nodeOpcUaClientLogsInEncrypted()
     QVERIFY(target.init(config(secure), shared));
     m_log.clear();
     {
-        NodeClient wrong;
-        wrong.start({ url, clientPki, "anna", "wrong" });
+        NodeScript wrong;
+        wrong.start(ClientScript, { url, clientPki, "anna", "wrong" });
         QVERIFY(!wrong.next(QStringLiteral("refused")).isEmpty());
         QCOMPARE(m_log.ofComponent("INFO"),
             QStringList { m_log.info(QStringLiteral("Refused the login of user anna (BadUserAccessDenied)")) });
     }
-    NodeClient client;
-    client.start({ url, clientPki, "anna", "secret" });
+    NodeScript client;
+    client.start(ClientScript, { url, clientPki, "anna", "secret" });
     QCOMPARE(
         client.next(QStringLiteral("machines")).value("machines").toVariant().toStringList(), QStringList { "m1" });
     QCOMPARE(client.next(QStringLiteral("read")).value("read").toObject().value("Identification/SerialNumber"),

@@ -1,0 +1,108 @@
+#ifndef ORVIX_OPCUACONNECTION_H
+#define ORVIX_OPCUACONNECTION_H
+
+#include "opcuaclient.h"
+#include "wwmachine.h"
+
+#include <QDateTime>
+#include <QHash>
+#include <QLoggingCategory>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+/**
+ * One OPC UA server of the opcua datasource: it finds the woodworking machines under the server's Machines folder by
+ * browsing, subscribes to their state, nameplate, last program and events, and turns what arrives into the
+ * datasets of the woodworking model. Browsing and subscribing start again after every reconnect.
+ */
+class OpcUaConnection : public QObject
+{
+    Q_OBJECT
+public:
+    struct Options
+    {
+        OpcUaClient::Options client;
+        /** The datasets' source. */
+        QString source;
+        /** Browse names of the machines to read; empty reads every machine. */
+        QStringList machines;
+        /** Browse name to the name the datasets carry. */
+        QHash<QString, QString> renames;
+        int publishingInterval = 1000;
+    };
+
+    /** A browsed reference: the target node with its browse name, node class and type definition. */
+    struct Reference
+    {
+        OpcUa::NodeId node;
+        QString name;
+        UA_UInt16 namespaceIndex = 0;
+        UA_NodeClass nodeClass = UA_NODECLASS_UNSPECIFIED;
+        OpcUa::NodeId typeDefinition;
+    };
+    using References = QVector<Reference>;
+
+    OpcUaConnection(const Options &options, const QLoggingCategory &category, QObject *parent = nullptr);
+    ~OpcUaConnection() override;
+
+    void open();
+    OpcUaClient &client() { return m_client; }
+
+signals:
+    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+
+private:
+    struct Item;
+
+    void connected();
+    void disconnected();
+    void flush();
+
+    void createSubscription();
+    void readNamespaces();
+    void findMachinesFolder();
+    void findMachines(const OpcUa::NodeId &folder);
+    void checkType(const OpcUa::NodeId &type, int depth, std::function<void(bool)> done);
+    void addMachine(const Reference &reference);
+    void walkMachine(WwMachine *machine);
+    void walkState(WwMachine *machine, const OpcUa::NodeId &unit, std::function<void()> done);
+    void subscribe(WwMachine *machine);
+    void subscribeEvents(WwMachine *machine);
+
+    void browse(const UA_NodeId &node, std::function<void(const References &)> done);
+    void browse(const UA_NodeId &node, std::function<void(const References &)> done, UA_UInt32 referenceType,
+        UA_BrowseDirection direction);
+    void collect(const UA_BrowseResult *result, References found, std::function<void(const References &)> done);
+
+    void valueChanged(Item *item, const UA_DataValue &value);
+    void eventArrived(WwMachine *machine, size_t count, const UA_Variant *fields);
+
+    static void dataChangeCallback(UA_Client *, UA_UInt32, void *, UA_UInt32, void *itemContext, UA_DataValue *value);
+    static void eventCallback(
+        UA_Client *, UA_UInt32, void *, UA_UInt32, void *machineContext, size_t count, UA_Variant *fields);
+
+    const QLoggingCategory &lc() const { return m_category; }
+
+    Options m_options;
+    const QLoggingCategory &m_category;
+    OpcUaClient m_client;
+    UA_UInt32 m_subscription = 0;
+    UA_UInt16 m_woodworking = 0;
+    UA_UInt16 m_machinery = 0;
+    QHash<QString, bool> m_machineTypes;
+    std::vector<std::unique_ptr<WwMachine>> m_machines;
+    std::vector<std::unique_ptr<Item>> m_items;
+    /** Events in the order they arrived, sent after the state changes of the same iteration. */
+    QVector<QPair<WwMachine *, QPair<QDateTime, WwBaseEventType>>> m_events;
+    bool m_namespaceWarned = false;
+};
+
+#endif

@@ -1,0 +1,229 @@
+#include "wwmachine.h"
+
+#include <limits>
+
+namespace {
+
+template <typename Record> QStringList fieldNames()
+{
+    QStringList names;
+    Record::visitFields([&](const char *name, auto) { names << QString::fromLatin1(name); });
+    return names;
+}
+
+bool isScalarOf(const UA_Variant &value, int typeIndex)
+{
+    return UA_Variant_hasScalarType(&value, &UA_TYPES[typeIndex]);
+}
+
+/** Any integer type of the library, as long as it is not negative and not above maximum. */
+bool toUnsigned(const UA_Variant &value, quint64 maximum, quint64 *result)
+{
+    if (!UA_Variant_isScalar(&value))
+        return false;
+    const void *data = value.data;
+    qint64 signedValue = 0;
+    quint64 unsignedValue = 0;
+    bool isSigned = true;
+    switch (value.type->typeKind) {
+    case UA_DATATYPEKIND_SBYTE:
+        signedValue = *static_cast<const UA_SByte *>(data);
+        break;
+    case UA_DATATYPEKIND_INT16:
+        signedValue = *static_cast<const UA_Int16 *>(data);
+        break;
+    case UA_DATATYPEKIND_INT32:
+    case UA_DATATYPEKIND_ENUM:
+        signedValue = *static_cast<const UA_Int32 *>(data);
+        break;
+    case UA_DATATYPEKIND_INT64:
+        signedValue = *static_cast<const UA_Int64 *>(data);
+        break;
+    case UA_DATATYPEKIND_BYTE:
+        isSigned = false;
+        unsignedValue = *static_cast<const UA_Byte *>(data);
+        break;
+    case UA_DATATYPEKIND_UINT16:
+        isSigned = false;
+        unsignedValue = *static_cast<const UA_UInt16 *>(data);
+        break;
+    case UA_DATATYPEKIND_UINT32:
+        isSigned = false;
+        unsignedValue = *static_cast<const UA_UInt32 *>(data);
+        break;
+    case UA_DATATYPEKIND_UINT64:
+        isSigned = false;
+        unsignedValue = *static_cast<const UA_UInt64 *>(data);
+        break;
+    default:
+        return false;
+    }
+    if (isSigned) {
+        if (signedValue < 0)
+            return false;
+        unsignedValue = quint64(signedValue);
+    }
+    if (unsignedValue > maximum)
+        return false;
+    *result = unsignedValue;
+    return true;
+}
+
+bool convert(const UA_Variant &value, bool *result)
+{
+    if (!isScalarOf(value, UA_TYPES_BOOLEAN))
+        return false;
+    *result = *static_cast<const UA_Boolean *>(value.data);
+    return true;
+}
+
+template <typename Integer> bool convertInteger(const UA_Variant &value, Integer *result)
+{
+    quint64 number = 0;
+    if (!toUnsigned(value, std::numeric_limits<Integer>::max(), &number))
+        return false;
+    *result = Integer(number);
+    return true;
+}
+
+bool convert(const UA_Variant &value, quint8 *result)
+{
+    return convertInteger(value, result);
+}
+
+bool convert(const UA_Variant &value, quint16 *result)
+{
+    return convertInteger(value, result);
+}
+
+bool convert(const UA_Variant &value, quint32 *result)
+{
+    return convertInteger(value, result);
+}
+
+bool convert(const UA_Variant &value, quint64 *result)
+{
+    return convertInteger(value, result);
+}
+
+bool convert(const UA_Variant &value, double *result)
+{
+    if (isScalarOf(value, UA_TYPES_DOUBLE)) {
+        *result = *static_cast<const UA_Double *>(value.data);
+        return true;
+    }
+    if (isScalarOf(value, UA_TYPES_FLOAT)) {
+        *result = double(*static_cast<const UA_Float *>(value.data));
+        return true;
+    }
+    quint64 number = 0;
+    if (!toUnsigned(value, std::numeric_limits<quint64>::max(), &number))
+        return false;
+    *result = double(number);
+    return true;
+}
+
+/** Texts come as String or, for the names a person reads, as LocalizedText; the text counts, not its locale. */
+bool convert(const UA_Variant &value, QString *result)
+{
+    if (isScalarOf(value, UA_TYPES_STRING)) {
+        *result = OpcUa::text(*static_cast<const UA_String *>(value.data));
+        return true;
+    }
+    if (isScalarOf(value, UA_TYPES_LOCALIZEDTEXT)) {
+        *result = OpcUa::text(static_cast<const UA_LocalizedText *>(value.data)->text);
+        return true;
+    }
+    return false;
+}
+
+bool convert(const UA_Variant &value, QDateTime *result)
+{
+    if (!isScalarOf(value, UA_TYPES_DATETIME))
+        return false;
+    const UA_DateTime time = *static_cast<const UA_DateTime *>(value.data);
+    *result = QDateTime::fromMSecsSinceEpoch((time - UA_DATETIME_UNIX_EPOCH) / UA_DATETIME_MSEC, Qt::UTC);
+    return true;
+}
+
+/** A field that is always there keeps its value while the server has none. */
+template <typename T> bool assign(T &field, const UA_Variant &value)
+{
+    if (UA_Variant_isEmpty(&value))
+        return true;
+    return convert(value, &field);
+}
+
+template <typename T> bool assign(std::optional<T> &field, const UA_Variant &value)
+{
+    if (UA_Variant_isEmpty(&value)) {
+        field.reset();
+        return true;
+    }
+    T converted {};
+    if (!convert(value, &converted))
+        return false;
+    field = converted;
+    return true;
+}
+
+/** Sets the field at index of record's field list, skipping the fields that skip names. */
+template <typename Record> bool assignAt(Record &record, int index, const UA_Variant &value, const char *skip = nullptr)
+{
+    bool fits = true;
+    int position = 0;
+    Record::visitFields([&](const char *name, auto member) {
+        if (skip && qstrcmp(name, skip) == 0)
+            return;
+        if (position++ == index)
+            fits = assign(record.*member, value);
+    });
+    return fits;
+}
+
+} // namespace
+
+const QStringList &WwMachine::flagNames()
+{
+    static const QStringList names = fieldNames<WwStateFlags>();
+    return names;
+}
+
+const QStringList &WwMachine::valueNames()
+{
+    static const QStringList names = fieldNames<WwStateValues>();
+    return names;
+}
+
+const QStringList &WwMachine::identificationNames()
+{
+    static const QStringList names = [] {
+        QStringList fields = fieldNames<WwIdentification>();
+        fields.removeAll(QStringLiteral("Name"));
+        return fields;
+    }();
+    return names;
+}
+
+bool WwMachine::set(Field field, int index, const UA_Variant &value)
+{
+    switch (field) {
+    case Field::CurrentState:
+        return assign(state.MachineState, value);
+    case Field::CurrentMode:
+        return assign(state.OperationMode, value);
+    case Field::Flag:
+        if (!state.Flags)
+            state.Flags.emplace();
+        return assignAt(*state.Flags, index, value);
+    case Field::Value:
+        if (!state.Values)
+            state.Values.emplace();
+        return assignAt(*state.Values, index, value);
+    case Field::Identification:
+        return assignAt(identification, index, value, "Name");
+    case Field::LastProgramName:
+        return assign(manufacturerSpecific.LastProgramName, value);
+    }
+    return false;
+}

@@ -1,0 +1,72 @@
+#ifndef ORVIX_WWMACHINE_H
+#define ORVIX_WWMACHINE_H
+
+#include "opcuasupport.h"
+#include "wwtypes.h"
+
+#include <QDateTime>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <open62541/types.h>
+
+#include <optional>
+
+/**
+ * What the opcua datasource knows of one woodworking machine of a server: the nodes it found by browsing, and the
+ * records that the values of those nodes make up. The variables are addressed by their place in the records'
+ * field lists, so an update is an index, not a name.
+ */
+struct WwMachine
+{
+    /** Where a monitored variable's value goes. */
+    enum class Field { CurrentState, CurrentMode, Flag, Value, Identification, LastProgramName };
+
+    /** The names of the flags, the values and the identification fields, in the order of their records. */
+    static const QStringList &flagNames();
+    static const QStringList &valueNames();
+    static const QStringList &identificationNames();
+
+    /**
+     * Sets a field from a variable's value; an empty variant (a bad status) makes an optional field absent. False
+     * when the value's type does not fit the field, which then stays as it was.
+     */
+    bool set(Field field, int index, const UA_Variant &value);
+
+    /** The browse name on the server, and the name the datasets carry. */
+    QString browseName;
+    QString name;
+    OpcUa::NodeId object;
+    OpcUa::NodeId events;
+    OpcUa::NodeId currentState;
+    OpcUa::NodeId currentMode;
+    OpcUa::NodeId lastProgramName;
+    bool hasFlags = false;
+    bool hasValues = false;
+    QVector<OpcUa::NodeId> flags = QVector<OpcUa::NodeId>(flagNames().size());
+    QVector<OpcUa::NodeId> values = QVector<OpcUa::NodeId>(valueNames().size());
+    QVector<OpcUa::NodeId> identificationNodes = QVector<OpcUa::NodeId>(identificationNames().size());
+
+    WwState state;
+    WwIdentification identification;
+    WwManufacturerSpecific manufacturerSpecific;
+
+    /** Monitored items of each record whose first value is still to come; a record goes out only when it is 0. */
+    int awaitingState = 0;
+    int awaitingIdentification = 0;
+    bool stateChanged = false;
+    bool identificationChanged = false;
+    bool programChanged = false;
+    /** The newest source time stamp among the changes not sent yet. */
+    QDateTime stateTime;
+    QDateTime identificationTime;
+    QDateTime programTime;
+    /** Whether the chain has a state of this machine, so that losing it is reported once. */
+    bool online = false;
+    /** Variables whose value had a type that does not fit, warned about once each. */
+    QSet<QString> mistyped;
+};
+
+#endif

@@ -1,0 +1,507 @@
+#include "opcua.h"
+
+#include "logcapture.h"
+#include "nodescript.h"
+#include "opcuaconnection.h"
+#include "pluginchecks.h"
+#include "wwtypes.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace {
+
+const QString ServerScript = QStringLiteral("tests/plugins/datasources/opcua/wwtestserver.js");
+
+quint16 freePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+/** The datasets of one type that a spy caught, with their machine and time stamp. */
+template <typename T> struct Caught
+{
+    QDateTime timestamp;
+    QString machine;
+    QString source;
+    T record;
+};
+
+template <typename T> QList<Caught<T>> caught(const QSignalSpy &spy, const QString &machine = QString())
+{
+    QList<Caught<T>> result;
+    for (const QList<QVariant> &arguments : spy) {
+        const QVariant data = arguments.at(3);
+        if (data.userType() != qMetaTypeId<T>())
+            continue;
+        if (!machine.isEmpty() && arguments.at(1).toString() != machine)
+            continue;
+        result.append(Caught<T> {
+            arguments.at(0).toDateTime(), arguments.at(1).toString(), arguments.at(2).toString(), data.value<T>() });
+    }
+    return result;
+}
+
+QJsonObject set(const QString &machine, const QString &path, const QJsonValue &value)
+{
+    return QJsonObject { { QStringLiteral("set"),
+        QJsonObject { { QStringLiteral("machine"), machine }, { QStringLiteral("path"), path },
+            { QStringLiteral("value"), value } } } };
+}
+
+} // namespace
+
+class tst_OpcUa : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void pluginLibrary();
+    void sampleIniHoldsEveryKey();
+    void readmeDocumentsEveryKey();
+    void readmeQuotesSampleIni();
+
+    void noConnectionFailsInit();
+    void connectionWithoutUrlIsSkipped();
+    void unusableSettingsSkipTheConnection_data();
+    void unusableSettingsSkipTheConnection();
+    void unreachableServerIsWarnedAboutOnce();
+
+    void machinesAreFoundAndRead();
+    void changesYieldOneCompleteState();
+    void identificationAndProgramChanges();
+    void eventsBecomeWwBaseEvents();
+    void machinesAndRenames();
+    void unknownMachineIsWarnedAbout();
+    void machineWithoutFlagsAndValues();
+    void serverWithoutWoodworking();
+    void mistypedValueIsSkippedOnce();
+    void restartedServerIsReadAgain();
+    void untrustedServerThenTrusted();
+
+private:
+    bool startServer(const QStringList &arguments = QStringList());
+    std::unique_ptr<OpcUaDatasource> open(QVariantMap connection);
+
+    LogCapture m_log { QStringLiteral("opcua") };
+    NodeScript m_server;
+    quint16 m_port = 0;
+    QTemporaryDir m_pki;
+};
+
+void tst_OpcUa::init()
+{
+    m_log.start();
+}
+
+void tst_OpcUa::cleanup()
+{
+    m_server.stop();
+    m_log.stop();
+}
+
+bool tst_OpcUa::startServer(const QStringList &arguments)
+{
+    if (!NodeScript::available())
+        return false;
+    m_port = freePort();
+    m_server.start(ServerScript, QStringList { QStringLiteral("--port"), QString::number(m_port) } + arguments);
+    return !m_server.next(QStringLiteral("ready"), 60000).isEmpty();
+}
+
+std::unique_ptr<OpcUaDatasource> tst_OpcUa::open(QVariantMap connection)
+{
+    if (!connection.contains(QStringLiteral("url")))
+        connection.insert(QStringLiteral("url"), QStringLiteral("opc.tcp://127.0.0.1:%1").arg(m_port));
+    if (!connection.contains(QStringLiteral("publishingInterval")))
+        connection.insert(QStringLiteral("publishingInterval"), QStringLiteral("50"));
+    connection.insert(QStringLiteral("pki"), m_pki.path());
+    auto source = std::make_unique<OpcUaDatasource>();
+    source->setBackoff(100, 400);
+    QVariantMap shared;
+    const QVariantMap config { { QStringLiteral("opcua"), QVariantMap { { QStringLiteral("line1"), connection } } } };
+    if (!source->init(config, shared))
+        return nullptr;
+    return source;
+}
+
+void tst_OpcUa::pluginLibrary()
+{
+    PluginChecks::checkDatasourceLibrary("opcua", "opcua");
+}
+
+void tst_OpcUa::sampleIniHoldsEveryKey()
+{
+    PluginChecks::checkSampleIni(
+        QStringLiteral("datasources/opcua"), QStringLiteral("opcua/line1"), OpcUaDatasource::settings());
+}
+
+void tst_OpcUa::readmeDocumentsEveryKey()
+{
+    PluginChecks::checkReadmeKeyTable(QStringLiteral("datasources/opcua"), OpcUaDatasource::settings());
+}
+
+void tst_OpcUa::readmeQuotesSampleIni()
+{
+    PluginChecks::checkReadmeQuotesSampleIni(QStringLiteral("datasources/opcua"));
+}
+
+void tst_OpcUa::noConnectionFailsInit()
+{
+    OpcUaDatasource source;
+    QVariantMap shared;
+    QVERIFY(!source.init(QVariantMap(), shared));
+    QCOMPARE(m_log.warnings(),
+        QStringList { m_log.warning(
+            QStringLiteral("No usable connection in the group opcua: write at least opcua/<connection>/url")) });
+}
+
+void tst_OpcUa::connectionWithoutUrlIsSkipped()
+{
+    OpcUaDatasource source;
+    source.setBackoff(100, 400);
+    QVariantMap shared;
+    const QVariantMap group { { QStringLiteral("empty"), QVariantMap { { QStringLiteral("securityMode"), "None" } } },
+        { QStringLiteral("good"), QVariantMap { { QStringLiteral("url"), QStringLiteral("opc.tcp://127.0.0.1:9") } } },
+        { QStringLiteral("stray"), QStringLiteral("x") } };
+    QVERIFY(source.init(QVariantMap { { QStringLiteral("opcua"), group } }, shared));
+    QCOMPARE(source.connections().size(), 1);
+    QVERIFY(m_log.lines().contains(m_log.warning(QStringLiteral("Skipped the connection empty: it has no url"))));
+    QVERIFY(m_log.lines().contains(
+        m_log.warning(QStringLiteral("Ignored the key stray of the group opcua: a connection's keys are written as "
+                                     "opcua/<connection>/url and so on"))));
+}
+
+void tst_OpcUa::unusableSettingsSkipTheConnection_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("url") << "url"
+                         << "http://10.0.0.5"
+                         << "url must begin with opc.tcp://, not \"http://10.0.0.5\"";
+    QTest::newRow("mode") << "securityMode"
+                          << "Encrypt"
+                          << "securityMode must be one of None, Sign, SignAndEncrypt, not \"Encrypt\"";
+    QTest::newRow("policy") << "securityPolicy"
+                            << "Basic128"
+                            << "securityPolicy must be one of None, Basic256Sha256, Aes128_Sha256_RsaOaep, "
+                               "Aes256_Sha256_RsaPss, not \"Basic128\"";
+    QTest::newRow("pairing") << "securityMode"
+                             << "Sign"
+                             << "securityMode Sign does not go with securityPolicy None";
+    QTest::newRow("rename") << "rename"
+                            << "Saw1"
+                            << "rename must be browseName=name pairs, not \"Saw1\"";
+}
+
+void tst_OpcUa::unusableSettingsSkipTheConnection()
+{
+    QFETCH(QString, key);
+    QFETCH(QString, value);
+    QFETCH(QString, reason);
+    QVariantMap connection { { QStringLiteral("url"), QStringLiteral("opc.tcp://127.0.0.1:9") } };
+    connection.insert(key, value);
+    OpcUaDatasource source;
+    QVariantMap shared;
+    QVERIFY(!source.init(QVariantMap { { QStringLiteral("opcua"), QVariantMap { { "line1", connection } } } }, shared));
+    QCOMPARE(m_log.warnings().value(0), m_log.warning(QStringLiteral("Skipped the connection line1: ") + reason));
+}
+
+void tst_OpcUa::unreachableServerIsWarnedAboutOnce()
+{
+    m_port = freePort();
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_log.warnings().isEmpty(), 5000);
+    QTest::qWait(1000);
+    // Several attempts, one warning: the same failure again is only a debug line.
+    QCOMPARE(m_log.warnings().size(), 1);
+    QVERIFY2(
+        m_log.warnings().first().startsWith(
+            m_log.warning(QStringLiteral("Can't connect to line1 at opc.tcp://127.0.0.1:%1 (").arg(m_port)).chopped(1)),
+        qPrintable(m_log.warnings().first()));
+}
+
+void tst_OpcUa::machinesAreFoundAndRead()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() >= 1 && caught<WwState>(spy, "Edge2").size() >= 1
+            && caught<WwIdentification>(spy, "Saw1").size() >= 1 && caught<WwIdentification>(spy, "Edge2").size() >= 1,
+        20000);
+    QVERIFY(
+        m_log.lines().contains(m_log.info(QStringLiteral("Connected to line1 at opc.tcp://127.0.0.1:%1").arg(m_port))));
+    QCOMPARE(m_log.warnings(), QStringList());
+
+    // The first state of a machine is complete: sent once, after every initial value arrived.
+    QCOMPARE(caught<WwState>(spy, "Saw1").size(), 1);
+    const auto saw = caught<WwState>(spy, "Saw1").first();
+    QCOMPARE(saw.source, QStringLiteral("opcua/line1"));
+    QCOMPARE(saw.record.MachineState, quint32(WwState::Working));
+    QCOMPARE(saw.record.OperationMode, quint32(WwState::Automatic));
+    QVERIFY(saw.record.Flags && saw.record.Values);
+    QVERIFY(saw.record.Flags->MachineOn);
+    bool everyOptionalThere = true;
+    WwStateFlags::visitFields([&](const char *, auto member) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(WwStateFlags().*member)>, std::optional<bool>>)
+            everyOptionalThere = everyOptionalThere && ((*saw.record.Flags).*member).has_value();
+    });
+    QVERIFY(everyOptionalThere);
+    WwStateValues::visitFields(
+        [&](const char *name, auto member) { QVERIFY2(((*saw.record.Values).*member).has_value(), name); });
+    QVERIFY(saw.timestamp.isValid());
+
+    const auto edge = caught<WwState>(spy, "Edge2").first().record;
+    QCOMPARE(edge.MachineState, quint32(WwState::Ready));
+    QCOMPARE(edge.OperationMode, quint32(WwState::Manual));
+    QVERIFY(edge.Flags && edge.Values);
+    QVERIFY(!edge.Flags->AirPresent && !edge.Flags->Hold);
+    QVERIFY(edge.Values->AbsoluteWorkingTime && !edge.Values->AxisOverride);
+
+    const WwIdentification identification = caught<WwIdentification>(spy, "Saw1").first().record;
+    QCOMPARE(identification.Name, QStringLiteral("Saw1"));
+    QCOMPARE(identification.Manufacturer, QStringLiteral("Brennick Maschinenbau"));
+    QCOMPARE(identification.Model, QStringLiteral("SawLine 3000"));
+    QCOMPARE(identification.SerialNumber, QStringLiteral("SL-0001"));
+    QCOMPARE(identification.YearOfConstruction, quint16(2021));
+    QCOMPARE(identification.MonthOfConstruction, std::optional<quint8>(3));
+}
+
+void tst_OpcUa::changesYieldOneCompleteState()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1, 20000);
+    QTest::qWait(300);
+    QCOMPARE(caught<WwState>(spy, "Saw1").size(), 1);
+
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Flags/Alarm", true)));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 2, 5000);
+    WwState expected = caught<WwState>(spy, "Saw1").first().record;
+    expected.Flags->Alarm = true;
+    QCOMPARE(caught<WwState>(spy, "Saw1").last().record, expected);
+
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Overview/CurrentState", 4)));
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Values/AbsoluteRunsGood", 4711)));
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Values/FeedSpeed", 12.5)));
+    expected.MachineState = WwState::Error;
+    expected.Values->AbsoluteRunsGood = 4711;
+    expected.Values->FeedSpeed = 12.5;
+    QTRY_COMPARE_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").last().record, expected, 5000);
+    // Each dataset holds the whole record and only changes make one.
+    const auto states = caught<WwState>(spy, "Saw1");
+    for (int i = 1; i < states.size(); ++i)
+        QVERIFY(states.at(i).record != states.at(i - 1).record);
+    QVERIFY(states.size() <= 5);
+}
+
+void tst_OpcUa::identificationAndProgramChanges()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwIdentification>(spy, "Saw1").size() == 1, 20000);
+    QVERIFY(m_server.command(set("Saw1", "Identification/SerialNumber", "SL-0002")));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwIdentification>(spy, "Saw1").size() == 2, 5000);
+    QCOMPARE(caught<WwIdentification>(spy, "Saw1").last().record.SerialNumber, QStringLiteral("SL-0002"));
+
+    QVERIFY(m_server.command(set("Saw1", "ManufacturerSpecific/LastProgramName", "Door 4711")));
+    QTRY_VERIFY_WITH_TIMEOUT(!caught<WwManufacturerSpecific>(spy, "Saw1").isEmpty()
+            && caught<WwManufacturerSpecific>(spy, "Saw1").last().record.LastProgramName == QLatin1String("Door 4711"),
+        5000);
+}
+
+void tst_OpcUa::eventsBecomeWwBaseEvents()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1, 20000);
+    QTest::qWait(200);
+    const QJsonObject raise { { QStringLiteral("event"),
+        QJsonObject { { "machine", "Saw1" }, { "messageId", "4711" }, { "message", "Spindle hot" }, { "category", 3 },
+            { "pathParts", QJsonArray { "Unit1", "Spindle" } },
+            { "texts", QJsonObject { { "en", "Spindle hot" }, { "de", "Spindel heiss" } } }, { "group", "G1" },
+            { "messageName", "SpindleHot" }, { "severity", 500 } } } };
+    QVERIFY(m_server.command(raise));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwBaseEventType>(spy, "Saw1").size() == 1, 5000);
+    const WwBaseEventType event = caught<WwBaseEventType>(spy, "Saw1").first().record;
+    QCOMPARE(event.Id, QStringLiteral("4711"));
+    QCOMPARE(event.Message, QStringLiteral("Spindle hot"));
+    QCOMPARE(event.Category, qint32(WwBaseEventType::Warning));
+    QCOMPARE(event.Path, (QStringList { "Unit1", "Spindle" }));
+    QCOMPARE(event.Texts.value("en"), QStringLiteral("Spindle hot"));
+    QCOMPARE(event.Texts.value("de"), QStringLiteral("Spindel heiss"));
+    QCOMPARE(event.Text5, QStringLiteral("G1"));
+    QCOMPARE(event.Text6, QStringLiteral("SpindleHot"));
+
+    QJsonObject withdraw = raise.value("event").toObject();
+    withdraw.insert("message", "{OFF}");
+    QVERIFY(m_server.command(QJsonObject { { "event", withdraw } }));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwBaseEventType>(spy, "Saw1").size() == 2, 5000);
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").last().record.Message, QStringLiteral("{OFF}"));
+    QVERIFY(caught<WwBaseEventType>(spy, "Edge2").isEmpty());
+}
+
+void tst_OpcUa::machinesAndRenames()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "machines", QStringList { "Saw1" } }, { "rename", "Saw1=Hall1" } });
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Hall1").size() == 1, 20000);
+    QTest::qWait(300);
+    for (const QList<QVariant> &arguments : spy)
+        QCOMPARE(arguments.at(1).toString(), QStringLiteral("Hall1"));
+    QCOMPARE(caught<WwIdentification>(spy, "Hall1").value(0).record.Name, QStringLiteral("Hall1"));
+}
+
+void tst_OpcUa::unknownMachineIsWarnedAbout()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "machines", QStringList { "Saw1", "Nope" } } });
+    QVERIFY(source);
+    QVERIFY(m_log.waitFor(m_log.warning(QStringLiteral("Machine Nope is not among the machines of line1")), 20000));
+}
+
+void tst_OpcUa::machineWithoutFlagsAndValues()
+{
+    if (!startServer({ QStringLiteral("--bare") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1, 20000);
+    const WwState state = caught<WwState>(spy, "Saw1").first().record;
+    QCOMPARE(state.MachineState, quint32(WwState::Working));
+    QVERIFY(!state.Flags && !state.Values);
+    QVERIFY(m_log.lines().contains(m_log.info(QStringLiteral("Machine Saw1 of line1 has no Flags"))));
+    QVERIFY(m_log.lines().contains(m_log.info(QStringLiteral("Machine Saw1 of line1 has no Values"))));
+}
+
+void tst_OpcUa::serverWithoutWoodworking()
+{
+    if (!startServer({ QStringLiteral("--no-woodworking") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QVERIFY(m_log.waitFor(m_log.warning(QStringLiteral("line1 lacks the namespace "
+                                                       "http://opcfoundation.org/UA/Woodworking/: it serves no "
+                                                       "woodworking machines")),
+        20000));
+}
+
+void tst_OpcUa::mistypedValueIsSkippedOnce()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1, 20000);
+    const WwState before = caught<WwState>(spy, "Saw1").last().record;
+    QVERIFY(m_server.command(QJsonObject { { "setVariant",
+        QJsonObject { { "machine", "Saw1" }, { "path", "State/Machine/Values/FeedSpeed" }, { "dataType", "String" },
+            { "value", "fast" } } } }));
+    const QString warning = m_log.warning(
+        QStringLiteral("Skipped State/Machine/Values/FeedSpeed of machine Saw1: a value of type String does not fit"));
+    QVERIFY(m_log.waitFor(warning, 5000));
+    QVERIFY(m_server.command(QJsonObject { { "setVariant",
+        QJsonObject { { "machine", "Saw1" }, { "path", "State/Machine/Values/FeedSpeed" }, { "dataType", "String" },
+            { "value", "faster" } } } }));
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Flags/Alarm", true)));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").last().record.Flags->Alarm, 5000);
+    QCOMPARE(m_log.lines().count(warning), 1);
+    // The value keeps what it had.
+    QCOMPARE(caught<WwState>(spy, "Saw1").last().record.Values->FeedSpeed, before.Values->FeedSpeed);
+}
+
+void tst_OpcUa::restartedServerIsReadAgain()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1, 20000);
+    m_server.kill();
+    // Each machine is reported offline once.
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 2 && caught<WwState>(spy, "Edge2").size() == 2, 10000);
+    QCOMPARE(caught<WwState>(spy, "Saw1").last().record, WwState());
+    QCOMPARE(caught<WwState>(spy, "Edge2").last().record, WwState());
+    QVERIFY(m_log.warnings().value(0).startsWith(
+        m_log.warning(QStringLiteral("Lost the connection to line1 (")).chopped(1)));
+
+    m_server.start(ServerScript, { QStringLiteral("--port"), QString::number(m_port) });
+    QVERIFY(!m_server.next(QStringLiteral("ready"), 60000).isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 3 && caught<WwState>(spy, "Edge2").size() == 3, 20000);
+    QCOMPARE(caught<WwState>(spy, "Saw1").last().record, caught<WwState>(spy, "Saw1").first().record);
+    QCOMPARE(
+        m_log.lines().count(m_log.info(QStringLiteral("Connected to line1 at opc.tcp://127.0.0.1:%1").arg(m_port))), 2);
+}
+
+void tst_OpcUa::untrustedServerThenTrusted()
+{
+    QTemporaryDir serverPki;
+    if (!startServer({ QStringLiteral("--secure"), QStringLiteral("--pki"), serverPki.path() }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "securityMode", "SignAndEncrypt" }, { "securityPolicy", "Basic256Sha256" },
+        { "username", "operator" }, { "password", "secret" } });
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    const QString rejected = m_pki.path() + QStringLiteral("/rejected");
+    QTRY_VERIFY2_WITH_TIMEOUT(
+        QDir(rejected).entryList(QDir::Files).size() == 1, qPrintable(m_log.lines().join(QLatin1Char('\n'))), 20000);
+    const QString file = QDir(rejected).entryList(QDir::Files).first();
+    QVERIFY(m_log.lines().contains(m_log.warning(
+        QStringLiteral("Refused the certificate of line1, not trusted; saved as %1, move it to %2 to trust it")
+            .arg(rejected + QLatin1Char('/') + file, m_pki.path() + QStringLiteral("/trusted/")))));
+    QCOMPARE(m_log.lines().count(m_log.lines().filter(QStringLiteral("Refused the certificate")).value(0)), 1);
+    QVERIFY(QFile::exists(m_pki.path() + QStringLiteral("/own/certs/cert.der")));
+
+    // The administrator trusts the server here, and the server's administrator trusts orvix there.
+    QVERIFY(QFile::rename(rejected + QLatin1Char('/') + file, m_pki.path() + QStringLiteral("/trusted/") + file));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_server.command(QJsonObject { { "trustRejected", true } }) && !caught<WwState>(spy, "Saw1").isEmpty(), 30000);
+}
+
+QTEST_GUILESS_MAIN(tst_OpcUa)
+#include "tst_opcua.moc"

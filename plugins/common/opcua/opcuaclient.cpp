@@ -17,7 +17,6 @@ const char OpcUaClient::ApplicationUri[] = "urn:orvix:opcua";
 namespace {
 
 constexpr int DefaultIterateInterval = 10;
-const char PolicyUriPrefix[] = "http://opcfoundation.org/UA/SecurityPolicy#";
 
 /** A service under way: its continuation runs after the library's iteration, on a copy of the response. */
 struct PendingService
@@ -51,33 +50,20 @@ QHash<const OpcUaClient *, QVector<ArrivedResponse>> &arrivedByClient()
 
 } // namespace
 
-const QStringList &OpcUaClient::modeNames()
-{
-    static const QStringList names { QStringLiteral("None"), QStringLiteral("Sign"), QStringLiteral("SignAndEncrypt") };
-    return names;
-}
-
-const QStringList &OpcUaClient::policyNames()
-{
-    static const QStringList names { QStringLiteral("None"), QStringLiteral("Basic256Sha256"),
-        QStringLiteral("Aes128_Sha256_RsaOaep"), QStringLiteral("Aes256_Sha256_RsaPss") };
-    return names;
-}
-
 bool OpcUaClient::check(const Options &options, QString *error)
 {
     if (!options.url.startsWith(QLatin1String("opc.tcp://"))) {
         *error = QStringLiteral("url must begin with opc.tcp://, not \"%1\"").arg(options.url);
         return false;
     }
-    if (!modeNames().contains(options.securityMode)) {
+    if (!OpcUa::modeNames().contains(options.securityMode)) {
         *error = QStringLiteral("securityMode must be one of %1, not \"%2\"")
-                     .arg(modeNames().join(QStringLiteral(", ")), options.securityMode);
+                     .arg(OpcUa::modeNames().join(QStringLiteral(", ")), options.securityMode);
         return false;
     }
-    if (!policyNames().contains(options.securityPolicy)) {
+    if (!OpcUa::policyNames().contains(options.securityPolicy)) {
         *error = QStringLiteral("securityPolicy must be one of %1, not \"%2\"")
-                     .arg(policyNames().join(QStringLiteral(", ")), options.securityPolicy);
+                     .arg(OpcUa::policyNames().join(QStringLiteral(", ")), options.securityPolicy);
         return false;
     }
     const bool secured = options.securityMode != QLatin1String("None");
@@ -201,9 +187,9 @@ bool OpcUaClient::configure(UA_ClientConfig *config, QString *error)
     config->clientDescription.applicationUri = UA_STRING_ALLOC(ApplicationUri);
     UA_LocalizedText_clear(&config->clientDescription.applicationName);
     config->clientDescription.applicationName = UA_LOCALIZEDTEXT_ALLOC("en", "orvix");
-    config->securityMode = UA_MessageSecurityMode(modeNames().indexOf(m_options.securityMode) + 1);
+    config->securityMode = UA_MessageSecurityMode(OpcUa::modeNames().indexOf(m_options.securityMode) + 1);
     UA_String_clear(&config->securityPolicyUri);
-    config->securityPolicyUri = UA_STRING_ALLOC((PolicyUriPrefix + m_options.securityPolicy).toUtf8().constData());
+    config->securityPolicyUri = UA_STRING_ALLOC(OpcUa::policyUri(m_options.securityPolicy).toUtf8().constData());
     if (!m_options.username.isEmpty()) {
         UA_ClientConfig_setAuthenticationUsername(
             config, m_options.username.toUtf8().constData(), m_options.password.toUtf8().constData());

@@ -41,10 +41,6 @@ public:
 
     /** The application URI, also written into the own certificate. */
     static const char ApplicationUri[];
-    /** The security modes by the names the settings use. */
-    static const QStringList &modeNames();
-    /** The security policies by the names the settings use. */
-    static const QStringList &policyNames();
     /** Checks the options without connecting; false with a sentence in *error if they can't work. */
     static bool check(const Options &options, QString *error);
 

@@ -23,6 +23,24 @@ void deleteLogger(UA_Logger *logger)
 
 namespace OpcUa {
 
+const QStringList &policyNames()
+{
+    static const QStringList names { QStringLiteral("None"), QStringLiteral("Basic256Sha256"),
+        QStringLiteral("Aes128_Sha256_RsaOaep"), QStringLiteral("Aes256_Sha256_RsaPss") };
+    return names;
+}
+
+const QStringList &modeNames()
+{
+    static const QStringList names { QStringLiteral("None"), QStringLiteral("Sign"), QStringLiteral("SignAndEncrypt") };
+    return names;
+}
+
+QString policyUri(const QString &policy)
+{
+    return QStringLiteral("http://opcfoundation.org/UA/SecurityPolicy#") + policy;
+}
+
 QString text(const UA_String &text)
 {
     return QString::fromUtf8(reinterpret_cast<const char *>(text.data), int(text.length));

@@ -4,12 +4,20 @@
 #include <QByteArray>
 #include <QLoggingCategory>
 #include <QString>
+#include <QStringList>
 
 #include <open62541/plugin/log.h>
 #include <open62541/types.h>
 
 /** Conversions between open62541's types and Qt's, and the library's log output in a plugin's category. */
 namespace OpcUa {
+
+/** The security policies by the names the settings use, in the order a server offers them. */
+const QStringList &policyNames();
+/** The message security modes by the names the settings use, in the order of the library's values from 1. */
+const QStringList &modeNames();
+/** The URI of a security policy named as in policyNames(). */
+QString policyUri(const QString &policy);
 
 /** The library's text as a QString (UTF-8). */
 QString text(const UA_String &text);

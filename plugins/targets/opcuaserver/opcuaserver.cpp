@@ -1,6 +1,7 @@
 #include "opcuaserver.h"
 
 #include "opcuaserverhost.h"
+#include "opcuasupport.h"
 #include "settingsgroup.h"
 #include "settingvalue.h"
 #include "wwaddressspace.h"
@@ -84,21 +85,21 @@ bool OpcUaServer::init(const QVariantMap &config, QVariantMap &shared)
         options.endpointPath.prepend(QLatin1Char('/'));
     options.securityPolicies = settings.list("securityPolicies");
     if (options.securityPolicies.isEmpty())
-        options.securityPolicies = OpcUaServerHost::policyNames();
+        options.securityPolicies = OpcUa::policyNames();
     options.securityModes = settings.list("securityModes");
     if (options.securityModes.isEmpty())
-        options.securityModes = OpcUaServerHost::modeNames();
+        options.securityModes = OpcUa::modeNames();
     for (const QString &policy : qAsConst(options.securityPolicies)) {
-        if (usable && !OpcUaServerHost::policyNames().contains(policy)) {
+        if (usable && !OpcUa::policyNames().contains(policy)) {
             error = QStringLiteral("securityPolicies: unknown policy %1; known are %2")
-                        .arg(policy, OpcUaServerHost::policyNames().join(QStringLiteral(", ")));
+                        .arg(policy, OpcUa::policyNames().join(QStringLiteral(", ")));
             usable = false;
         }
     }
     for (const QString &mode : qAsConst(options.securityModes)) {
-        if (usable && !OpcUaServerHost::modeNames().contains(mode)) {
+        if (usable && !OpcUa::modeNames().contains(mode)) {
             error = QStringLiteral("securityModes: unknown mode %1; known are %2")
-                        .arg(mode, OpcUaServerHost::modeNames().join(QStringLiteral(", ")));
+                        .arg(mode, OpcUa::modeNames().join(QStringLiteral(", ")));
             usable = false;
         }
     }

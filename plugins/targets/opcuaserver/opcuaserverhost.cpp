@@ -1,12 +1,11 @@
 #include "opcuaserverhost.h"
 
-#include <QCryptographicHash>
-#include <QDir>
-#include <QFile>
+#include "opcuapki.h"
+#include "opcuasupport.h"
+
 #include <QSysInfo>
 
 #include <open62541/plugin/accesscontrol_default.h>
-#include <open62541/plugin/create_certificate.h>
 #include <open62541/plugin/log.h>
 #include <open62541/server_config_default.h>
 
@@ -15,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 const char OpcUaServerHost::ApplicationUri[] = "urn:orvix:opcuaServer";
@@ -23,7 +21,6 @@ const char OpcUaServerHost::ApplicationUri[] = "urn:orvix:opcuaServer";
 namespace {
 
 constexpr int DefaultIterateInterval = 5;
-const char PolicyUriPrefix[] = "http://opcfoundation.org/UA/SecurityPolicy#";
 
 // The library's callbacks carry the server or the certificate check, not the host; the hosts live on the event-loop
 // thread, so one plain registry each serves.
@@ -49,22 +46,6 @@ QHash<const UA_Server *, decltype(UA_AccessControl::activateSession)> &activatio
 {
     static QHash<const UA_Server *, decltype(UA_AccessControl::activateSession)> activations;
     return activations;
-}
-
-// The library's own messages are its internals: they go to the debug level of the owner's category.
-void logToCategory(void *context, UA_LogLevel, UA_LogCategory, const char *message, va_list args)
-{
-    const QLoggingCategory &category = *static_cast<const QLoggingCategory *>(context);
-    if (!category.isDebugEnabled())
-        return;
-    char text[512];
-    vsnprintf(text, sizeof text, message, args);
-    QMessageLogger(nullptr, 0, nullptr, category.categoryName()).debug() << QString::fromUtf8(text);
-}
-
-void deleteLogger(UA_Logger *logger)
-{
-    delete logger;
 }
 
 UA_StatusCode activateSession(UA_Server *server, UA_AccessControl *ac, const UA_EndpointDescription *endpoint,
@@ -124,60 +105,7 @@ bool portFree(quint16 port, QString *error)
     return result == 0;
 }
 
-QString statusName(UA_StatusCode status)
-{
-    return QString::fromLatin1(UA_StatusCode_name(status));
-}
-
-QString fromUa(const UA_String &text)
-{
-    return QString::fromUtf8(reinterpret_cast<const char *>(text.data), int(text.length));
-}
-
-bool readFile(const QString &path, QByteArray *content, QString *error)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("can't read %1: %2").arg(path, file.errorString());
-        return false;
-    }
-    *content = file.readAll();
-    return true;
-}
-
-bool writeFile(const QString &path, const UA_ByteString &content, QFile::Permissions permissions, QString *error)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || !file.setPermissions(permissions)
-        || file.write(reinterpret_cast<const char *>(content.data), qint64(content.length)) != qint64(content.length)) {
-        *error = QStringLiteral("can't write %1: %2").arg(path, file.errorString());
-        return false;
-    }
-    return true;
-}
-
-UA_ByteString byteString(const QByteArray &bytes)
-{
-    UA_ByteString result;
-    result.length = size_t(bytes.size());
-    result.data = reinterpret_cast<UA_Byte *>(const_cast<char *>(bytes.constData()));
-    return result;
-}
-
 } // namespace
-
-const QStringList &OpcUaServerHost::policyNames()
-{
-    static const QStringList names { QStringLiteral("None"), QStringLiteral("Basic256Sha256"),
-        QStringLiteral("Aes128_Sha256_RsaOaep"), QStringLiteral("Aes256_Sha256_RsaPss") };
-    return names;
-}
-
-const QStringList &OpcUaServerHost::modeNames()
-{
-    static const QStringList names { QStringLiteral("None"), QStringLiteral("Sign"), QStringLiteral("SignAndEncrypt") };
-    return names;
-}
 
 OpcUaServerHost::OpcUaServerHost(const QLoggingCategory &category, QObject *parent)
     : QObject(parent)
@@ -205,8 +133,7 @@ bool OpcUaServerHost::start(const Options &options, QString *error)
     m_pki = options.pki;
     UA_ServerConfig config;
     memset(&config, 0, sizeof config);
-    auto *logger = new UA_Logger { logToCategory, const_cast<QLoggingCategory *>(&m_category), deleteLogger };
-    config.logging = logger;
+    config.logging = OpcUa::newLogger(m_category);
     if (!configure(&config, options, error)) {
         UA_ServerConfig_clean(&config);
         return false;
@@ -228,7 +155,7 @@ bool OpcUaServerHost::start(const Options &options, QString *error)
 
     const UA_StatusCode status = UA_Server_run_startup(m_server);
     if (status != UA_STATUSCODE_GOOD) {
-        *error = QStringLiteral("can't listen on port %1 (%2)").arg(options.port).arg(statusName(status));
+        *error = QStringLiteral("can't listen on port %1 (%2)").arg(options.port).arg(OpcUa::statusName(status));
         stop();
         return false;
     }
@@ -249,26 +176,25 @@ bool OpcUaServerHost::configure(UA_ServerConfig *config, const Options &options,
 
     UA_StatusCode status = UA_STATUSCODE_GOOD;
     if (encrypted) {
-        UA_ByteString certificate = UA_BYTESTRING_NULL;
-        UA_ByteString key = UA_BYTESTRING_NULL;
+        const OpcUaPki pki(m_pki, m_category);
+        QByteArray certificate;
+        QByteArray key;
         QList<QByteArray> trusted;
-        if (!loadOwnCertificate(&certificate, &key, error) || !loadTrustList(&trusted, error)) {
-            UA_ByteString_clear(&certificate);
-            UA_ByteString_clear(&key);
+        if (!pki.ownCertificate(QString::fromLatin1(ApplicationUri), &certificate, &key, error)
+            || !pki.trusted(&trusted, error))
             return false;
-        }
         QVector<UA_ByteString> trustList;
         for (const QByteArray &bytes : trusted)
-            trustList.append(byteString(bytes));
-        status = UA_ServerConfig_setDefaultWithSecurityPolicies(config, options.port, &certificate, &key,
+            trustList.append(OpcUa::view(bytes));
+        const UA_ByteString ownCertificate = OpcUa::view(certificate);
+        const UA_ByteString ownKey = OpcUa::view(key);
+        status = UA_ServerConfig_setDefaultWithSecurityPolicies(config, options.port, &ownCertificate, &ownKey,
             trustList.constData(), size_t(trustList.size()), nullptr, 0, nullptr, 0);
-        UA_ByteString_clear(&certificate);
-        UA_ByteString_clear(&key);
     } else {
         status = UA_ServerConfig_setMinimal(config, options.port, nullptr);
     }
     if (status != UA_STATUSCODE_GOOD) {
-        *error = QStringLiteral("the server could not be set up (%1)").arg(statusName(status));
+        *error = QStringLiteral("the server could not be set up (%1)").arg(OpcUa::statusName(status));
         return false;
     }
 
@@ -297,11 +223,11 @@ bool OpcUaServerHost::configure(UA_ServerConfig *config, const Options &options,
     bool noneOffered = false;
     for (size_t i = 0; i < config->endpointsSize; ++i) {
         UA_EndpointDescription &endpoint = config->endpoints[i];
-        const QString uri = fromUa(endpoint.securityPolicyUri);
+        const QString uri = OpcUa::text(endpoint.securityPolicyUri);
         const QString policy = uri.mid(uri.indexOf(QLatin1Char('#')) + 1);
         const int mode = int(endpoint.securityMode) - 1;
-        const bool offered = options.securityPolicies.contains(policy) && mode >= 0 && mode < modeNames().size()
-            && options.securityModes.contains(modeNames().at(mode));
+        const bool offered = options.securityPolicies.contains(policy) && mode >= 0 && mode < OpcUa::modeNames().size()
+            && options.securityModes.contains(OpcUa::modeNames().at(mode));
         if (!offered) {
             UA_EndpointDescription_clear(&endpoint);
             continue;
@@ -325,84 +251,13 @@ bool OpcUaServerHost::configure(UA_ServerConfig *config, const Options &options,
     QList<QByteArray> texts;
     for (auto user = options.users.constBegin(); user != options.users.constEnd(); ++user) {
         texts << user.key().toUtf8() << user.value().toUtf8();
-        logins.append(UA_UsernamePasswordLogin { byteString(texts.at(texts.size() - 2)), byteString(texts.last()) });
+        logins.append(UA_UsernamePasswordLogin { OpcUa::view(texts.at(texts.size() - 2)), OpcUa::view(texts.last()) });
     }
     status
         = UA_AccessControl_default(config, options.allowAnonymous, nullptr, size_t(logins.size()), logins.constData());
     if (status != UA_STATUSCODE_GOOD) {
-        *error = QStringLiteral("the user logins could not be set up (%1)").arg(statusName(status));
+        *error = QStringLiteral("the user logins could not be set up (%1)").arg(OpcUa::statusName(status));
         return false;
-    }
-    return true;
-}
-
-bool OpcUaServerHost::loadOwnCertificate(UA_ByteString *certificate, UA_ByteString *key, QString *error)
-{
-    const QString certificatePath = m_pki + QStringLiteral("/own/certs/cert.der");
-    const QString keyPath = m_pki + QStringLiteral("/own/private/key.der");
-    if (!QFile::exists(certificatePath) && !QFile::exists(keyPath)) {
-        if (!QDir().mkpath(m_pki + QStringLiteral("/own/certs"))
-            || !QDir().mkpath(m_pki + QStringLiteral("/own/private"))) {
-            *error = QStringLiteral("can't create the PKI folder %1").arg(m_pki);
-            return false;
-        }
-        QFile::setPermissions(
-            m_pki + QStringLiteral("/own/private"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        const QByteArray host = QSysInfo::machineHostName().toUtf8();
-        const QByteArray commonName = "CN=orvix@" + host;
-        const QByteArray dns = "DNS:" + host;
-        const QByteArray uri = QByteArray("URI:") + ApplicationUri;
-        UA_String subject[]
-            = { UA_STRING(const_cast<char *>("O=orvix")), UA_STRING(const_cast<char *>(commonName.constData())) };
-        UA_String alternativeNames[] = { UA_STRING(const_cast<char *>(dns.constData())),
-            UA_STRING(const_cast<char *>("DNS:localhost")), UA_STRING(const_cast<char *>(uri.constData())) };
-        UA_UInt16 keySize = 2048;
-        UA_UInt16 days = 3650;
-        UA_KeyValuePair parameters[2];
-        parameters[0].key = UA_QUALIFIEDNAME(0, const_cast<char *>("key-size-bits"));
-        UA_Variant_setScalar(&parameters[0].value, &keySize, &UA_TYPES[UA_TYPES_UINT16]);
-        parameters[1].key = UA_QUALIFIEDNAME(0, const_cast<char *>("expires-in-days"));
-        UA_Variant_setScalar(&parameters[1].value, &days, &UA_TYPES[UA_TYPES_UINT16]);
-        UA_KeyValueMap map { 2, parameters };
-        UA_Logger logger { logToCategory, const_cast<QLoggingCategory *>(&m_category), nullptr };
-        const UA_StatusCode status = UA_CreateCertificate(
-            &logger, subject, 2, alternativeNames, 3, UA_CERTIFICATEFORMAT_DER, &map, key, certificate);
-        if (status != UA_STATUSCODE_GOOD) {
-            *error = QStringLiteral("can't create the own certificate (%1)").arg(statusName(status));
-            return false;
-        }
-        if (!writeFile(keyPath, *key, QFile::ReadOwner | QFile::WriteOwner, error)
-            || !writeFile(certificatePath, *certificate,
-                QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther, error))
-            return false;
-        qCInfo(lc) << QStringLiteral("Created the own certificate %1").arg(certificatePath);
-    }
-    QByteArray certificateBytes;
-    QByteArray keyBytes;
-    if (!readFile(certificatePath, &certificateBytes, error) || !readFile(keyPath, &keyBytes, error))
-        return false;
-    UA_ByteString_clear(certificate);
-    UA_ByteString_clear(key);
-    UA_ByteString_allocBuffer(certificate, size_t(certificateBytes.size()));
-    memcpy(certificate->data, certificateBytes.constData(), size_t(certificateBytes.size()));
-    UA_ByteString_allocBuffer(key, size_t(keyBytes.size()));
-    memcpy(key->data, keyBytes.constData(), size_t(keyBytes.size()));
-    return true;
-}
-
-bool OpcUaServerHost::loadTrustList(QList<QByteArray> *certificates, QString *error) const
-{
-    const QString folder = m_pki + QStringLiteral("/trusted");
-    if (!QDir().mkpath(folder) || !QDir().mkpath(m_pki + QStringLiteral("/rejected"))) {
-        *error = QStringLiteral("can't create the PKI folder %1").arg(m_pki);
-        return false;
-    }
-    const QStringList files = QDir(folder).entryList(QDir::Files, QDir::Name);
-    for (const QString &name : files) {
-        QByteArray bytes;
-        if (!readFile(folder + QLatin1Char('/') + name, &bytes, error))
-            return false;
-        certificates->append(bytes);
     }
     return true;
 }
@@ -412,31 +267,28 @@ void OpcUaServerHost::refusedLogin(const UA_ExtensionObject *token, UA_StatusCod
     if (token && token->encoding == UA_EXTENSIONOBJECT_DECODED
         && token->content.decoded.type == &UA_TYPES[UA_TYPES_USERNAMEIDENTITYTOKEN]) {
         const auto *user = static_cast<const UA_UserNameIdentityToken *>(token->content.decoded.data);
-        qCInfo(lc)
-            << QStringLiteral("Refused the login of user %1 (%2)").arg(fromUa(user->userName), statusName(status));
+        qCInfo(lc) << QStringLiteral("Refused the login of user %1 (%2)")
+                          .arg(OpcUa::text(user->userName), OpcUa::statusName(status));
         return;
     }
     if (!token || token->encoding == UA_EXTENSIONOBJECT_ENCODED_NOBODY
         || (token->encoding == UA_EXTENSIONOBJECT_DECODED
             && token->content.decoded.type == &UA_TYPES[UA_TYPES_ANONYMOUSIDENTITYTOKEN])) {
-        qCInfo(lc) << QStringLiteral("Refused an anonymous login (%1)").arg(statusName(status));
+        qCInfo(lc) << QStringLiteral("Refused an anonymous login (%1)").arg(OpcUa::statusName(status));
         return;
     }
-    qCInfo(lc) << QStringLiteral("Refused a login (%1)").arg(statusName(status));
+    qCInfo(lc) << QStringLiteral("Refused a login (%1)").arg(OpcUa::statusName(status));
 }
 
 void OpcUaServerHost::refusedCertificate(const UA_ByteString *certificate, UA_StatusCode status) const
 {
     const QByteArray bytes(reinterpret_cast<const char *>(certificate->data), int(certificate->length));
-    const QString path = m_pki + QStringLiteral("/rejected/")
-        + QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex())
-        + QStringLiteral(".der");
-    QFile file(path);
-    const bool saved = file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+    QString error;
+    const QString path = OpcUaPki(m_pki, m_category).reject(bytes, &error);
     qCInfo(lc) << QStringLiteral("Refused a client certificate (%1), %2")
-                      .arg(statusName(status),
-                          saved ? QStringLiteral("saved as %1").arg(path)
-                                : QStringLiteral("not saved: %1").arg(file.errorString()));
+                      .arg(OpcUa::statusName(status),
+                          path.isEmpty() ? QStringLiteral("not saved: %1").arg(error)
+                                         : QStringLiteral("saved as %1").arg(path));
 }
 
 void OpcUaServerHost::stop()

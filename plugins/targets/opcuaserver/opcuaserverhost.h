@@ -33,10 +33,6 @@ public:
 
     /** The application URI, also written into the own certificate. */
     static const char ApplicationUri[];
-    /** The security policies by the names the settings use, in the order the server offers them. */
-    static const QStringList &policyNames();
-    /** The security modes by the names the settings use. */
-    static const QStringList &modeNames();
 
     explicit OpcUaServerHost(const QLoggingCategory &category, QObject *parent = nullptr);
     ~OpcUaServerHost() override;
@@ -58,8 +54,6 @@ public:
 private:
     const QLoggingCategory &lc() const { return m_category; }
     bool configure(UA_ServerConfig *config, const Options &options, QString *error);
-    bool loadOwnCertificate(UA_ByteString *certificate, UA_ByteString *key, QString *error);
-    bool loadTrustList(QList<QByteArray> *certificates, QString *error) const;
     void stop();
 
     const QLoggingCategory &m_category;

@@ -3,6 +3,7 @@
 #include "logcapture.h"
 #include "nodescript.h"
 #include "opcuaconnection.h"
+#include "opcuaserver.h"
 #include "pluginchecks.h"
 #include "wwtypes.h"
 
@@ -88,6 +89,7 @@ private slots:
     void unusableSettingsSkipTheConnection();
     void unreachableServerIsWarnedAboutOnce();
 
+    void readsTheOpcUaServerTarget();
     void machinesAreFoundAndRead();
     void changesYieldOneCompleteState();
     void identificationAndProgramChanges();
@@ -242,6 +244,54 @@ void tst_OpcUa::unreachableServerIsWarnedAboutOnce()
         m_log.warnings().first().startsWith(
             m_log.warning(QStringLiteral("Can't connect to line1 at opc.tcp://127.0.0.1:%1 (").arg(m_port)).chopped(1)),
         qPrintable(m_log.warnings().first()));
+}
+
+void tst_OpcUa::readsTheOpcUaServerTarget()
+{
+    // An open62541 server, orvix's own OPC UA server target: fast, and no node.js needed.
+    QTemporaryDir serverPki;
+    m_port = freePort();
+    OpcUaServer target;
+    QVariantMap shared;
+    const QVariantMap nameplate { { "ProductInstanceUri", "urn:example:m1" }, { "Manufacturer", "Acme" },
+        { "Model", "EB 200" }, { "DeviceClass", "EdgeBander" }, { "SerialNumber", "4711" },
+        { "YearOfConstruction", "2019" }, { "MonthOfConstruction", "7" },
+        { "InitialOperationDate", "2021-03-04 05:06:07" }, { "locale", "de" } };
+    QVERIFY(target.init(QVariantMap { { "opcuaServerTarget",
+                                          QVariantMap { { "port", QString::number(m_port) },
+                                              { "securityPolicies", "None" }, { "pki", serverPki.path() } } },
+                            { "opcuawwcsidentification", QVariantMap { { "m1", nameplate } } } },
+        shared));
+    WwState own;
+    own.MachineState = WwState::Ready;
+    own.OperationMode = WwState::Setup;
+    own.Flags.emplace();
+    own.Flags->MachineOn = true;
+    own.Flags->Remote = true;
+    own.Values.emplace();
+    own.Values->FeedSpeed = 12.5;
+    own.Values->AbsoluteRunsGood = 42;
+    target.processData(QDateTime::currentDateTimeUtc(), "m3", "src", QVariant::fromValue(own));
+
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !caught<WwState>(spy, "m3").isEmpty() && !caught<WwIdentification>(spy, "m1").isEmpty(), 10000);
+    // Optional flags and values that the server reads as BadNoData stay absent.
+    QCOMPARE(caught<WwState>(spy, "m3").first().record, own);
+    const WwIdentification identification = caught<WwIdentification>(spy, "m1").first().record;
+    QCOMPARE(identification.Manufacturer, QStringLiteral("Acme"));
+    QCOMPARE(identification.Model, QStringLiteral("EB 200"));
+    QCOMPARE(identification.SerialNumber, QStringLiteral("4711"));
+    QCOMPARE(identification.YearOfConstruction, quint16(2019));
+    QCOMPARE(identification.MonthOfConstruction, std::optional<quint8>(7));
+
+    own.Flags->Remote.reset();
+    own.Values->FeedSpeed = 13.0;
+    target.processData(QDateTime::currentDateTimeUtc(), "m3", "src", QVariant::fromValue(own));
+    QTRY_COMPARE_WITH_TIMEOUT(caught<WwState>(spy, "m3").last().record, own, 5000);
+    QCOMPARE(m_log.warnings(), QStringList());
 }
 
 void tst_OpcUa::machinesAreFoundAndRead()

@@ -1,6 +1,7 @@
 #include "datasetcodec.h"
 
-#include "strictjson.h"
+#include "jsondom.h"
+#include "recordreaders.h"
 #include "typeregistry.h"
 
 #include <QJsonDocument>
@@ -18,9 +19,9 @@ bool fail(QString *error, const QString &problem)
     return false;
 }
 
-bool readEnvelopeString(const QJsonObject &object, const char *key, QString *out, QString *error)
+template <typename Object> bool readEnvelopeString(const Object &object, const char *key, QString *out, QString *error)
 {
-    const QJsonValue value = object.value(QLatin1String(key));
+    const auto value = object.value(QLatin1String(key));
     if (value.isUndefined() || value.isNull()) {
         *out = QString();
         return true;
@@ -30,6 +31,78 @@ bool readEnvelopeString(const QJsonObject &object, const char *key, QString *out
     *out = value.toString();
     if (out->isNull())
         *out = QLatin1String("");
+    return true;
+}
+
+/** Reads a dataset from Qt's JSON object or from the strict reader's parsed line, with the same result. */
+template <typename Object> bool decodeObject(const Object &object, DatasetCodec::Dataset *out, QString *error)
+{
+    const auto typeIt = object.constFind(QLatin1String("type"));
+    if (typeIt == object.constEnd())
+        return fail(error, QStringLiteral("the dataset has no \"type\""));
+    const auto dataIt = object.constFind(QLatin1String("data"));
+    if (dataIt == object.constEnd())
+        return fail(error, QStringLiteral("the dataset has no \"data\""));
+
+    DatasetCodec::Dataset dataset;
+    const auto timestamp = object.value(QLatin1String("timestamp"));
+    if (!timestamp.isUndefined() && !timestamp.isNull()) {
+        dataset.timestamp = dateTimeFromText(timestamp.toString());
+        if (!timestamp.isString() || !dataset.timestamp.isValid())
+            return fail(error, QStringLiteral("\"timestamp\" must be an ISO 8601 date-time or null"));
+    }
+    QString problem;
+    if (!readEnvelopeString(object, "machine", &dataset.machine, &problem)
+        || !readEnvelopeString(object, "source", &dataset.source, &problem))
+        return fail(error, problem);
+
+    const auto data = dataIt.value();
+    if (typeIt.value().isNull()) {
+        // The form written for an empty value.
+        if (!data.isNull())
+            return fail(error, QStringLiteral("\"data\" must be null when \"type\" is null"));
+    } else if (!typeIt.value().isString()) {
+        return fail(error, QStringLiteral("\"type\" must be a string"));
+    } else {
+        const QString typeName = typeIt.value().toString();
+        const auto entryIt = registry().byName.constFind(typeName);
+        if (entryIt != registry().byName.constEnd()) {
+            if (!data.isObject())
+                return fail(error, QStringLiteral("\"data\" of %1 must be an object").arg(typeName));
+            if (!entryIt->readFrom(data.toObject(), &dataset.data, &problem))
+                return fail(error, problem);
+        } else {
+            // Qt's own value types are read with Qt's conversion from JSON; other types cannot be rebuilt.
+            const int type = QMetaType::type(typeName.toLatin1().constData());
+            if (type == QMetaType::UnknownType || type >= QMetaType::User)
+                return fail(error, QStringLiteral("unknown dataset type \"%1\"").arg(typeName));
+            dataset.data = data.toVariant();
+            if (!dataset.data.convert(type))
+                return fail(error, QStringLiteral("\"data\" cannot be read as %1").arg(typeName));
+        }
+    }
+    *out = dataset;
+    return true;
+}
+
+/** Reads a line that the strict check let through with Qt's reader, the way every line was read before. */
+bool decodeWithQt(
+    const QByteArray &line, DatasetCodec::Dataset *out, QString *error, QLatin1String extraKey, QJsonValue *extra)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        return fail(error,
+            QStringLiteral("the line is not valid JSON: %1 at offset %2")
+                .arg(parseError.errorString())
+                .arg(parseError.offset));
+    if (!document.isObject())
+        return fail(error, QStringLiteral("the line is not a JSON object"));
+    const QJsonObject object = document.object();
+    if (!decodeObject(object, out, error))
+        return false;
+    if (extra)
+        *extra = object.value(extraKey);
     return true;
 }
 
@@ -80,71 +153,34 @@ QByteArray DatasetCodec::encodeLine(
 
 bool DatasetCodec::decode(const QJsonObject &object, Dataset *out, QString *error)
 {
-    const auto typeIt = object.constFind(QLatin1String("type"));
-    if (typeIt == object.constEnd())
-        return fail(error, QStringLiteral("the dataset has no \"type\""));
-    const auto dataIt = object.constFind(QLatin1String("data"));
-    if (dataIt == object.constEnd())
-        return fail(error, QStringLiteral("the dataset has no \"data\""));
-
-    Dataset dataset;
-    const QJsonValue timestamp = object.value(QLatin1String("timestamp"));
-    if (!timestamp.isUndefined() && !timestamp.isNull()) {
-        dataset.timestamp = QDateTime::fromString(timestamp.toString(), Qt::ISODateWithMs);
-        if (!timestamp.isString() || !dataset.timestamp.isValid())
-            return fail(error, QStringLiteral("\"timestamp\" must be an ISO 8601 date-time or null"));
-    }
-    QString problem;
-    if (!readEnvelopeString(object, "machine", &dataset.machine, &problem)
-        || !readEnvelopeString(object, "source", &dataset.source, &problem))
-        return fail(error, problem);
-
-    const QJsonValue data = dataIt.value();
-    if (typeIt.value().isNull()) {
-        // The form written for an empty value.
-        if (!data.isNull())
-            return fail(error, QStringLiteral("\"data\" must be null when \"type\" is null"));
-    } else if (!typeIt.value().isString()) {
-        return fail(error, QStringLiteral("\"type\" must be a string"));
-    } else {
-        const QString typeName = typeIt.value().toString();
-        const auto entryIt = registry().byName.constFind(typeName);
-        if (entryIt != registry().byName.constEnd()) {
-            if (!data.isObject())
-                return fail(error, QStringLiteral("\"data\" of %1 must be an object").arg(typeName));
-            if (!entryIt->read(data.toObject(), &dataset.data, &problem))
-                return fail(error, problem);
-        } else {
-            // Qt's own value types are read with Qt's conversion from JSON; other types cannot be rebuilt.
-            const int type = QMetaType::type(typeName.toLatin1().constData());
-            if (type == QMetaType::UnknownType || type >= QMetaType::User)
-                return fail(error, QStringLiteral("unknown dataset type \"%1\"").arg(typeName));
-            dataset.data = data.toVariant();
-            if (!dataset.data.convert(type))
-                return fail(error, QStringLiteral("\"data\" cannot be read as %1").arg(typeName));
-        }
-    }
-    *out = dataset;
-    return true;
+    return decodeObject(object, out, error);
 }
 
 bool DatasetCodec::decodeLine(const QByteArray &line, Dataset *out, QString *error)
 {
+    return decodeLine(line, out, error, QLatin1String(), nullptr);
+}
+
+bool DatasetCodec::decodeLine(
+    const QByteArray &line, Dataset *out, QString *error, QLatin1String extraKey, QJsonValue *extra)
+{
     if (line.trimmed().isEmpty())
         return fail(error, QStringLiteral("the line is empty"));
     QString problem;
-    if (!StrictJson::check(line, &problem))
+    simdjson::dom::element root;
+    const StrictLine strict = parseStrictLine(line, &root, &problem);
+    if (strict == StrictLine::Refused)
         return fail(error, problem);
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
-    if (parseError.error != QJsonParseError::NoError)
-        return fail(error,
-            QStringLiteral("the line is not valid JSON: %1 at offset %2")
-                .arg(parseError.errorString())
-                .arg(parseError.offset));
-    if (!document.isObject())
-        return fail(error, QStringLiteral("the line is not a JSON object"));
-    return decode(document.object(), out, error);
+    // The strict check has parsed the line already; read from that, unless Qt's reader could see it otherwise.
+    if (strict == StrictLine::Parsed && root.is_object()) {
+        const DomObject object = DomValue(root).toObject();
+        if (!decodeObject(object, out, error))
+            return false;
+        if (extra)
+            *extra = object.value(extraKey).toJsonValue();
+        return true;
+    }
+    return decodeWithQt(line, out, error, extraKey, extra);
 }
 
 QStringList DatasetCodec::typeNames()

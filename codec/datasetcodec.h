@@ -4,6 +4,7 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -47,8 +48,19 @@ public:
      */
     static bool decode(const QJsonObject &object, Dataset *out, QString *error = nullptr);
 
-    /** Reads a dataset from one line of JSON, as decode does; the caller adds the line number to the error. */
+    /**
+     * Reads a dataset from one line of JSON, as decode does, after the strict check of StrictJson; the caller adds
+     * the line number to the error.
+     */
     static bool decodeLine(const QByteArray &line, Dataset *out, QString *error = nullptr);
+
+    /**
+     * Reads a dataset from one line as decodeLine does and, when it succeeds, sets extra to the value of the line's
+     * own key extraKey beside the dataset's keys (undefined when the line has none), for readers whose lines carry
+     * more than the dataset, such as a pause.
+     */
+    static bool decodeLine(
+        const QByteArray &line, Dataset *out, QString *error, QLatin1String extraKey, QJsonValue *extra);
 
     /** The names of the dataset types that the codec reads and writes field by field. */
     static QStringList typeNames();

@@ -2,8 +2,11 @@
 #define ORVIX_RECORDREADERS_H
 
 // The codec's record readers: each record type read from a JSON object by its field list, a field at a time, with a
-// sentence naming the first problem. Private to the codec.
+// sentence naming the first problem. Each reads Qt's JSON values and the strict reader's parsed line alike (Json is
+// QJsonValue or DomValue, Object QJsonObject or DomObject), so that both give the same records and the same
+// sentences. Private to the codec.
 
+#include "jsondom.h"
 #include "recordtraits.h"
 
 #include <QDateTime>
@@ -21,24 +24,28 @@ QString fieldProblem(const char *field, const char *record, const QString &probl
 
 QString nestedProblem(const char *field, const char *record, const QString &inner);
 
-bool readDouble(const QJsonValue &json, double *out, const char *field, const char *record, QString *error);
+/** A date-time as ISO 8601 with milliseconds reads it (Qt::ISODateWithMs); invalid when it is none. */
+QDateTime dateTimeFromText(const QString &text);
 
-bool readString(const QJsonValue &json, QString *out, const char *field, const char *record, QString *error);
+template <typename Json>
+bool readDouble(const Json &json, double *out, const char *field, const char *record, QString *error);
 
-bool readDateTime(const QJsonValue &json, QDateTime *out, const char *field, const char *record, QString *error);
+template <typename Json>
+bool readString(const Json &json, QString *out, const char *field, const char *record, QString *error);
+
+template <typename Json>
+bool readDateTime(const Json &json, QDateTime *out, const char *field, const char *record, QString *error);
 
 /** Reads a condition value: its JSON value and, under the field name followed by "Type", its exact type. */
-bool readVariant(const QJsonObject &object, const char *field, const char *record, QVariant *out, QString *error);
+template <typename Object>
+bool readVariant(const Object &object, const char *field, const char *record, QVariant *out, QString *error);
 
-template <typename Record> bool readRecord(const QJsonObject &object, Record *out, QString *error);
+template <typename Record, typename Object> bool readRecord(const Object &object, Record *out, QString *error);
 
-template <typename T>
-bool readInteger(const QJsonValue &json, T *out, const char *field, const char *record, QString *error)
+template <typename T, typename Json>
+bool readInteger(const Json &json, T *out, const char *field, const char *record, QString *error)
 {
     using Wide = std::conditional_t<std::is_signed_v<T>, qint64, quint64>;
-    const QString range = QStringLiteral("must be a whole number from %1 to %2")
-                              .arg(Wide(std::numeric_limits<T>::min()))
-                              .arg(Wide(std::numeric_limits<T>::max()));
     Wide wide = 0;
     bool ok = false;
     if (json.isString()) {
@@ -67,15 +74,18 @@ bool readInteger(const QJsonValue &json, T *out, const char *field, const char *
     if constexpr (sizeof(T) < sizeof(Wide))
         ok = ok && wide >= Wide(std::numeric_limits<T>::min()) && wide <= Wide(std::numeric_limits<T>::max());
     if (!ok) {
-        *error = fieldProblem(field, record, range);
+        *error = fieldProblem(field, record,
+            QStringLiteral("must be a whole number from %1 to %2")
+                .arg(Wide(std::numeric_limits<T>::min()))
+                .arg(Wide(std::numeric_limits<T>::max())));
         return false;
     }
     *out = T(wide);
     return true;
 }
 
-template <typename T>
-bool readValue(const QJsonValue &json, T *out, const char *field, const char *record, QString *error)
+template <typename T, typename Json>
+bool readValue(const Json &json, T *out, const char *field, const char *record, QString *error)
 {
     if constexpr (std::is_same_v<T, QString>) {
         return readString(json, out, field, record, error);
@@ -98,7 +108,8 @@ bool readValue(const QJsonValue &json, T *out, const char *field, const char *re
             return false;
         }
         QStringList list;
-        for (const QJsonValue element : json.toArray()) {
+        const auto array = json.toArray();
+        for (const Json element : array) {
             QString text;
             if (!readString(element, &text, field, record, error)) {
                 *error = fieldProblem(field, record, QStringLiteral("must be an array of strings"));
@@ -109,7 +120,7 @@ bool readValue(const QJsonValue &json, T *out, const char *field, const char *re
         *out = list;
         return true;
     } else if constexpr (std::is_same_v<T, TextHash>) {
-        const QJsonObject object = json.toObject();
+        const auto object = json.toObject();
         TextHash hash;
         bool ok = json.isObject();
         for (auto it = object.constBegin(); ok && it != object.constEnd(); ++it) {
@@ -130,20 +141,22 @@ bool readValue(const QJsonValue &json, T *out, const char *field, const char *re
                 QStringLiteral("must be an array of %1 objects").arg(QLatin1String(recordName<Element>)));
             return false;
         }
-        const QJsonArray array = json.toArray();
+        const auto array = json.toArray();
         T list;
         list.reserve(array.size());
-        for (int i = 0; i < array.size(); ++i) {
+        int index = 0;
+        for (const Json item : array) {
             Element element {};
             QString inner;
-            if (!array.at(i).isObject()) {
+            if (!item.isObject()) {
                 inner = QStringLiteral("%1 must be an object").arg(QLatin1String(recordName<Element>));
-            } else if (readRecord(array.at(i).toObject(), &element, &inner)) {
+            } else if (readRecord(item.toObject(), &element, &inner)) {
                 list.append(element);
+                ++index;
                 continue;
             }
             *error = QStringLiteral("in item %1 of field \"%2\" of %3: %4")
-                         .arg(QString::number(i), QLatin1String(field), QLatin1String(record), inner);
+                         .arg(QString::number(index), QLatin1String(field), QLatin1String(record), inner);
             return false;
         }
         *out = list;
@@ -162,7 +175,7 @@ bool readValue(const QJsonValue &json, T *out, const char *field, const char *re
     }
 }
 
-template <typename Record> bool readRecord(const QJsonObject &object, Record *out, QString *error)
+template <typename Record, typename Object> bool readRecord(const Object &object, Record *out, QString *error)
 {
     // Filled into a copy, so that a failure leaves nothing half done; missing keys keep the defaults.
     Record record {};

@@ -1,9 +1,13 @@
 #include "strictjson.h"
 
+#include "jsondom.h"
 #include "jsonerrorlocator.h"
 
 #include <simdjson.h>
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -19,6 +23,102 @@ QString textOf(std::string_view text)
     return QString::fromUtf8(text.data(), int(text.size()));
 }
 
+// Objects of up to this many keys are searched for a repeat in a table on the stack; larger ones by sorting.
+constexpr size_t SmallObjectKeys = 64;
+// The sorting space kept between lines holds this many keys at most, so that one huge object does not stay.
+constexpr size_t KeptSortSpace = 4096;
+
+size_t keyHash(std::string_view key)
+{
+    const size_t size = key.size();
+    return size == 0 ? 0 : size * 31 + uchar(key[0]) * 7 + uchar(key[size - 1]) * 131 + uchar(key[size / 2]);
+}
+
+/** Whether an object holds a key twice; it allocates nothing for the objects of datasets. */
+bool repeatsKey(simdjson::dom::object object)
+{
+    const size_t count = object.size();
+    if (count < 2)
+        return false;
+    if (count <= SmallObjectKeys) {
+        // Open addressing over twice as many slots as keys: 0 is free, otherwise the key's index plus one.
+        std::array<std::string_view, SmallObjectKeys> keys;
+        std::array<quint8, 2 * SmallObjectKeys> table {};
+        constexpr size_t mask = 2 * SmallObjectKeys - 1;
+        size_t index = 0;
+        for (simdjson::dom::key_value_pair field : object) {
+            for (size_t slot = keyHash(field.key) & mask;; slot = (slot + 1) & mask) {
+                if (table[slot] == 0) {
+                    keys[index] = field.key;
+                    table[slot] = quint8(++index);
+                    break;
+                }
+                if (keys[table[slot] - 1] == field.key)
+                    return true;
+            }
+        }
+        return false;
+    }
+    thread_local std::vector<std::string_view> sorted;
+    sorted.clear();
+    for (simdjson::dom::key_value_pair field : object)
+        sorted.push_back(field.key);
+    std::sort(sorted.begin(), sorted.end());
+    const bool repeated = std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end();
+    if (sorted.capacity() > KeptSortSpace) {
+        sorted.clear();
+        sorted.shrink_to_fit();
+    }
+    return repeated;
+}
+
+/**
+ * Whether Qt's reader could read a number otherwise than the parsed line says: a zero may be an underflow, which Qt
+ * refuses, and a whole floating-point number near 2^63 may or may not become an integer there.
+ */
+bool unclearNumber(simdjson::dom::element element)
+{
+    double number = 0;
+    if (!element.is_double() || element.get_double().get(number) != simdjson::SUCCESS)
+        return false;
+    return number == 0 || (std::trunc(number) == number && std::fabs(number) >= 4611686018427387904.0);
+}
+
+/** Whether the parsed line holds a key twice anywhere; notes an unclear number on the way. */
+bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
+{
+    switch (element.type()) {
+    case simdjson::dom::element_type::ARRAY: {
+        simdjson::dom::array array;
+        if (element.get(array) != simdjson::SUCCESS)
+            return false;
+        for (simdjson::dom::element child : array) {
+            if (repeatsKeyWithin(child, unclear))
+                return true;
+        }
+        return false;
+    }
+    case simdjson::dom::element_type::OBJECT: {
+        simdjson::dom::object object;
+        if (element.get(object) != simdjson::SUCCESS)
+            return false;
+        if (repeatsKey(object))
+            return true;
+        for (simdjson::dom::key_value_pair field : object) {
+            if (repeatsKeyWithin(field.value, unclear))
+                return true;
+        }
+        return false;
+    }
+    case simdjson::dom::element_type::DOUBLE:
+        *unclear = *unclear || unclearNumber(element);
+        return false;
+    default:
+        return false;
+    }
+}
+
+/** Names the first repeated key in the order Qt's reader would meet it; only for a line known to repeat one. */
 bool checkElement(simdjson::dom::element element, QString *error)
 {
     simdjson::dom::array array;
@@ -59,21 +159,27 @@ bool checkElement(simdjson::dom::element element, QString *error)
 
 bool StrictJson::check(const QByteArray &text, QString *error)
 {
+    simdjson::dom::element root;
+    return CodecDetail::parseStrictLine(text, &root, error) != CodecDetail::StrictLine::Refused;
+}
+
+CodecDetail::StrictLine CodecDetail::parseStrictLine(
+    const QByteArray &text, simdjson::dom::element *root, QString *error)
+{
     // One parser per thread, kept: it reuses its buffers for every line.
     thread_local simdjson::dom::parser parser(simdjson::SIMDJSON_MAXSIZE_BYTES);
     thread_local bool depthSet = false;
     if (!depthSet) {
-        if (parser.allocate(0, MaxDepth) != simdjson::SUCCESS) {
+        if (parser.allocate(0, StrictJson::MaxDepth) != simdjson::SUCCESS) {
             *error = QStringLiteral("no memory to read the line");
-            return false;
+            return StrictLine::Refused;
         }
         depthSet = true;
     }
-    simdjson::dom::element root;
-    const simdjson::error_code code = parser.parse(text.constData(), size_t(text.size()), true).get(root);
+    const simdjson::error_code code = parser.parse(text.constData(), size_t(text.size()), true).get(*root);
     if (code == simdjson::DEPTH_ERROR) {
-        *error = QStringLiteral("the line nests deeper than %1 levels").arg(MaxDepth);
-        return false;
+        *error = QStringLiteral("the line nests deeper than %1 levels").arg(StrictJson::MaxDepth);
+        return StrictLine::Refused;
     }
     if (code != simdjson::SUCCESS) {
         qint64 offset = 0;
@@ -83,7 +189,12 @@ bool StrictJson::check(const QByteArray &text, QString *error)
         else
             *error = QStringLiteral("the line is not valid JSON: %1")
                          .arg(QString::fromUtf8(simdjson::error_message(code)));
-        return false;
+        return StrictLine::Refused;
     }
-    return checkElement(root, error);
+    bool unclear = false;
+    if (repeatsKeyWithin(*root, &unclear)) {
+        checkElement(*root, error);
+        return StrictLine::Refused;
+    }
+    return unclear ? StrictLine::QtOnly : StrictLine::Parsed;
 }

@@ -6,6 +6,15 @@ namespace CodecDetail {
 
 namespace {
 
+template <typename Record, typename Object> bool readInto(const Object &object, QVariant *data, QString *error)
+{
+    Record record {};
+    if (!readRecord(object, &record, error))
+        return false;
+    *data = QVariant::fromValue(record);
+    return true;
+}
+
 template <typename Record> TypeEntry entryFor()
 {
     TypeEntry entry;
@@ -14,12 +23,10 @@ template <typename Record> TypeEntry entryFor()
         writeRecord(writer, *static_cast<const Record *>(data.constData()));
     };
     entry.read = [](const QJsonObject &object, QVariant *data, QString *error) {
-        Record record {};
-        if (!readRecord(object, &record, error))
-            return false;
-        *data = QVariant::fromValue(record);
-        return true;
+        return readInto<Record>(object, data, error);
     };
+    entry.readParsed
+        = [](const DomObject &object, QVariant *data, QString *error) { return readInto<Record>(object, data, error); };
     return entry;
 }
 

@@ -1,9 +1,5 @@
 #include "replay.h"
 
-#include "strictjson.h"
-
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QJsonValue>
 #include <QLoggingCategory>
 
@@ -14,7 +10,7 @@ Q_LOGGING_CATEGORY(lcReplay, "replay")
 namespace {
 
 const QString Group = QStringLiteral("replay");
-const QString DelayKey = QStringLiteral("delayMs");
+const QLatin1String DelayKey("delayMs");
 constexpr int MaxPause = std::numeric_limits<int>::max();
 
 } // namespace
@@ -128,15 +124,11 @@ bool Replay::readDataset(qint64 *pause)
         if (line.isEmpty())
             continue;
 
-        // One parse serves both the dataset and the line's own pause; it reads only what the strict check let in.
+        // One strict parse serves both the dataset and the line's own pause.
         DatasetCodec::Dataset dataset;
         QString error;
-        bool ok = StrictJson::check(line, &error);
-        const QJsonDocument document = ok ? QJsonDocument::fromJson(line) : QJsonDocument();
-        if (ok)
-            ok = document.isObject() ? DatasetCodec::decode(document.object(), &dataset, &error)
-                                     : DatasetCodec::decodeLine(line, &dataset, &error);
-        const QJsonValue delay = document.object().value(DelayKey);
+        QJsonValue delay(QJsonValue::Undefined);
+        bool ok = DatasetCodec::decodeLine(line, &dataset, &error, DelayKey, &delay);
         if (ok && !delay.isUndefined()
             && !(delay.isDouble() && delay.toDouble() >= 0 && delay.toDouble() <= MaxPause)) {
             ok = false;

@@ -1,6 +1,7 @@
 #include "datasetcodec.h"
 #include "mmdatasets.h"
 #include "recordtesthelpers.h"
+#include "strictjson.h"
 #include "wwtypes.h"
 
 #include <QFile>
@@ -188,6 +189,10 @@ private slots:
     void failureLeavesOutputUnchanged();
     void hostileLinesKeepMemoryBounded();
     void readmeExamplesDecode();
+    void strictReaderReadsAsQt_data();
+    void strictReaderReadsAsQt();
+    void extraKeyReadsAsQt_data();
+    void extraKeyReadsAsQt();
 };
 
 void tst_DatasetCodec::knowsEveryType()
@@ -808,6 +813,144 @@ void tst_DatasetCodec::hostileLinesKeepMemoryBounded()
 #else
     QVERIFY2(growth < 5 * 1024 * 1024, qPrintable(QString::number(growth)));
 #endif
+}
+
+void tst_DatasetCodec::strictReaderReadsAsQt_data()
+{
+    QTest::addColumn<QByteArray>("line");
+    // Every record filled and empty, as the writer writes them.
+    const QHash<int, QVariant> values {
+        { 0, QVariant::fromValue(filledRecord<WwState>()) },
+        { 1, QVariant::fromValue(WwState {}) },
+        { 2, QVariant::fromValue(filledRecord<ConditionDatasV2>()) },
+        { 3, QVariant::fromValue(filledRecord<ConditionDefinitionsV2>()) },
+        { 4, QVariant::fromValue(filledRecord<MaintenanceDefinitionsV1>()) },
+        { 5, QVariant::fromValue(filledRecord<OrderV1>()) },
+        { 6, QVariant::fromValue(filledRecord<WwIdentification>()) },
+        { 7, QVariant::fromValue(filledRecord<WwBaseEventType>()) },
+        { 8, QVariant::fromValue(filledRecord<NotificationsAddV1>()) },
+        { 9, QVariant::fromValue(filledRecord<GeneralV1>()) },
+    };
+    for (auto it = values.constBegin(); it != values.constEnd(); ++it) {
+        QTest::addRow("record %s", it.value().typeName())
+            << DatasetCodec::encodeLine(someTime, QStringLiteral("m1"), QString(), it.value());
+    }
+    // Numbers in every form, where Qt's reader decides between integer and double.
+    const char *numbers[] = { "0", "-0", "0.0", "-0.0", "0e5", "1e-400", "5e-324", "1.0", "1e2", "-1E+2", "12.5", "-3",
+        "1e300", "2.5e-3", "9007199254740993", "9223372036854775807", "-9223372036854775808", "9223372036854775808",
+        "18446744073709551615", "4611686018427387904.0", "4611686018427387903", "9223372036854775807.0",
+        "1.7976931348623157e308", "0.1", "123456789012345678901234567890" };
+    for (const char *number : numbers) {
+        const QByteArray n(number);
+        QTest::addRow("value %s", number)
+            << QByteArray(R"({"type":"ConditionDataV2","data":{"id":"a","value":)") + n + "}}";
+        for (const char *type : { "int", "uint", "qlonglong", "qulonglong", "double", "float", "bool", "char",
+                 "QString", "QVariantList" }) {
+            QTest::addRow("value %s as %s", number, type)
+                << QByteArray(R"({"type":"ConditionDataV2","data":{"id":"a","value":)") + n + R"(,"valueType":")" + type
+                    + "\"}}";
+        }
+        QTest::addRow("state %s", number) << QByteArray(R"({"type":"StateV1","data":{"state":)") + n + "}}";
+        QTest::addRow("pieces %s", number) << QByteArray(R"({"type":"GeneralV1","data":{"pieces":)") + n + "}}";
+        QTest::addRow("length %s", number) << QByteArray(R"({"type":"GeneralV1","data":{"length":)") + n + "}}";
+        QTest::addRow("flag %s", number) << QByteArray(R"({"type":"WwState","data":{"Flags":{"Hold":)") + n + "}}}";
+        QTest::addRow("Qt type %s", number) << QByteArray(R"({"type":"double","data":)") + n + "}";
+        QTest::addRow("timestamp %s", number) << QByteArray(R"({"timestamp":)") + n + R"(,"type":null,"data":null})";
+    }
+    // Texts, date-times and structures.
+    QTest::newRow("escapes") << QByteArray(
+        R"({"machine":"a\u0000b\"\\\/\b\f\n\r\t\ud83d\ude00\u00e4","source":"","type":"SwVerV1","data":{"version":""}})");
+    QTest::newRow("raw UTF-8") << QByteArray(
+        "{\"machine\":\"\xc3\xa4\xf0\x9f\x98\x80\xef\xbf\xbf\",\"type\":null,\"data\":null}");
+    QTest::newRow("escaped keys") << QByteArray(R"({"\u0074ype":"StateV1","d\u0061ta":{"st\u0061te":3}})");
+    QTest::newRow("keys in any order") << QByteArray(
+        R"({"data":{"Values":{"FeedSpeed":1.5,"AxisOverride":3},"MachineState":2},"type":"WwState","source":null})");
+    QTest::newRow("unknown keys") << QByteArray(R"({"type":"StateV1","data":{"x":[1,{"y":2}],"state":4},"z":null})");
+    for (const char *time : { "2021-03-01T08:00:00.250Z", "2021-03-01T08:00:00Z", "2021-03-01T08:00:00.250+02:00",
+             "2021-03-01T08:00:00.250-00:30", "2021-03-01T08:00:00.250", "2021-03-01T24:00:00.000Z",
+             "2021-02-30T08:00:00.250Z", "0000-03-01T08:00:00.250Z", "9999-12-31T23:59:59.999Z",
+             "2021-03-01T08:00:60.000Z", "2021-03-01T08:00:00,250Z", "2021-03-01T08:00:00.25Z",
+             "2021/03/01T08:00:00.250Z", "2021-03-01 08:00:00.250Z", "2021-03-01", "2021-03-01T08:00:00.2500Z",
+             "+021-03-01T08:00:00.250Z", "" }) {
+        QTest::addRow("timestamp \"%s\"", time)
+            << QByteArray(R"({"timestamp":")") + time + R"(","type":"OrderV1","data":{"time9":")" + time + R"("}})";
+    }
+    QTest::newRow("texts and path") << QByteArray(
+        R"({"type":"WwBaseEventType","data":{"Texts":{"de":"T\u00fcr","en":"Door","":null},"Path":["a","",null]}})");
+    QTest::newRow("texts not an object") << QByteArray(R"({"type":"WwBaseEventType","data":{"Texts":[]}})");
+    QTest::newRow("path not an array") << QByteArray(R"({"type":"WwBaseEventType","data":{"Path":{}}})");
+    QTest::newRow("list of records") << QByteArray(
+        R"({"type":"MaintenanceDatasV1","data":{"timestamp":null,"items":[{"id":"a","value2":1},{"value3":-0.5}]}})");
+    QTest::newRow("Qt list") << QByteArray(R"({"type":"QVariantList","data":[1,"a",null,true,{"b":[]}]})");
+    QTest::newRow("Qt map") << QByteArray(R"({"type":"QVariantMap","data":{"b":1.5,"a":"x"}})");
+    QTest::newRow("Qt string") << QByteArray(R"({"type":"QString","data":"text"})");
+    QTest::newRow("top-level string") << QByteArray(R"("text")");
+    QTest::newRow("top-level number") << QByteArray("42");
+}
+
+void tst_DatasetCodec::strictReaderReadsAsQt()
+{
+    // decodeLine reads the strict reader's parsed line; decode reads Qt's JSON object. Both must give the same
+    // dataset, with the same exact value types, or the same refusal.
+    QFETCH(QByteArray, line);
+    DatasetCodec::Dataset strict;
+    QString strictError;
+    const bool strictOk = DatasetCodec::decodeLine(line, &strict, &strictError);
+
+    QString checkError;
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    if (!StrictJson::check(line, &checkError) || parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        QVERIFY2(!strictOk, qPrintable(strictError));
+        return;
+    }
+    DatasetCodec::Dataset qt;
+    QString qtError;
+    const bool qtOk = DatasetCodec::decode(document.object(), &qt, &qtError);
+    QCOMPARE(strictOk, qtOk);
+    QCOMPARE(strictError, qtError);
+    if (!qtOk)
+        return;
+    QCOMPARE(strict.timestamp, qt.timestamp);
+    QCOMPARE(strict.timestamp.timeSpec(), qt.timestamp.timeSpec());
+    QCOMPARE(strict.timestamp.offsetFromUtc(), qt.timestamp.offsetFromUtc());
+    QCOMPARE(strict.machine, qt.machine);
+    QCOMPARE(strict.machine.isNull(), qt.machine.isNull());
+    QCOMPARE(strict.source.isNull(), qt.source.isNull());
+    QCOMPARE(strict.data.userType(), qt.data.userType());
+    // The writer shows every field, null texts and the exact types of condition values included (QVariant would
+    // compare the records' bytes).
+    QCOMPARE(DatasetCodec::encodeLine(strict.timestamp, strict.machine, strict.source, strict.data),
+        DatasetCodec::encodeLine(qt.timestamp, qt.machine, qt.source, qt.data));
+}
+
+void tst_DatasetCodec::extraKeyReadsAsQt_data()
+{
+    QTest::addColumn<QByteArray>("line");
+    const QByteArray dataset = R"("type":"StateV1","data":{"state":3})";
+    for (const char *value : { "12", "12.5", "-0.0", "1e-400", "9223372036854775808", "\"12\"", "null", "true",
+             "[1,{\"a\":2}]", "{\"b\":null}" }) {
+        QTest::addRow("%s", value) << "{" + dataset + R"(,"delayMs":)" + value + "}";
+    }
+    QTest::newRow("absent") << "{" + dataset + "}";
+}
+
+void tst_DatasetCodec::extraKeyReadsAsQt()
+{
+    QFETCH(QByteArray, line);
+    DatasetCodec::Dataset dataset;
+    QString error;
+    QJsonValue extra(QJsonValue::Undefined);
+    const bool ok = DatasetCodec::decodeLine(line, &dataset, &error, QLatin1String("delayMs"), &extra);
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    QCOMPARE(ok, parseError.error == QJsonParseError::NoError);
+    if (!ok)
+        return;
+    const QJsonValue expected = document.object().value(QLatin1String("delayMs"));
+    QCOMPARE(extra.type(), expected.type());
+    QCOMPARE(extra, expected);
+    QCOMPARE(extra.toVariant().userType(), expected.toVariant().userType());
 }
 
 QTEST_GUILESS_MAIN(tst_DatasetCodec)

@@ -137,11 +137,13 @@ template <typename T> bool sameBits(const T &a, const T &b)
     return std::memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-/** Whether a variant made by QVariant::fromValue() of a value of this type holds this value. */
-template <typename T> bool holdsValue(const QVariant &variant, const T &value)
+/** The bits of a flag or value, widened to 64 and compared as they are: the same bits mean the same value. */
+template <typename T> quint64 valueBits(const T &value)
 {
-    Q_ASSERT(variant.userType() == qMetaTypeId<T>());
-    return sameBits(*static_cast<const T *>(variant.constData()), value);
+    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= sizeof(quint64), "kept as plain memory");
+    quint64 bits = 0;
+    std::memcpy(&bits, &value, sizeof(T));
+    return bits;
 }
 
 bool sameOperatingData(const GeneralV1 &a, const GeneralV1 &b)
@@ -225,6 +227,30 @@ QVariant identificationValue(const QDateTime &value)
 {
     return value.toString(Qt::ISODate);
 }
+
+/**
+ * The text a qCWarning of the mapper's category hands the message handler for a text streamed into it: in double
+ * quotes, as QDebug writes a string of printable characters.
+ */
+QString quoted(const char *text)
+{
+    return QLatin1Char('"') + QLatin1String(text) + QLatin1Char('"');
+}
+
+/**
+ * Logs what qCWarning(lcOpcUaToMMMapper) << text logs, given the text already quoted: a machine that does not report
+ * the counters of its operating data is warned about on every update, and formatting the same text each time through
+ * QDebug costs more than the rest of the update.
+ */
+void warnQuoted(const QMessageLogContext &context, const QString &quotedText)
+{
+    if (lcOpcUaToMMMapper().isWarningEnabled())
+        qt_message_output(QtWarningMsg, context, quotedText);
+}
+
+// The call site, as qCWarning records it.
+#define ORVIX_MAPPER_LOG_CONTEXT                                                                                       \
+    QMessageLogContext(QT_MESSAGELOG_FILE, QT_MESSAGELOG_LINE, QT_MESSAGELOG_FUNC, lcOpcUaToMMMapper().categoryName())
 
 qint32 notificationLevel(qint32 category)
 {
@@ -312,8 +338,13 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
     const WwState &state, KnownMachine &known)
 {
     Q_ASSERT(state.MachineState != 0);
+    static const QString noValues = quoted("Values are not availabe, unable to calculate GeneralV1");
+    static const QString noPowerPresentTime = quoted("AbsolutePowerPresentTime is not set");
+    static const QString noFeedOnHours = quoted("Missing values for FeedOnHours");
+    static const QString noPiecesOut = quoted("AbsolutePiecesOut is not set");
+    static const QString noLength = quoted("AbsoluteLength is not set");
     if (!state.Values) {
-        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Values are not availabe, unable to calculate GeneralV1");
+        warnQuoted(ORVIX_MAPPER_LOG_CONTEXT, noValues);
         return;
     }
     const WwStateValues &values = *state.Values;
@@ -322,23 +353,23 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
     if (values.AbsolutePowerPresentTime)
         general.powerOnHours = double(*values.AbsolutePowerPresentTime) / millisecondsPerHour;
     else
-        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsolutePowerPresentTime is not set");
+        warnQuoted(ORVIX_MAPPER_LOG_CONTEXT, noPowerPresentTime);
     // The time spent waiting for a workpiece is not feed time. The sum wraps like the machine's own counters.
     if (values.AbsoluteProductionTime && values.AbsoluteProductionWithoutWorkpieceTime)
         general.feedOnHours
             = double(quint64(*values.AbsoluteProductionTime + *values.AbsoluteProductionWithoutWorkpieceTime))
             / millisecondsPerHour;
     else
-        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("Missing values for FeedOnHours");
+        warnQuoted(ORVIX_MAPPER_LOG_CONTEXT, noFeedOnHours);
     if (values.AbsolutePiecesOut)
         general.pieces = *values.AbsolutePiecesOut;
     else
-        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsolutePiecesOut is not set");
+        warnQuoted(ORVIX_MAPPER_LOG_CONTEXT, noPiecesOut);
     // Whole metres only: 1999 mm are 1 m.
     if (values.AbsoluteLength)
         general.length = double(*values.AbsoluteLength / 1000u);
     else
-        qCWarning(lcOpcUaToMMMapper) << QStringLiteral("AbsoluteLength is not set");
+        warnQuoted(ORVIX_MAPPER_LOG_CONTEXT, noLength);
 
     // The variant of the last one is sent again while the counters stand still, and otherwise overwritten in place
     // unless a receiver still holds it (QVariant::data() copies it then).
@@ -387,14 +418,16 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
     auto &datas = *static_cast<ConditionDatasV2 *>(known.stateDatas.data());
     datas.timestamp = timestamp;
     if (present == known.stateInDatas) {
-        const QList<ConditionDataV2> &sent = datas.items;
         int position = 0;
-        visitStateItems(state, [&](int, const auto *value) {
+        visitStateItems(state, [&](int i, const auto *value) {
             if (!value)
                 return;
             const int at = position++;
-            if (!holdsValue(sent.at(at).value, *value))
+            const quint64 bits = valueBits(*value);
+            if (bits != known.stateBits[i]) {
                 datas.items[at].value = QVariant::fromValue(*value);
+                known.stateBits[i] = bits;
+            }
         });
     } else {
         // An item came or went: rare, so the list is made anew.
@@ -407,6 +440,7 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
             data.id = known.stateIds[i];
             data.value = QVariant::fromValue(*value);
             list.append(data);
+            known.stateBits[i] = valueBits(*value);
         });
         datas.items = list;
         known.stateInDatas = present;

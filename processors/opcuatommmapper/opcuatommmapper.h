@@ -55,6 +55,11 @@ private:
         std::bitset<StateItemCount> stateDefined;
         /** The flags and values that stateDatas holds, in their order. */
         std::bitset<StateItemCount> stateInDatas;
+        /**
+         * The bits of each value in stateDatas, by flag and value: an update is compared with these rather than with
+         * the list's variants, each a heap block of its own that a steady update then need not touch.
+         */
+        std::array<quint64, StateItemCount> stateBits {};
         std::array<QString, IdentificationFieldCount> identificationIds;
         std::bitset<IdentificationFieldCount> identificationDefined;
     };

@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include <cmath>
+#include <cstring>
 
 namespace CodecDetail {
 
@@ -127,39 +128,28 @@ int DomArray::size() const
 }
 
 DomObject::DomObject(simdjson::dom::object object)
-    : m_object(object)
-    , m_valid(true)
-    , m_next(object.begin())
 {
-    for (auto it = m_object.begin(); it != m_object.end(); ++it)
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        m_fields.append({ it.key_c_str(), it.key_length(), it.value() });
         m_keyMarks |= keyMark(it.key_c_str(), it.key_length());
-}
-
-QString DomObject::const_iterator::key() const
-{
-    return QString::fromUtf8(m_it.key_c_str(), int(m_it.key_length()));
+    }
 }
 
 DomObject::const_iterator DomObject::constFind(QLatin1String key) const
 {
-    const size_t size = size_t(key.size());
-    if (!m_valid || !(m_keyMarks & keyMark(key.data(), size)))
+    const quint32 size = quint32(key.size());
+    if (!(m_keyMarks & keyMark(key.data(), size)))
         return constEnd();
-    const auto end = m_object.end();
-    const std::string_view wanted(key.data(), size);
-    // From the key after the last one found to the end, then from the start to it.
-    for (int pass = 0; pass < 2; ++pass) {
-        const auto from = pass == 0 ? m_next : m_object.begin();
-        const auto to = pass == 0 ? end : m_next;
-        for (auto it = from; it != to; ++it) {
-            if (it.key_length() == size && it.key_equals(wanted)) {
-                auto next = it;
-                m_next = ++next;
-                return const_iterator(it);
-            }
+    // From the key after the last one found round to it.
+    const int count = m_fields.size();
+    for (int step = 0, at = m_next; step < count; ++step, at = at + 1 == count ? 0 : at + 1) {
+        const Field &field = m_fields.at(at);
+        if (field.size == size && std::memcmp(field.key, key.data(), size) == 0) {
+            m_next = at + 1 == count ? 0 : at + 1;
+            return const_iterator(&field);
         }
     }
-    return const_iterator(end);
+    return constEnd();
 }
 
 } // namespace CodecDetail

@@ -8,6 +8,7 @@
 #include <QJsonValue>
 #include <QLatin1String>
 #include <QString>
+#include <QVarLengthArray>
 #include <QVariant>
 
 #include <simdjson.h>
@@ -104,12 +105,19 @@ private:
 };
 
 /**
- * The keys of an object. Looking a key up starts after the last one found, because the records' readers ask for
- * their fields in the order the writer put them; a key that is not there is mostly known to be missing from a
- * summary of the keys' lengths and last characters, without comparing it with each.
+ * The keys of an object, gathered once into a flat table. Looking a key up starts after the last one found, because
+ * the records' readers ask for their fields in the order the writer put them; a key that is not there is mostly known
+ * to be missing from a summary of the keys' lengths and last characters, without comparing it with each.
  */
 class DomObject
 {
+    struct Field
+    {
+        const char *key;
+        quint32 size;
+        simdjson::dom::element value;
+    };
+
 public:
     DomObject() = default;
     explicit DomObject(simdjson::dom::object object);
@@ -117,28 +125,26 @@ public:
     class const_iterator
     {
     public:
-        const_iterator() = default;
-        explicit const_iterator(simdjson::dom::object::iterator it)
-            : m_it(it)
+        explicit const_iterator(const Field *field)
+            : m_field(field)
         {
         }
-        QString key() const;
-        DomValue value() const { return DomValue(m_it.value()); }
+        QString key() const { return QString::fromUtf8(m_field->key, int(m_field->size)); }
+        DomValue value() const { return DomValue(m_field->value); }
         const_iterator &operator++()
         {
-            ++m_it;
+            ++m_field;
             return *this;
         }
-        bool operator==(const const_iterator &other) const { return !(m_it != other.m_it); }
-        bool operator!=(const const_iterator &other) const { return m_it != other.m_it; }
+        bool operator==(const const_iterator &other) const { return m_field == other.m_field; }
+        bool operator!=(const const_iterator &other) const { return m_field != other.m_field; }
 
     private:
-        friend class DomObject;
-        simdjson::dom::object::iterator m_it;
+        const Field *m_field;
     };
 
-    const_iterator constBegin() const { return m_valid ? const_iterator(m_object.begin()) : const_iterator(); }
-    const_iterator constEnd() const { return m_valid ? const_iterator(m_object.end()) : const_iterator(); }
+    const_iterator constBegin() const { return const_iterator(m_fields.constData()); }
+    const_iterator constEnd() const { return const_iterator(m_fields.constData() + m_fields.size()); }
     const_iterator constFind(QLatin1String key) const;
     DomValue value(QLatin1String key) const
     {
@@ -152,12 +158,11 @@ private:
         return size == 0 ? 1 : quint64(1) << ((size * 7 + uchar(key[size - 1])) & 63);
     }
 
-    simdjson::dom::object m_object;
     // A value that is not an object reads as an empty one, as in Qt.
-    bool m_valid = false;
+    QVarLengthArray<Field, 40> m_fields;
     // One bit per key, from keyMark(): a key whose bit is clear is not in the object.
     quint64 m_keyMarks = 0;
-    mutable simdjson::dom::object::iterator m_next;
+    mutable int m_next = 0;
 };
 
 /** How a strictly checked line is to be read. */

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -28,9 +29,8 @@ constexpr size_t SmallObjectKeys = 64;
 // The sorting space kept between lines holds this many keys at most, so that one huge object does not stay.
 constexpr size_t KeptSortSpace = 4096;
 
-size_t keyHash(std::string_view key)
+size_t keyHash(const char *key, size_t size)
 {
-    const size_t size = key.size();
     return size == 0 ? 0 : size * 31 + uchar(key[0]) * 7 + uchar(key[size - 1]) * 131 + uchar(key[size / 2]);
 }
 
@@ -41,19 +41,25 @@ bool repeatsKey(simdjson::dom::object object)
     if (count < 2)
         return false;
     if (count <= SmallObjectKeys) {
-        // Open addressing over twice as many slots as keys: 0 is free, otherwise the key's index plus one.
-        std::array<std::string_view, SmallObjectKeys> keys;
+        // Open addressing over twice as many slots as keys: 0 is free, otherwise the key's index plus one. Only the
+        // table is cleared: a key is read only through a slot that names it.
+        const char *keys[SmallObjectKeys];
+        size_t sizes[SmallObjectKeys];
         std::array<quint8, 2 * SmallObjectKeys> table {};
         constexpr size_t mask = 2 * SmallObjectKeys - 1;
         size_t index = 0;
-        for (simdjson::dom::key_value_pair field : object) {
-            for (size_t slot = keyHash(field.key) & mask;; slot = (slot + 1) & mask) {
-                if (table[slot] == 0) {
-                    keys[index] = field.key;
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            const char *key = it.key_c_str();
+            const size_t size = it.key_length();
+            for (size_t slot = keyHash(key, size) & mask;; slot = (slot + 1) & mask) {
+                const quint8 taken = table[slot];
+                if (taken == 0) {
+                    keys[index] = key;
+                    sizes[index] = size;
                     table[slot] = quint8(++index);
                     break;
                 }
-                if (keys[table[slot] - 1] == field.key)
+                if (sizes[taken - 1] == size && std::memcmp(keys[taken - 1], key, size) == 0)
                     return true;
             }
         }

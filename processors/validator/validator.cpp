@@ -141,14 +141,14 @@ bool Validator::checkNotificationRemoveAll(const QString &, QString &reason, con
 bool Validator::learnConditionDefinition(const QString &machine, QString &, const QVariant &data)
 {
     const ConditionDefinitionV2 definition = qvariant_cast<ConditionDefinitionV2>(data);
-    m_conditionTypes[machine].insert(definition.id, definition.dataType);
+    m_machines[machine].types.insert(definition.id, definition.dataType);
     return true;
 }
 
 bool Validator::learnConditionDefinitions(const QString &machine, QString &, const QVariant &data)
 {
     const ConditionDefinitionsV2 definitions = qvariant_cast<ConditionDefinitionsV2>(data);
-    ConditionTypes &types = m_conditionTypes[machine];
+    ConditionTypes &types = m_machines[machine].types;
     for (const ConditionDefinitionV2 &definition : definitions.items)
         types.insert(definition.id, definition.dataType);
     return true;
@@ -182,12 +182,12 @@ QVariant Validator::repairMaintenanceDefinition(const QString &, QString &reason
 
 QVariant Validator::repairConditionData(const QString &machine, QString &reason, bool &modified, const QVariant &data)
 {
-    const auto types = m_conditionTypes.constFind(machine);
-    if (types == m_conditionTypes.constEnd())
+    const auto known = m_machines.constFind(machine);
+    if (known == m_machines.constEnd())
         return data;
     ConditionDataV2 item = qvariant_cast<ConditionDataV2>(data);
     QVariant converted;
-    if (!convertConditionValue(types.value(), machine, item, converted, reason))
+    if (!convertConditionValue(known->types, machine, item, converted, reason))
         return data;
     item.value = converted;
     modified = true;
@@ -196,19 +196,34 @@ QVariant Validator::repairConditionData(const QString &machine, QString &reason,
 
 QVariant Validator::repairConditionDatas(const QString &machine, QString &reason, bool &modified, const QVariant &data)
 {
-    const auto types = m_conditionTypes.constFind(machine);
-    if (types == m_conditionTypes.constEnd())
+    const auto known = m_machines.find(machine);
+    if (known == m_machines.end())
         return data;
-    ConditionDatasV2 datas = qvariant_cast<ConditionDatasV2>(data);
-    for (int i = 0; i < datas.items.size(); ++i) {
+    // The repair table is keyed by the exact type id, so the variant holds a ConditionDatasV2.
+    const QList<ConditionDataV2> &items = static_cast<const ConditionDatasV2 *>(data.constData())->items;
+    // Only text is converted: a list known to hold none needs no look at its items, which a machine's steady updates
+    // send again and again.
+    const QList<ConditionDataV2> &textFree = known->textFree;
+    if (!items.isEmpty() && !textFree.isEmpty() && &items.constFirst() == &textFree.constFirst())
+        return data;
+    ConditionDatasV2 datas;
+    bool text = false;
+    for (int i = 0; i < items.size(); ++i) {
+        if (items.at(i).value.userType() != QMetaType::QString)
+            continue;
+        text = true;
         QVariant converted;
         QString itemReason;
-        if (convertConditionValue(types.value(), machine, datas.items.at(i), converted, itemReason)) {
+        if (convertConditionValue(known->types, machine, items.at(i), converted, itemReason)) {
+            if (!modified)
+                datas = qvariant_cast<ConditionDatasV2>(data);
             datas.items[i].value = converted;
             modified = true;
             reason = itemReason;
         }
     }
+    if (!text)
+        known->textFree = items;
     return modified ? QVariant::fromValue(datas) : data;
 }
 

@@ -1,15 +1,16 @@
 #ifndef ORVIX_VALIDATOR_H
 #define ORVIX_VALIDATOR_H
 
+#include "conditiondatav2.h"
 #include "iprocessor.h"
 
 #include <QDateTime>
 #include <QHash>
+#include <QList>
 #include <QObject>
 #include <QString>
 #include <QVariant>
 
-struct ConditionDataV2;
 struct MaintenanceDefinitionV1;
 
 /**
@@ -43,6 +44,16 @@ private:
         = QVariant (Validator::*)(const QString &machine, QString &reason, bool &modified, const QVariant &data);
     using ConditionTypes = QHash<QString, qint32>;
 
+    /** What the validator knows of the conditions of one machine. */
+    struct MachineConditions
+    {
+        // Condition id to the dataType of the latest definition.
+        ConditionTypes types;
+        // The last list of condition values that held no text, kept so that the same list is known again without
+        // looking at its items: while it is kept here, nobody can change its items without copying them.
+        QList<ConditionDataV2> textFree;
+    };
+
     bool checkState(const QString &machine, QString &reason, const QVariant &data);
     bool checkNotificationAdd(const QString &machine, QString &reason, const QVariant &data);
     bool checkNotificationRemove(const QString &machine, QString &reason, const QVariant &data);
@@ -63,8 +74,8 @@ private:
     // Keyed by the registered type id, which stands for the type name one to one and needs no string per dataset.
     QHash<int, Check> m_checks;
     QHash<int, Repair> m_repairs;
-    // Machine name to condition id to the dataType of the latest definition; never cleared.
-    QHash<QString, ConditionTypes> m_conditionTypes;
+    // By machine name; never cleared.
+    QHash<QString, MachineConditions> m_machines;
 };
 
 #endif

@@ -133,6 +133,7 @@ private slots:
     void conditionValue_data();
     void conditionValue();
     void conditionValueList();
+    void listWithoutTextSentAgain();
     void conditionTypesPerMachine();
     void laterDefinitionReplacesType();
     void repairWithoutDebugOutput();
@@ -621,6 +622,34 @@ void tst_Validator::conditionValueList()
     process(validator, QVariant::fromValue(empty));
     QCOMPARE(spy.count(), 4);
     QVERIFY(m_log.lines().isEmpty());
+}
+
+void tst_Validator::listWithoutTextSentAgain()
+{
+    // A list without text is passed on as it came, again and again; once an item of it changes to text, that item is
+    // converted, in the list sent again as in a copy of it.
+    Validator validator;
+    QSignalSpy spy(&validator, Processed);
+    learn(validator, "i", 1);
+    ConditionDatasV2 list;
+    list.items = { value("i", 4), value("u", "1") };
+    list.items[1].value = 2.5;
+    const QVariant sent = QVariant::fromValue(list);
+    process(validator, sent);
+    process(validator, sent);
+    QCOMPARE(spy.count(), 3);
+    QCOMPARE(qvariant_cast<ConditionDatasV2>(spy.at(1).at(3)), list);
+    QCOMPARE(qvariant_cast<ConditionDatasV2>(spy.at(2).at(3)), list);
+
+    list.items[0].value = QStringLiteral("12");
+    process(validator, QVariant::fromValue(list));
+    QCOMPARE(spy.count(), 4);
+    const ConditionDatasV2 result = qvariant_cast<ConditionDatasV2>(spy.at(3).at(3));
+    QCOMPARE(result.items.at(0).value, QVariant(12));
+    QCOMPARE(result.items.at(0).value.userType(), int(QMetaType::Int));
+    QCOMPARE(result.items.at(1).value, QVariant(2.5));
+    QCOMPARE(
+        m_log.lines(), QStringList { modified("ConditionDatasV2", "Changed Variant Datatype from String to Int") });
 }
 
 void tst_Validator::conditionTypesPerMachine()

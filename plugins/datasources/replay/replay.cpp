@@ -13,6 +13,24 @@ const QString Group = QStringLiteral("replay");
 const QLatin1String DelayKey("delayMs");
 constexpr int MaxPause = std::numeric_limits<int>::max();
 
+/** The white space that QByteArray::trimmed() takes away. */
+bool isSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/** What QByteArray::trimmed() gives, sharing text's bytes: a line is read without being copied. */
+QByteArray trimmedView(const QByteArray &text)
+{
+    const char *begin = text.constData();
+    const char *end = begin + text.size();
+    while (begin < end && isSpace(*begin))
+        ++begin;
+    while (end > begin && isSpace(end[-1]))
+        --end;
+    return QByteArray::fromRawData(begin, int(end - begin));
+}
+
 } // namespace
 
 const QVector<SettingKey> &Replay::settings()
@@ -101,8 +119,11 @@ bool Replay::readDataset(qint64 *pause)
             m_lineNumber = 0;
             m_datasetsThisPass = 0;
         }
-        // readLine(n) gives at most n - 1 bytes: one more than the limit tells a line that is too long.
-        const QByteArray raw = m_file.readLine(m_maxLineBytes + 2);
+        // readLine(n) gives at most n - 1 bytes: one more than the limit tells a line that is too long. The line goes
+        // into a buffer kept for every line, which is only as resident as the longest line read has made it.
+        m_buffer.resize(int(m_maxLineBytes + 2));
+        const qint64 length = m_file.readLine(m_buffer.data(), m_maxLineBytes + 2);
+        const QByteArray raw = QByteArray::fromRawData(m_buffer.constData(), int(qMax<qint64>(length, 0)));
         if (raw.isEmpty()) {
             qCWarning(lcReplay) << QStringLiteral("Can't read %1: %2").arg(m_file.fileName(), m_file.errorString());
             m_file.close();
@@ -120,7 +141,7 @@ bool Replay::readDataset(qint64 *pause)
                                        .arg(m_maxLineBytes);
             continue;
         }
-        const QByteArray line = raw.trimmed();
+        const QByteArray line = trimmedView(raw);
         if (line.isEmpty())
             continue;
 

@@ -41,6 +41,8 @@ private:
     bool readDataset(qint64 *delay);
 
     QFile m_file;
+    // The line read last; kept, so that reading a line allocates nothing.
+    QByteArray m_buffer;
     QTimer m_timer;
     int m_interval = 0;
     bool m_loop = false;

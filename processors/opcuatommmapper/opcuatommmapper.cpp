@@ -410,25 +410,42 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         emit dataProcessed(timestamp, machine, source, QVariant::fromValue(definitions));
     }
 
-    // The last list sent is kept and brought up to date: its nodes are copied only when a value changed while a
-    // receiver still holds the list, and an update that changes nothing sends the same list again. QVariant::data()
-    // and the non-const QList::operator[] copy what is shared, so a dataset that went out never changes.
+    // The last list sent is kept and brought up to date, and an update that changes nothing sends the same list again.
+    // QVariant::data() and the non-const QList::operator[] copy what is shared, so a dataset that went out never
+    // changes.
     if (!known.stateDatas.isValid())
         known.stateDatas = QVariant::fromValue(ConditionDatasV2());
     auto &datas = *static_cast<ConditionDatasV2 *>(known.stateDatas.data());
     datas.timestamp = timestamp;
     if (present == known.stateInDatas) {
-        int position = 0;
-        visitStateItems(state, [&](int i, const auto *value) {
-            if (!value)
-                return;
-            const int at = position++;
-            const quint64 bits = valueBits(*value);
-            if (bits != known.stateBits[i]) {
-                datas.items[at].value = QVariant::fromValue(*value);
-                known.stateBits[i] = bits;
+        bool changed = false;
+        visitStateItems(state,
+            [&](int i, const auto *value) { changed = changed || (value && valueBits(*value) != known.stateBits[i]); });
+        if (changed) {
+            // The receivers keep the last list until the next one comes (Limit's entries point into it), so a change
+            // is written into the list before it, which they have let go of by then: no item is copied or freed. When
+            // that one is still held, the last list is copied instead and kept as the one to write next time.
+            QList<ConditionDataV2> &items = datas.items;
+            if (known.spareInDatas == present && known.spareItems.isDetached()) {
+                std::swap(items, known.spareItems);
+                std::swap(known.stateBits, known.spareBits);
+            } else {
+                known.spareItems = items;
+                known.spareBits = known.stateBits;
+                known.spareInDatas = present;
             }
-        });
+            int position = 0;
+            visitStateItems(state, [&](int i, const auto *value) {
+                if (!value)
+                    return;
+                const int at = position++;
+                const quint64 bits = valueBits(*value);
+                if (bits != known.stateBits[i]) {
+                    items[at].value = QVariant::fromValue(*value);
+                    known.stateBits[i] = bits;
+                }
+            });
+        }
     } else {
         // An item came or went: rare, so the list is made anew.
         QList<ConditionDataV2> list;
@@ -444,6 +461,8 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         });
         datas.items = list;
         known.stateInDatas = present;
+        known.spareItems.clear();
+        known.spareInDatas.reset();
     }
     emit dataProcessed(timestamp, machine, source, known.stateDatas);
 }

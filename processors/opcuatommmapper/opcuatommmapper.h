@@ -1,10 +1,12 @@
 #ifndef ORVIX_OPCUATOMMMAPPER_H
 #define ORVIX_OPCUATOMMMAPPER_H
 
+#include "conditiondatav2.h"
 #include "iprocessor.h"
 
 #include <QDateTime>
 #include <QHash>
+#include <QList>
 #include <QObject>
 #include <QString>
 #include <QVariant>
@@ -60,6 +62,10 @@ private:
          * the list's variants, each a heap block of its own that a steady update then need not touch.
          */
         std::array<quint64, StateItemCount> stateBits {};
+        /** The list sent before the last one, with its items and their bits, to write the next change into. */
+        QList<ConditionDataV2> spareItems;
+        std::bitset<StateItemCount> spareInDatas;
+        std::array<quint64, StateItemCount> spareBits {};
         std::array<QString, IdentificationFieldCount> identificationIds;
         std::bitset<IdentificationFieldCount> identificationDefined;
     };

@@ -651,19 +651,21 @@ void OpcUaConnection::eventArrived(WwMachine *machine, size_t count, const UA_Va
 void OpcUaConnection::flush()
 {
     const QString &source = m_options.source;
+    // The state first: the chain passes on the condition definitions of the first list it sees of a machine at once,
+    // and those of the flags and values matter most.
     for (const auto &owned : m_machines) {
         WwMachine &machine = *owned;
-        if (machine.identificationChanged && machine.awaitingIdentification == 0) {
-            machine.identificationChanged = false;
-            emit dataReceived(
-                machine.identificationTime, machine.name, source, QVariant::fromValue(machine.identification));
-            machine.identificationTime = QDateTime();
-        }
         if (machine.stateChanged && machine.awaitingState == 0) {
             machine.stateChanged = false;
             machine.online = true;
             emit dataReceived(machine.stateTime, machine.name, source, QVariant::fromValue(machine.state));
             machine.stateTime = QDateTime();
+        }
+        if (machine.identificationChanged && machine.awaitingIdentification == 0) {
+            machine.identificationChanged = false;
+            emit dataReceived(
+                machine.identificationTime, machine.name, source, QVariant::fromValue(machine.identification));
+            machine.identificationTime = QDateTime();
         }
         if (machine.programChanged) {
             machine.programChanged = false;

@@ -122,14 +122,14 @@ int DomArray::size() const
     if (counted < 0xFFFFFF)
         return int(counted);
     int size = 0;
-    for (auto it = m_array.begin(); it != m_array.end(); ++it)
+    for (auto it = m_array.begin(), end = m_array.end(); it != end; ++it)
         ++size;
     return size;
 }
 
 DomObject::DomObject(simdjson::dom::object object)
 {
-    for (auto it = object.begin(); it != object.end(); ++it) {
+    for (auto it = object.begin(), end = object.end(); it != end; ++it) {
         m_fields.append({ it.key_c_str(), it.key_length(), it.value() });
         m_keyMarks |= keyMark(it.key_c_str(), it.key_length());
     }

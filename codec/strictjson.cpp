@@ -48,7 +48,7 @@ bool repeatsKey(simdjson::dom::object object)
         std::array<quint8, 2 * SmallObjectKeys> table {};
         constexpr size_t mask = 2 * SmallObjectKeys - 1;
         size_t index = 0;
-        for (auto it = object.begin(); it != object.end(); ++it) {
+        for (auto it = object.begin(), end = object.end(); it != end; ++it) {
             const char *key = it.key_c_str();
             const size_t size = it.key_length();
             for (size_t slot = keyHash(key, size) & mask;; slot = (slot + 1) & mask) {

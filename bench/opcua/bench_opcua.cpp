@@ -13,6 +13,7 @@
 // without measuring.
 
 #include "opcua.h"
+#include "testsupport.h"
 #include "wwtypes.h"
 
 #include <QCoreApplication>
@@ -31,8 +32,6 @@
 #include <benchmark/benchmark.h>
 #include <open62541/client_subscriptions.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -114,19 +113,6 @@ qint64 processCpuNs(qint64 pid)
     return ticks * 1000000000 / sysconf(_SC_CLK_TCK);
 }
 
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
-
 QProcessEnvironment nodeEnvironment()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -162,7 +148,7 @@ public:
     /** Starts the server and waits until it listens; false with the reason in error() when it does not. */
     bool start(int machines, int rate)
     {
-        m_port = freePort();
+        m_port = TestSupport::freePort();
         m_process.setProcessEnvironment(nodeEnvironment());
         m_process.setStandardErrorFile(m_folder.filePath(QStringLiteral("server.log")));
         m_process.start(QStringLiteral("node"),

@@ -5,6 +5,7 @@
 #include "mmdatasets.h"
 #include "opcuaserver.h"
 #include "processmemory.h"
+#include "testsupport.h"
 #include "wwaddressspace.h"
 #include "wwtypes.h"
 
@@ -20,10 +21,7 @@
 #include <open62541/client_highlevel.h>
 #include <open62541/client_subscriptions.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -50,19 +48,6 @@ qint64 cpuNs(clockid_t clock)
     timespec time {};
     clock_gettime(clock, &time);
     return qint64(time.tv_sec) * 1000000000 + time.tv_nsec;
-}
-
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
 }
 
 QString machineName(int index)
@@ -171,7 +156,7 @@ void BM_ServeMachines(benchmark::State &state)
 {
     const int seconds = int(state.range(0));
     QTemporaryDir pki;
-    const quint16 port = freePort();
+    const quint16 port = TestSupport::freePort();
     OpcUaServer target;
     QVariantMap shared;
     const QVariantMap config { { "opcuaServerTarget",

@@ -1,12 +1,14 @@
 #include "mosquittobroker.h"
 
+#include "testsupport.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 MosquittoBroker::MosquittoBroker()
-    : m_port(freePort())
+    : m_port(TestSupport::freePort())
 {
 }
 
@@ -27,7 +29,7 @@ void MosquittoBroker::requireTls(const Certificates &certificates)
 {
     m_certificates = certificates;
     m_tls = true;
-    m_plainPort = freePort();
+    m_plainPort = TestSupport::freePort();
 }
 
 void MosquittoBroker::setAcl(const QByteArray &rules)
@@ -122,23 +124,6 @@ MosquittoBroker::Certificates MosquittoBroker::makeCertificates(const QString &f
                               .arg(arguments.join(QLatin1Char(' ')), QString::fromLocal8Bit(openssl.readAll()));
     }
     return files;
-}
-
-// Asks the kernel for a free loopback port; the broker binds it a moment later with SO_REUSEADDR.
-quint16 MosquittoBroker::freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof(address);
-    quint16 port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0
-        && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    ::close(fd);
-    return port;
 }
 
 void MosquittoBroker::writeConfig()

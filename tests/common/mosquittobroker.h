@@ -119,8 +119,6 @@ public:
     };
 
 private:
-    static quint16 freePort();
-
     QString configPath() const { return m_dir.filePath(QStringLiteral("mosquitto.conf")); }
 
     void writeConfig();

@@ -1,5 +1,9 @@
 #include "testsupport.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace TestSupport {
 
 bool writeFile(const QString &path, const QByteArray &content)
@@ -46,6 +50,22 @@ bool copyTestPlugin(const QString &name, const QString &destination)
 {
     QDir().mkpath(QFileInfo(destination).absolutePath());
     return QFile::copy(QStringLiteral(ORVIX_TEST_PLUGIN_DIR "/lib%1.so").arg(name), destination);
+}
+
+quint16 freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof(address);
+    quint16 port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0
+        && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0)
+        port = ntohs(address.sin_port);
+    ::close(fd);
+    return port;
 }
 
 } // namespace TestSupport

@@ -24,6 +24,9 @@ qint64 folderBytes(const QString &folder);
 /** The lines of a log file without their leading "yyyy-MM-dd HH:mm:ss " time. */
 QStringList logLines(const QString &path);
 
+/** A free port on the loopback interface, for a server that binds it a moment later with SO_REUSEADDR. */
+quint16 freePort();
+
 /** Copies a test plugin from the build tree's test plugin folder to the given path. */
 bool copyTestPlugin(const QString &name, const QString &destination);
 

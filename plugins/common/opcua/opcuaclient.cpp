@@ -164,18 +164,12 @@ bool OpcUaClient::configure(UA_ClientConfig *config, QString *error)
     UA_StatusCode status = UA_STATUSCODE_GOOD;
     const bool secured = m_options.securityMode != QLatin1String("None");
     if (secured) {
-        const OpcUaPki pki(m_options.pki, m_category);
-        QByteArray certificate;
-        QByteArray key;
-        QList<QByteArray> trusted;
-        if (!pki.ownCertificate(QString::fromLatin1(ApplicationUri), &certificate, &key, error)
-            || !pki.trusted(&trusted, error))
+        OpcUaPki::Credentials credentials;
+        if (!OpcUaPki(m_options.pki, m_category).credentials(QString::fromLatin1(ApplicationUri), &credentials, error))
             return false;
-        QVector<UA_ByteString> trustList;
-        for (const QByteArray &bytes : trusted)
-            trustList.append(OpcUa::view(bytes));
-        status = UA_ClientConfig_setDefaultEncryption(config, OpcUa::view(certificate), OpcUa::view(key),
-            trustList.constData(), size_t(trustList.size()), nullptr, 0);
+        const QVector<UA_ByteString> trustList = OpcUa::views(credentials.trusted);
+        status = UA_ClientConfig_setDefaultEncryption(config, OpcUa::view(credentials.certificate),
+            OpcUa::view(credentials.key), trustList.constData(), size_t(trustList.size()), nullptr, 0);
     } else {
         status = UA_ClientConfig_setDefault(config);
     }

@@ -95,6 +95,12 @@ bool OpcUaPki::ownCertificate(
     return readFile(certificatePath, certificate, error) && readFile(keyPath, key, error);
 }
 
+bool OpcUaPki::credentials(const QString &applicationUri, Credentials *credentials, QString *error) const
+{
+    return ownCertificate(applicationUri, &credentials->certificate, &credentials->key, error)
+        && trusted(&credentials->trusted, error);
+}
+
 bool OpcUaPki::trusted(QList<QByteArray> *certificates, QString *error) const
 {
     const QString folder = m_root + QStringLiteral("/trusted");

@@ -17,7 +17,18 @@ public:
     /** The folder root; log lines (a certificate made) go to category. */
     OpcUaPki(const QString &root, const QLoggingCategory &category);
 
+    /** What a client's or a server's configuration needs for security, each certificate and key in DER. */
+    struct Credentials
+    {
+        QByteArray certificate;
+        QByteArray key;
+        QList<QByteArray> trusted;
+    };
+
     QString root() const { return m_root; }
+
+    /** ownCertificate() and trusted() together; false with a sentence in *error when either fails. */
+    bool credentials(const QString &applicationUri, Credentials *credentials, QString *error) const;
 
     /**
      * The own certificate and key in DER, made with applicationUri in the certificate when none exists yet, and the

@@ -59,6 +59,15 @@ UA_String view(const QByteArray &bytes)
     return result;
 }
 
+QVector<UA_ByteString> views(const QList<QByteArray> &list)
+{
+    QVector<UA_ByteString> result;
+    result.reserve(list.size());
+    for (const QByteArray &bytes : list)
+        result.append(view(bytes));
+    return result;
+}
+
 UA_ByteString copy(const QByteArray &bytes)
 {
     const UA_ByteString source = view(bytes);

@@ -5,6 +5,7 @@
 #include <QLoggingCategory>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <open62541/plugin/log.h>
 #include <open62541/types.h>
@@ -25,6 +26,8 @@ QString text(const UA_String &text);
 QString statusName(UA_StatusCode status);
 /** A view of bytes as the library's string; bytes must outlive it. */
 UA_String view(const QByteArray &bytes);
+/** Views of each of a list's byte arrays, which must outlive them. */
+QVector<UA_ByteString> views(const QList<QByteArray> &list);
 /** A copy of bytes that the library owns and frees. */
 UA_ByteString copy(const QByteArray &bytes);
 /** A node id as text, such as "ns=3;s=Saw1" or "i=85", for log lines. */

@@ -176,19 +176,13 @@ bool OpcUaServerHost::configure(UA_ServerConfig *config, const Options &options,
 
     UA_StatusCode status = UA_STATUSCODE_GOOD;
     if (encrypted) {
-        const OpcUaPki pki(m_pki, m_category);
-        QByteArray certificate;
-        QByteArray key;
-        QList<QByteArray> trusted;
-        if (!pki.ownCertificate(QString::fromLatin1(ApplicationUri), &certificate, &key, error)
-            || !pki.trusted(&trusted, error))
+        OpcUaPki::Credentials credentials;
+        if (!OpcUaPki(m_pki, m_category).credentials(QString::fromLatin1(ApplicationUri), &credentials, error))
             return false;
-        QVector<UA_ByteString> trustList;
-        for (const QByteArray &bytes : trusted)
-            trustList.append(OpcUa::view(bytes));
-        const UA_ByteString ownCertificate = OpcUa::view(certificate);
-        const UA_ByteString ownKey = OpcUa::view(key);
-        status = UA_ServerConfig_setDefaultWithSecurityPolicies(config, options.port, &ownCertificate, &ownKey,
+        const QVector<UA_ByteString> trustList = OpcUa::views(credentials.trusted);
+        const UA_ByteString certificate = OpcUa::view(credentials.certificate);
+        const UA_ByteString key = OpcUa::view(credentials.key);
+        status = UA_ServerConfig_setDefaultWithSecurityPolicies(config, options.port, &certificate, &key,
             trustList.constData(), size_t(trustList.size()), nullptr, 0, nullptr, 0);
     } else {
         status = UA_ServerConfig_setMinimal(config, options.port, nullptr);

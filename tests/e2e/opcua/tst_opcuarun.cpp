@@ -9,26 +9,9 @@
 #include <QJsonObject>
 #include <QtTest>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace {
 
 const QString ServerScript = QStringLiteral("tests/plugins/datasources/opcua/wwtestserver.js");
-
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 QList<DatasetCodec::Dataset> readDatasets(const QString &file)
 {
@@ -135,7 +118,7 @@ void tst_OpcUaRun::cleanup()
 
 bool tst_OpcUaRun::startServer()
 {
-    m_port = freePort();
+    m_port = TestSupport::freePort();
     m_server.start(ServerScript, { QStringLiteral("--port"), QString::number(m_port) });
     return !m_server.next(QStringLiteral("ready"), 60000).isEmpty();
 }
@@ -198,7 +181,7 @@ void tst_OpcUaRun::gatewayLoop()
     IsolatedService service;
     for (const char *plugin : { "libopcua.so", "libopcuaserver.so" })
         QVERIFY(QFile::copy(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/") + plugin, service.pluginDir() + "/" + plugin));
-    const quint16 served = freePort();
+    const quint16 served = TestSupport::freePort();
     service.writeConfig(QString::fromUtf8(Chain
         + "[opcuaServerTarget]\n"
           "port=%2\n"

@@ -6,24 +6,7 @@
 #include <open62541/client_config_default.h>
 #include <open62541/client_highlevel.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace {
-
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 QString text(const UA_String &value)
 {
@@ -137,7 +120,7 @@ void tst_OpcUaServerRun::simulatedMachinesAreServed()
     IsolatedService service;
     QVERIFY(QFile::copy(ORVIX_PLUGIN_BUILD_DIR "/libsimulator.so", service.pluginDir() + "/libsimulator.so"));
     QVERIFY(QFile::copy(ORVIX_PLUGIN_BUILD_DIR "/libopcuaserver.so", service.pluginDir() + "/libopcuaserver.so"));
-    const quint16 port = freePort();
+    const quint16 port = TestSupport::freePort();
     service.writeConfig(QStringLiteral("[core]\n"
                                        "log=\"*.debug=false\"\n"
                                        "[simulator]\n"

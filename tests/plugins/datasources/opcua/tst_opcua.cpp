@@ -5,6 +5,7 @@
 #include "opcuaconnection.h"
 #include "opcuaserver.h"
 #include "pluginchecks.h"
+#include "testsupport.h"
 #include "wwtypes.h"
 
 #include <QDir>
@@ -14,28 +15,11 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <memory>
 
 namespace {
 
 const QString ServerScript = QStringLiteral("tests/plugins/datasources/opcua/wwtestserver.js");
-
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 /** The datasets of one type that a spy caught, with their machine and time stamp. */
 template <typename T> struct Caught
@@ -127,7 +111,7 @@ bool tst_OpcUa::startServer(const QStringList &arguments)
 {
     if (!NodeScript::available())
         return false;
-    m_port = freePort();
+    m_port = TestSupport::freePort();
     m_server.start(ServerScript, QStringList { QStringLiteral("--port"), QString::number(m_port) } + arguments);
     return !m_server.next(QStringLiteral("ready"), 60000).isEmpty();
 }
@@ -233,7 +217,7 @@ void tst_OpcUa::unusableSettingsSkipTheConnection()
 
 void tst_OpcUa::unreachableServerIsWarnedAboutOnce()
 {
-    m_port = freePort();
+    m_port = TestSupport::freePort();
     auto source = open(QVariantMap());
     QVERIFY(source);
     QTRY_VERIFY_WITH_TIMEOUT(!m_log.warnings().isEmpty(), 5000);
@@ -250,7 +234,7 @@ void tst_OpcUa::readsTheOpcUaServerTarget()
 {
     // An open62541 server, orvix's own OPC UA server target: fast, and no node.js needed.
     QTemporaryDir serverPki;
-    m_port = freePort();
+    m_port = TestSupport::freePort();
     OpcUaServer target;
     QVariantMap shared;
     const QVariantMap nameplate { { "ProductInstanceUri", "urn:example:m1" }, { "Manufacturer", "Acme" },

@@ -19,29 +19,12 @@
 #include <open62541/client_subscriptions.h>
 #include <open62541/plugin/create_certificate.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <future>
 
 namespace {
 
 const QDateTime When = QDateTime::fromMSecsSinceEpoch(1614585600250, Qt::UTC);
-
-quint16 freePort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 void silent(void *, UA_LogLevel, UA_LogCategory, const char *, va_list) { }
 
@@ -237,7 +220,7 @@ QVariantMap TestOpcUaServer::config(const QVariantMap &group) const
 
 void TestOpcUaServer::init()
 {
-    m_port = freePort();
+    m_port = TestSupport::freePort();
     m_log.start();
 }
 

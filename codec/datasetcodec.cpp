@@ -8,6 +8,8 @@
 #include <QJsonParseError>
 #include <QJsonValue>
 
+#include <utility>
+
 using namespace CodecDetail;
 
 namespace {
@@ -81,7 +83,7 @@ template <typename Object> bool decodeObject(const Object &object, DatasetCodec:
                 return fail(error, QStringLiteral("\"data\" cannot be read as %1").arg(typeName));
         }
     }
-    *out = dataset;
+    *out = std::move(dataset);
     return true;
 }
 

@@ -135,7 +135,7 @@ DomObject::DomObject(simdjson::dom::object object)
     }
 }
 
-DomObject::const_iterator DomObject::constFind(QLatin1String key) const
+DomObject::const_iterator DomObject::search(QLatin1String key) const
 {
     const quint32 size = quint32(key.size());
     if (!(m_keyMarks & keyMark(key.data(), size)))

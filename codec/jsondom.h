@@ -14,6 +14,7 @@
 #include <simdjson.h>
 
 #include <cstdint>
+#include <cstring>
 
 namespace CodecDetail {
 
@@ -145,7 +146,18 @@ public:
 
     const_iterator constBegin() const { return const_iterator(m_fields.constData()); }
     const_iterator constEnd() const { return const_iterator(m_fields.constData() + m_fields.size()); }
-    const_iterator constFind(QLatin1String key) const;
+    const_iterator constFind(QLatin1String key) const
+    {
+        // Mostly the key after the last one found.
+        if (m_next < m_fields.size()) {
+            const Field &field = m_fields[m_next];
+            if (field.size == quint32(key.size()) && std::memcmp(field.key, key.data(), field.size) == 0) {
+                m_next = m_next + 1 == m_fields.size() ? 0 : m_next + 1;
+                return const_iterator(&field);
+            }
+        }
+        return search(key);
+    }
     DomValue value(QLatin1String key) const
     {
         const const_iterator it = constFind(key);
@@ -153,6 +165,7 @@ public:
     }
 
 private:
+    const_iterator search(QLatin1String key) const;
     static quint64 keyMark(const char *key, size_t size)
     {
         return size == 0 ? 1 : quint64(1) << ((size * 7 + uchar(key[size - 1])) & 63);

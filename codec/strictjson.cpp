@@ -34,37 +34,9 @@ size_t keyHash(const char *key, size_t size)
     return size == 0 ? 0 : size * 31 + uchar(key[0]) * 7 + uchar(key[size - 1]) * 131 + uchar(key[size / 2]);
 }
 
-/** Whether an object holds a key twice; it allocates nothing for the objects of datasets. */
-bool repeatsKey(simdjson::dom::object object)
+/** Whether a large object holds a key twice, found by sorting its keys. */
+bool repeatsKeySorted(simdjson::dom::object object)
 {
-    const size_t count = object.size();
-    if (count < 2)
-        return false;
-    if (count <= SmallObjectKeys) {
-        // Open addressing over twice as many slots as keys: 0 is free, otherwise the key's index plus one. Only the
-        // table is cleared: a key is read only through a slot that names it.
-        const char *keys[SmallObjectKeys];
-        size_t sizes[SmallObjectKeys];
-        std::array<quint8, 2 * SmallObjectKeys> table {};
-        constexpr size_t mask = 2 * SmallObjectKeys - 1;
-        size_t index = 0;
-        for (auto it = object.begin(), end = object.end(); it != end; ++it) {
-            const char *key = it.key_c_str();
-            const size_t size = it.key_length();
-            for (size_t slot = keyHash(key, size) & mask;; slot = (slot + 1) & mask) {
-                const quint8 taken = table[slot];
-                if (taken == 0) {
-                    keys[index] = key;
-                    sizes[index] = size;
-                    table[slot] = quint8(++index);
-                    break;
-                }
-                if (sizes[taken - 1] == size && std::memcmp(keys[taken - 1], key, size) == 0)
-                    return true;
-            }
-        }
-        return false;
-    }
     thread_local std::vector<std::string_view> sorted;
     sorted.clear();
     for (simdjson::dom::key_value_pair field : object)
@@ -90,6 +62,14 @@ bool unclearNumber(simdjson::dom::element element)
     return number == 0 || (std::trunc(number) == number && std::fabs(number) >= 4611686018427387904.0);
 }
 
+/** Whether an element needs a look of its own: a container for its keys, a floating-point number for its value. */
+bool needsLook(simdjson::dom::element element)
+{
+    const simdjson::dom::element_type type = element.type();
+    return type == simdjson::dom::element_type::OBJECT || type == simdjson::dom::element_type::ARRAY
+        || type == simdjson::dom::element_type::DOUBLE;
+}
+
 /** Whether the parsed line holds a key twice anywhere; notes an unclear number on the way. */
 bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
 {
@@ -99,7 +79,7 @@ bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
         if (element.get(array) != simdjson::SUCCESS)
             return false;
         for (simdjson::dom::element child : array) {
-            if (repeatsKeyWithin(child, unclear))
+            if (needsLook(child) && repeatsKeyWithin(child, unclear))
                 return true;
         }
         return false;
@@ -108,10 +88,39 @@ bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
         simdjson::dom::object object;
         if (element.get(object) != simdjson::SUCCESS)
             return false;
-        if (repeatsKey(object))
-            return true;
-        for (simdjson::dom::key_value_pair field : object) {
-            if (repeatsKeyWithin(field.value, unclear))
+        if (object.size() > SmallObjectKeys) {
+            if (repeatsKeySorted(object))
+                return true;
+            for (simdjson::dom::key_value_pair field : object) {
+                if (needsLook(field.value) && repeatsKeyWithin(field.value, unclear))
+                    return true;
+            }
+            return false;
+        }
+        // The objects of datasets: each key into a table on the stack, open addressing over twice as many slots as
+        // keys (0 free, otherwise the key's index plus one), and its value looked at in the same pass. Only the table
+        // is cleared: a key is read only through a slot that names it.
+        const char *keys[SmallObjectKeys];
+        size_t sizes[SmallObjectKeys];
+        std::array<quint8, 2 * SmallObjectKeys> table {};
+        constexpr size_t mask = 2 * SmallObjectKeys - 1;
+        size_t index = 0;
+        for (auto it = object.begin(), end = object.end(); it != end; ++it) {
+            const char *key = it.key_c_str();
+            const size_t size = it.key_length();
+            for (size_t slot = keyHash(key, size) & mask;; slot = (slot + 1) & mask) {
+                const quint8 taken = table[slot];
+                if (taken == 0) {
+                    keys[index] = key;
+                    sizes[index] = size;
+                    table[slot] = quint8(++index);
+                    break;
+                }
+                if (sizes[taken - 1] == size && std::memcmp(keys[taken - 1], key, size) == 0)
+                    return true;
+            }
+            const simdjson::dom::element value = it.value();
+            if (needsLook(value) && repeatsKeyWithin(value, unclear))
                 return true;
         }
         return false;

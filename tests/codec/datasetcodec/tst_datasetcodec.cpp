@@ -671,6 +671,14 @@ void tst_DatasetCodec::badLines_data()
     QTest::newRow("duplicate key") << QByteArray(R"({"a":{"b":"x"},"a":{"b":"x"}})") << "duplicate key \"a\"";
     QTest::newRow("duplicate key deep") << QByteArray(R"({"type":"StateV1","data":{"state":1,"state":2}})")
                                         << "duplicate key \"state\"";
+    // Objects of more than 64 keys are searched for a repeated key another way than small ones.
+    QByteArray manyKeys = "{";
+    for (int i = 0; i < 100; ++i)
+        manyKeys += "\"k" + QByteArray::number(i) + "\":" + QByteArray::number(i) + ",";
+    QTest::newRow("duplicate key among many") << manyKeys + R"("k7":1})"
+                                              << "duplicate key \"k7\"";
+    QTest::newRow("duplicate key below many") << manyKeys + R"("x":{"a":1,"a":2}})"
+                                              << "duplicate key \"a\"";
     QTest::newRow("nested 65 deep") << QByteArray(32, '[') + QByteArray(R"({"a":)") + QByteArray(31, '[')
             + QByteArray("1") + QByteArray(31, ']') + QByteArray("}")
             + QByteArray(32, ']') << "the line nests deeper than 64 levels";

@@ -15,10 +15,6 @@
 
 namespace {
 
-// Objects of up to this many keys are checked for repeats by comparing each with those before it; larger ones by a
-// set, so that a hostile object of many keys costs linear time.
-constexpr size_t LinearKeyLimit = 16;
-
 QString textOf(std::string_view text)
 {
     return QString::fromUtf8(text.data(), int(text.size()));
@@ -133,7 +129,14 @@ bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
     }
 }
 
-/** Names the first repeated key in the order Qt's reader would meet it; only for a line known to repeat one. */
+// Objects of up to this many keys are checked for repeats by comparing each with those before it; larger ones by a
+// set, so that a hostile object of many keys costs linear time.
+constexpr size_t LinearKeyLimit = 16;
+
+/**
+ * Names the first repeated key of the line, depth first, as the refusal has always named it; only for a line that the
+ * walk above found to repeat one, so its cost does not count.
+ */
 bool checkElement(simdjson::dom::element element, QString *error)
 {
     simdjson::dom::array array;

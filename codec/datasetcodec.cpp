@@ -49,7 +49,7 @@ template <typename Object> bool decodeObject(const Object &object, DatasetCodec:
     DatasetCodec::Dataset dataset;
     const auto timestamp = object.value(QLatin1String("timestamp"));
     if (!timestamp.isUndefined() && !timestamp.isNull()) {
-        dataset.timestamp = dateTimeFromText(timestamp.toString());
+        dataset.timestamp = dateTimeOf(timestamp);
         if (!timestamp.isString() || !dataset.timestamp.isValid())
             return fail(error, QStringLiteral("\"timestamp\" must be an ISO 8601 date-time or null"));
     }
@@ -65,23 +65,20 @@ template <typename Object> bool decodeObject(const Object &object, DatasetCodec:
             return fail(error, QStringLiteral("\"data\" must be null when \"type\" is null"));
     } else if (!typeIt.value().isString()) {
         return fail(error, QStringLiteral("\"type\" must be a string"));
+    } else if (const TypeEntry *entry = registry().find(typeIt.value())) {
+        if (!data.isObject())
+            return fail(error, QStringLiteral("\"data\" of %1 must be an object").arg(QLatin1String(entry->name)));
+        if (!entry->readFrom(data.toObject(), &dataset.data, &problem))
+            return fail(error, problem);
     } else {
         const QString typeName = typeIt.value().toString();
-        const auto entryIt = registry().byName.constFind(typeName);
-        if (entryIt != registry().byName.constEnd()) {
-            if (!data.isObject())
-                return fail(error, QStringLiteral("\"data\" of %1 must be an object").arg(typeName));
-            if (!entryIt->readFrom(data.toObject(), &dataset.data, &problem))
-                return fail(error, problem);
-        } else {
-            // Qt's own value types are read with Qt's conversion from JSON; other types cannot be rebuilt.
-            const int type = QMetaType::type(typeName.toLatin1().constData());
-            if (type == QMetaType::UnknownType || type >= QMetaType::User)
-                return fail(error, QStringLiteral("unknown dataset type \"%1\"").arg(typeName));
-            dataset.data = data.toVariant();
-            if (!dataset.data.convert(type))
-                return fail(error, QStringLiteral("\"data\" cannot be read as %1").arg(typeName));
-        }
+        // Qt's own value types are read with Qt's conversion from JSON; other types cannot be rebuilt.
+        const int type = QMetaType::type(typeName.toLatin1().constData());
+        if (type == QMetaType::UnknownType || type >= QMetaType::User)
+            return fail(error, QStringLiteral("unknown dataset type \"%1\"").arg(typeName));
+        dataset.data = data.toVariant();
+        if (!dataset.data.convert(type))
+            return fail(error, QStringLiteral("\"data\" cannot be read as %1").arg(typeName));
     }
     *out = std::move(dataset);
     return true;

@@ -56,6 +56,14 @@ QString DomValue::toString() const
     return QString::fromUtf8(text.data(), int(text.size()));
 }
 
+std::string_view DomValue::utf8() const
+{
+    std::string_view text;
+    if (!m_defined || m_element.get_string().get(text) != simdjson::SUCCESS)
+        return std::string_view();
+    return text;
+}
+
 DomArray DomValue::toArray() const
 {
     simdjson::dom::array array;

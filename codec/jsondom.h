@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 namespace CodecDetail {
 
@@ -47,6 +48,8 @@ public:
     bool toBool() const { return isBool() && m_element.get_bool().value_unsafe(); }
     double toDouble() const;
     QString toString() const;
+    /** A string's UTF-8 bytes, as the line has them once unescaped; empty for anything else. */
+    std::string_view utf8() const;
     DomArray toArray() const;
     DomObject toObject() const;
     /** As QJsonValue::toVariant(): an integer as qlonglong, any other number as double. */

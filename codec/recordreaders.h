@@ -27,6 +27,10 @@ QString nestedProblem(const char *field, const char *record, const QString &inne
 /** A date-time as ISO 8601 with milliseconds reads it (Qt::ISODateWithMs); invalid when it is none. */
 QDateTime dateTimeFromText(const QString &text);
 
+/** The date-time of a JSON string, as dateTimeFromText() reads its text; invalid for anything else. */
+QDateTime dateTimeOf(const QJsonValue &json);
+QDateTime dateTimeOf(const DomValue &json);
+
 template <typename Json>
 bool readDouble(const Json &json, double *out, const char *field, const char *record, QString *error);
 

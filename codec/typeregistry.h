@@ -7,6 +7,7 @@
 #include "jsondom.h"
 #include "jsonwriter.h"
 
+#include <QByteArray>
 #include <QHash>
 #include <QJsonObject>
 #include <QString>
@@ -35,8 +36,23 @@ struct Registry
 {
     QHash<int, TypeEntry> byId;
     QHash<QString, TypeEntry> byName;
+    // The same by the name's bytes, which the parsed line has without a text made of them.
+    QHash<QByteArray, TypeEntry> byNameBytes;
 
     template <typename Record> void add();
+
+    /** The type a JSON string names, nullptr when none. */
+    const TypeEntry *find(const QJsonValue &name) const
+    {
+        const auto it = byName.constFind(name.toString());
+        return it == byName.constEnd() ? nullptr : &it.value();
+    }
+    const TypeEntry *find(const DomValue &name) const
+    {
+        const std::string_view bytes = name.utf8();
+        const auto it = byNameBytes.constFind(QByteArray::fromRawData(bytes.data(), int(bytes.size())));
+        return it == byNameBytes.constEnd() ? nullptr : &it.value();
+    }
 };
 
 /** The table, built once on first use. */

@@ -17,6 +17,7 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 namespace CodecDetail {
 
@@ -179,19 +180,33 @@ bool readValue(const Json &json, T *out, const char *field, const char *record, 
     }
 }
 
+/** The names of a record's fields in the order of visitFields, measured once rather than for every record read. */
+template <typename Record> const std::vector<QLatin1String> &fieldKeys()
+{
+    static const std::vector<QLatin1String> keys = [] {
+        std::vector<QLatin1String> list;
+        Record::visitFields([&](const char *name, auto) { list.emplace_back(name); });
+        return list;
+    }();
+    return keys;
+}
+
 template <typename Record, typename Object> bool readRecord(const Object &object, Record *out, QString *error)
 {
     // Filled into a copy, so that a failure leaves nothing half done; missing keys keep the defaults.
     Record record {};
     bool ok = true;
+    const std::vector<QLatin1String> &keys = fieldKeys<Record>();
+    size_t index = 0;
     Record::visitFields([&](const char *name, auto member) {
+        const QLatin1String key = keys[index++];
         if (!ok)
             return;
         using Field = std::decay_t<decltype(record.*member)>;
         if constexpr (std::is_same_v<Field, QVariant>) {
             ok = readVariant(object, name, recordName<Record>, &(record.*member), error);
         } else {
-            const auto it = object.constFind(QLatin1String(name));
+            const auto it = object.constFind(key);
             if (it == object.constEnd())
                 return;
             if constexpr (IsOptional<Field>::value) {

@@ -146,8 +146,6 @@ DomObject::DomObject(simdjson::dom::object object)
 DomObject::const_iterator DomObject::search(QLatin1String key) const
 {
     const quint32 size = quint32(key.size());
-    if (!(m_keyMarks & keyMark(key.data(), size)))
-        return constEnd();
     // From the key after the last one found round to it.
     const int count = m_fields.size();
     for (int step = 0, at = m_next; step < count; ++step, at = at + 1 == count ? 0 : at + 1) {

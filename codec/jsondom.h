@@ -151,6 +151,8 @@ public:
     const_iterator constEnd() const { return const_iterator(m_fields.constData() + m_fields.size()); }
     const_iterator constFind(QLatin1String key) const
     {
+        if (!(m_keyMarks & keyMark(key.data(), size_t(key.size()))))
+            return constEnd();
         // Mostly the key after the last one found.
         if (m_next < m_fields.size()) {
             const Field &field = m_fields[m_next];

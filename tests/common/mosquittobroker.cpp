@@ -207,9 +207,9 @@ bool MosquittoBroker::Client::connectTo(quint16 port, const QByteArray &filter, 
     return false;
 }
 
-bool MosquittoBroker::Client::publish(const QByteArray &topic, const QByteArray &payload, bool retain)
+bool MosquittoBroker::Client::publish(const QByteArray &topic, const QByteArray &payload, bool retain, int qos)
 {
-    return mosquitto_publish(m_mosq, nullptr, topic.constData(), payload.size(), payload.constData(), 1, retain)
+    return mosquitto_publish(m_mosq, nullptr, topic.constData(), payload.size(), payload.constData(), qos, retain)
         == MOSQ_ERR_SUCCESS;
 }
 

@@ -95,7 +95,7 @@ public:
         bool connectTo(quint16 port, const QByteArray &filter, const QByteArray &clientId = QByteArray());
 
         /** Publishes at QoS 1 and waits until the library has handed it to the socket. */
-        bool publish(const QByteArray &topic, const QByteArray &payload, bool retain = false);
+        bool publish(const QByteArray &topic, const QByteArray &payload, bool retain = false, int qos = 1);
 
         QVector<Message> messages() const;
         int count() const;

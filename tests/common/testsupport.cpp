@@ -52,6 +52,12 @@ bool copyTestPlugin(const QString &name, const QString &destination)
     return QFile::copy(QStringLiteral(ORVIX_TEST_PLUGIN_DIR "/lib%1.so").arg(name), destination);
 }
 
+qint64 residentBytes()
+{
+    const QList<QByteArray> fields = readFile(QStringLiteral("/proc/self/statm")).split(' ');
+    return fields.size() > 1 ? fields.at(1).toLongLong() * sysconf(_SC_PAGESIZE) : 0;
+}
+
 quint16 freePort()
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);

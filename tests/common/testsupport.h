@@ -24,6 +24,9 @@ qint64 folderBytes(const QString &folder);
 /** The lines of a log file without their leading "yyyy-MM-dd HH:mm:ss " time. */
 QStringList logLines(const QString &path);
 
+/** The process's resident set in bytes, from /proc/self/statm. */
+qint64 residentBytes();
+
 /** A free port on the loopback interface, for a server that binds it a moment later with SO_REUSEADDR. */
 quint16 freePort();
 

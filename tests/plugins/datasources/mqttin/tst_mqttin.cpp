@@ -5,6 +5,7 @@
 #include "mmdatasets.h"
 #include "mosquittobroker.h"
 #include "pluginchecks.h"
+#include "testsupport.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -53,6 +54,7 @@ private slots:
     void machineFromTheTopicWhenThePayloadHasNone();
     void badPayloads_data();
     void badPayloads();
+    void hostileMessagesKeepMemoryBounded();
     void emptyMessageIsIgnored();
     void subscribesAgainAfterEveryReconnect();
     void requestsGoToTheMachinesTopic();
@@ -201,6 +203,10 @@ void tst_MqttIn::badPayloads_data()
     QByteArray huge = R"({"machine":"m1","type":"QString","data":")";
     huge += QByteArray(1024 * 1024 - huge.size() - 2, 'x') + "\"}";
     QTest::newRow("1 MiB") << huge << QStringLiteral("1048576 bytes, more than maxPayload 262144");
+    const QByteArray repeated = R"({"machine":"m1","type":"StateV1","machine":"m2","data":{"state":3}})";
+    QTest::newRow("repeated key") << repeated << decoderError(repeated);
+    const QByteArray escape = R"({"machine":"m\q1","type":"StateV1","data":{"state":3}})";
+    QTest::newRow("invalid escape") << escape << decoderError(escape);
     QTest::newRow("not UTF-8") << QByteArray("{\"machine\":\"m\xff\",\"type\":\"StateV1\",\"data\":{}}")
                                << decoderError("{\"machine\":\"m\xff\",\"type\":\"StateV1\",\"data\":{}}");
 }
@@ -223,6 +229,53 @@ void tst_MqttIn::badPayloads()
     QCOMPARE(received.first().at(3).value<GeneralV1>().pieces, quint64(12));
     QCOMPARE(m_log.warnings(),
         QStringList { m_log.warning(QStringLiteral("Dropped the message on plant/m1/bad: %1").arg(reason)) });
+}
+
+void tst_MqttIn::hostileMessagesKeepMemoryBounded()
+{
+    MosquittoBroker broker;
+    QVERIFY2(broker.start(), broker.lastOutput().constData());
+    MqttIn in;
+    QSignalSpy received(&in, &MqttIn::dataReceived);
+    QVERIFY(start(in, broker));
+    // The refusals are not formatted at all, so that only what mqttIn itself keeps can grow.
+    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\nmqttIn.warning=false"));
+    MosquittoBroker::Client publisher;
+    QVERIFY(publisher.connectTo(broker.port(), "nothing"));
+    // A repeated key holding an object, which Qt's own parser keeps when it replaces it: a kilobyte a message.
+    const QByteArray text(1024, 'x');
+    const QByteArray hostile = R"({"a":{"b":")" + text + R"("},"a":{"b":"x"}})";
+    // At QoS 0, which needs no acknowledgement each, in rounds of 500 closed by a good line at QoS 1, so that no
+    // round overtakes the datasource.
+    const auto send = [&](int count) {
+        for (int i = 0; i < count; i += 500) {
+            for (int j = 0; j < 500; ++j) {
+                if (!publisher.publish("plant/m1/x", hostile, false, 0))
+                    return false;
+            }
+            // A running event loop, not QTest's waiting, which sleeps between its turns.
+            const int before = received.size();
+            QEventLoop loop;
+            connect(&in, &MqttIn::dataReceived, &loop, &QEventLoop::quit);
+            QTimer::singleShot(20000, &loop, &QEventLoop::quit);
+            if (!publisher.publish("plant/m1/x", GeneralLine))
+                return false;
+            loop.exec();
+            if (received.size() == before)
+                return false;
+        }
+        return true;
+    };
+    QVERIFY(send(2000));
+    const qint64 before = TestSupport::residentBytes();
+    QVERIFY(send(20000));
+    const qint64 growth = TestSupport::residentBytes() - before;
+#ifdef __SANITIZE_ADDRESS__
+    // AddressSanitizer keeps freed memory in quarantine, so only a plain build shows what the datasource holds.
+    Q_UNUSED(growth)
+#else
+    QVERIFY2(growth < 5 * 1024 * 1024, qPrintable(QString::number(growth)));
+#endif
 }
 
 void tst_MqttIn::emptyMessageIsIgnored()

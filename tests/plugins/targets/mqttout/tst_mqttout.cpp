@@ -61,12 +61,6 @@ QList<int> range(int from, int to)
     return result;
 }
 
-qint64 residentBytes()
-{
-    const QList<QByteArray> fields = readFile(QStringLiteral("/proc/self/statm")).split(' ');
-    return fields.size() > 1 ? fields.at(1).toLongLong() * sysconf(_SC_PAGESIZE) : 0;
-}
-
 /**
  * The test program started again as orvix would be: an mqttOut that sends count datasets and then keeps running
  * until it is killed. It prints "spooled" after sending and "delivered" once the spool is empty.

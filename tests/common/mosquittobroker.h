@@ -94,7 +94,7 @@ public:
         /** Connects with a persistent session when an id is given, and subscribes to filter after every connect. */
         bool connectTo(quint16 port, const QByteArray &filter, const QByteArray &clientId = QByteArray());
 
-        /** Publishes at QoS 1 and waits until the library has handed it to the socket. */
+        /** Publishes at qos (1 unless told otherwise) and waits until the library has handed it to the socket. */
         bool publish(const QByteArray &topic, const QByteArray &payload, bool retain = false, int qos = 1);
 
         QVector<Message> messages() const;

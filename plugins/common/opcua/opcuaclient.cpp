@@ -26,26 +26,12 @@ struct PendingService
     OpcUaClient::Continuation continuation;
 };
 
-/** A response that arrived during an iteration, with what to do with it. */
-struct ArrivedResponse
-{
-    void *response;
-    const UA_DataType *responseType;
-    OpcUaClient::Continuation continuation;
-};
-
 // The library's certificate checks carry only their own configuration; the clients live on the event-loop thread,
 // so one plain registry serves.
 QHash<const UA_CertificateVerification *, const OpcUaClient *> &clientsByVerification()
 {
     static QHash<const UA_CertificateVerification *, const OpcUaClient *> clients;
     return clients;
-}
-
-QHash<const OpcUaClient *, QVector<ArrivedResponse>> &arrivedByClient()
-{
-    static QHash<const OpcUaClient *, QVector<ArrivedResponse>> arrived;
-    return arrived;
 }
 
 } // namespace
@@ -203,7 +189,8 @@ void OpcUaClient::iterate()
         return;
     UA_Client_run_iterate(m_client, 0);
     // Continuations run only now, outside the library's callbacks, so they may send services of their own.
-    const QVector<ArrivedResponse> arrived = arrivedByClient().take(this);
+    const QVector<ArrivedResponse> arrived = std::move(m_arrived);
+    m_arrived.clear();
     for (const ArrivedResponse &response : arrived) {
         if (!m_failed && m_connected)
             response.continuation(response.response);
@@ -277,7 +264,7 @@ void OpcUaClient::serviceCallback(UA_Client *, void *userdata, UA_UInt32, void *
         return;
     void *copy = UA_new(pending->responseType);
     UA_copy(response, copy, pending->responseType);
-    arrivedByClient()[pending->client].append(
+    pending->client->m_arrived.append(
         ArrivedResponse { copy, pending->responseType, std::move(pending->continuation) });
 }
 
@@ -325,7 +312,8 @@ void OpcUaClient::tearDown()
     UA_ClientConfig *config = UA_Client_getConfig(client);
     clientsByVerification().remove(&config->certificateVerification);
     UA_Client_delete(client);
-    const QVector<ArrivedResponse> arrived = arrivedByClient().take(this);
+    const QVector<ArrivedResponse> arrived = std::move(m_arrived);
+    m_arrived.clear();
     for (const ArrivedResponse &response : arrived)
         UA_delete(response.response, response.responseType);
     if (!m_open)

@@ -6,6 +6,7 @@
 #include <QString>
 #include <QStringList>
 #include <QTimer>
+#include <QVector>
 
 #include <open62541/client.h>
 #include <open62541/client_subscriptions.h>
@@ -91,6 +92,14 @@ signals:
     void iterated();
 
 private:
+    /** A response that arrived during an iteration, with what to do with it. */
+    struct ArrivedResponse
+    {
+        void *response;
+        const UA_DataType *responseType;
+        Continuation continuation;
+    };
+
     bool dispatch(const UA_DataType &responseType, Continuation continuation,
         const std::function<UA_StatusCode(void *userdata)> &send);
     void attempt();
@@ -122,6 +131,7 @@ private:
     int m_longestBackoff = 60000;
     int m_backoff = 0;
     mutable QString m_lastRejected;
+    QVector<ArrivedResponse> m_arrived;
 };
 
 #endif

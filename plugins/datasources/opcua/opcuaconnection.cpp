@@ -97,6 +97,7 @@ void OpcUaConnection::disconnected()
         emit dataReceived(now, machine->name, m_options.source, QVariant::fromValue(WwState()));
     }
     m_items.clear();
+    m_queued.clear();
     m_machines.clear();
     m_events.clear();
     m_subscription = 0;
@@ -237,7 +238,6 @@ void OpcUaConnection::checkType(const OpcUa::NodeId &type, int depth, std::funct
 void OpcUaConnection::addMachine(const Reference &reference)
 {
     auto machine = std::make_unique<WwMachine>();
-    machine->browseName = reference.name;
     machine->name = m_options.renames.value(reference.name, reference.name);
     machine->object = reference.node;
     machine->identification.Name = machine->name;
@@ -408,6 +408,7 @@ void OpcUaConnection::subscribe(WwMachine *machine)
                         --item->machine->awaitingIdentification;
                     else if (item->field != WwMachine::Field::LastProgramName)
                         --item->machine->awaitingState;
+                    queue(item->machine);
                 }
             }
         });
@@ -453,7 +454,7 @@ void OpcUaConnection::subscribeEvents(WwMachine *machine)
     filter.selectClausesSize = EventFieldCount;
 
     m_items.push_back(
-        std::make_unique<Item>(Item { this, machine, WwMachine::Field::CurrentState, -1, QStringLiteral("Events") }));
+        std::make_unique<Item>(Item { this, machine, WwMachine::Field::Events, 0, QStringLiteral("Events") }));
     void *context = m_items.back().get();
     UA_MonitoredItemCreateRequest item;
     UA_MonitoredItemCreateRequest_init(&item);
@@ -528,7 +529,6 @@ void OpcUaConnection::collect(
         Reference reference;
         reference.node = OpcUa::NodeId(description.nodeId.nodeId);
         reference.name = OpcUa::text(description.browseName.name);
-        reference.namespaceIndex = description.browseName.namespaceIndex;
         reference.nodeClass = description.nodeClass;
         reference.typeDefinition = OpcUa::NodeId(description.typeDefinition.nodeId);
         found.append(reference);
@@ -595,6 +595,15 @@ void OpcUaConnection::valueChanged(Item *item, const UA_DataValue &value)
         break;
     }
     item->awaitingFirst = false;
+    queue(&machine);
+}
+
+void OpcUaConnection::queue(WwMachine *machine)
+{
+    if (machine->queued)
+        return;
+    machine->queued = true;
+    m_queued.append(machine);
 }
 
 void OpcUaConnection::eventCallback(
@@ -645,7 +654,7 @@ void OpcUaConnection::eventArrived(WwMachine *machine, size_t count, const UA_Va
     const QDateTime time = UA_Variant_hasScalarType(&fields[EventTime], &UA_TYPES[UA_TYPES_DATETIME])
         ? toDateTime(*static_cast<const UA_DateTime *>(fields[EventTime].data))
         : QDateTime::currentDateTimeUtc();
-    m_events.append(qMakePair(machine, qMakePair(time, event)));
+    m_events.append(ArrivedEvent { machine, time, event });
 }
 
 void OpcUaConnection::flush()
@@ -653,31 +662,36 @@ void OpcUaConnection::flush()
     const QString &source = m_options.source;
     // The state first: the chain passes on the condition definitions of the first list it sees of a machine at once,
     // and those of the flags and values matter most.
-    for (const auto &owned : m_machines) {
-        WwMachine &machine = *owned;
-        if (machine.stateChanged && machine.awaitingState == 0) {
-            machine.stateChanged = false;
-            machine.online = true;
-            emit dataReceived(machine.stateTime, machine.name, source, QVariant::fromValue(machine.state));
-            machine.stateTime = QDateTime();
+    int waiting = 0;
+    for (WwMachine *machine : qAsConst(m_queued)) {
+        if (machine->stateChanged && machine->awaitingState == 0) {
+            machine->stateChanged = false;
+            machine->online = true;
+            emit dataReceived(machine->stateTime, machine->name, source, QVariant::fromValue(machine->state));
+            machine->stateTime = QDateTime();
         }
-        if (machine.identificationChanged && machine.awaitingIdentification == 0) {
-            machine.identificationChanged = false;
+        if (machine->identificationChanged && machine->awaitingIdentification == 0) {
+            machine->identificationChanged = false;
             emit dataReceived(
-                machine.identificationTime, machine.name, source, QVariant::fromValue(machine.identification));
-            machine.identificationTime = QDateTime();
+                machine->identificationTime, machine->name, source, QVariant::fromValue(machine->identification));
+            machine->identificationTime = QDateTime();
         }
-        if (machine.programChanged) {
-            machine.programChanged = false;
+        if (machine->programChanged) {
+            machine->programChanged = false;
             emit dataReceived(
-                machine.programTime, machine.name, source, QVariant::fromValue(machine.manufacturerSpecific));
-            machine.programTime = QDateTime();
+                machine->programTime, machine->name, source, QVariant::fromValue(machine->manufacturerSpecific));
+            machine->programTime = QDateTime();
         }
+        // A record still waiting for its first values keeps the machine in the list.
+        machine->queued = machine->stateChanged || machine->identificationChanged;
+        if (machine->queued)
+            m_queued[waiting++] = machine;
     }
+    m_queued.resize(waiting);
     if (m_events.isEmpty())
         return;
-    const auto events = std::move(m_events);
+    const QVector<ArrivedEvent> events = std::move(m_events);
     m_events.clear();
-    for (const auto &event : events)
-        emit dataReceived(event.second.first, event.first->name, source, QVariant::fromValue(event.second.second));
+    for (const ArrivedEvent &arrived : events)
+        emit dataReceived(arrived.time, arrived.machine->name, source, QVariant::fromValue(arrived.event));
 }

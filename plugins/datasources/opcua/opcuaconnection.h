@@ -44,7 +44,6 @@ public:
     {
         OpcUa::NodeId node;
         QString name;
-        UA_UInt16 namespaceIndex = 0;
         UA_NodeClass nodeClass = UA_NODECLASS_UNSPECIFIED;
         OpcUa::NodeId typeDefinition;
     };
@@ -61,10 +60,17 @@ signals:
 
 private:
     struct Item;
+    struct ArrivedEvent
+    {
+        WwMachine *machine;
+        QDateTime time;
+        WwBaseEventType event;
+    };
 
     void connected();
     void disconnected();
     void flush();
+    void queue(WwMachine *machine);
 
     void createSubscription();
     void readNamespaces();
@@ -100,8 +106,10 @@ private:
     QHash<QString, bool> m_machineTypes;
     std::vector<std::unique_ptr<WwMachine>> m_machines;
     std::vector<std::unique_ptr<Item>> m_items;
-    /** Events in the order they arrived, sent after the state changes of the same iteration. */
-    QVector<QPair<WwMachine *, QPair<QDateTime, WwBaseEventType>>> m_events;
+    /** Machines with a record to send, so that an iteration looks only at what changed. */
+    QVector<WwMachine *> m_queued;
+    /** Events in the order they arrived, sent after the records of the same iteration. */
+    QVector<ArrivedEvent> m_events;
     bool m_namespaceWarned = false;
 };
 

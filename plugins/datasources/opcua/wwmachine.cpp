@@ -224,6 +224,8 @@ bool WwMachine::set(Field field, int index, const UA_Variant &value)
         return assignAt(identification, index, value, "Name");
     case Field::LastProgramName:
         return assign(manufacturerSpecific.LastProgramName, value);
+    case Field::Events:
+        break;
     }
     return false;
 }

@@ -21,8 +21,8 @@
  */
 struct WwMachine
 {
-    /** Where a monitored variable's value goes. */
-    enum class Field { CurrentState, CurrentMode, Flag, Value, Identification, LastProgramName };
+    /** Where a monitored item's notifications go: a field of a record, or, for Events, the machine's messages. */
+    enum class Field { CurrentState, CurrentMode, Flag, Value, Identification, LastProgramName, Events };
 
     /** The names of the flags, the values and the identification fields, in the order of their records. */
     static const QStringList &flagNames();
@@ -35,8 +35,7 @@ struct WwMachine
      */
     bool set(Field field, int index, const UA_Variant &value);
 
-    /** The browse name on the server, and the name the datasets carry. */
-    QString browseName;
+    /** The name the datasets carry. */
     QString name;
     OpcUa::NodeId object;
     OpcUa::NodeId events;
@@ -65,6 +64,8 @@ struct WwMachine
     QDateTime programTime;
     /** Whether the chain has a state of this machine, so that losing it is reported once. */
     bool online = false;
+    /** Whether the machine is in its connection's list of machines with something to send. */
+    bool queued = false;
     /** Variables whose value had a type that does not fit, warned about once each. */
     QSet<QString> mistyped;
 };

@@ -1,7 +1,9 @@
 #include "identificationconfig.h"
 
 #include "mmtoopcuamapperlogging.h"
+#include "wwmodel.h"
 
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -41,6 +43,10 @@ const OptionalTextField OptionalTextFields[] = {
     { "LocationGPS", &WwIdentification::LocationGPS },
     { "CustomerCompanyName", &WwIdentification::CustomerCompanyName },
 };
+
+// Every nameplate field is configured: the text fields above, and the year, month and date read on their own.
+static_assert(std::size(MandatoryTextFields) + std::size(OptionalTextFields) + 3 == WwModel::IdentificationFieldCount,
+    "each nameplate field has its key");
 
 void warnMissing(const char *key)
 {

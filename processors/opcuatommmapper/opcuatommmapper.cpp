@@ -60,9 +60,6 @@ qint32 stateCode(const WwState &state)
     return StateV1::Standby;
 }
 
-constexpr int FlagCount = 26;
-constexpr int ValueCount = 35;
-
 /** One flag, value or field that becomes a condition: its bare name, what follows the machine in its id, its type. */
 struct ConditionItem
 {
@@ -125,7 +122,7 @@ template <typename Visit> void visitStateItems(const WwState &state, Visit &&vis
     }
     if (state.Values) {
         const WwStateValues &values = *state.Values;
-        int index = FlagCount;
+        int index = WwModel::FlagCount;
         WwStateValues::visitFields([&](const char *, auto member) { visit(index++, presentValue(values.*member)); });
     }
 }
@@ -168,10 +165,10 @@ const QVector<ConditionItem> &stateItems()
 {
     static const QVector<ConditionItem> items = [] {
         QVector<ConditionItem> list;
-        appendItems<WwStateFlags>(list, QLatin1String("/State/Machine/Flags/"));
-        Q_ASSERT(list.size() == FlagCount);
-        appendItems<WwStateValues>(list, QLatin1String("/State/Machine/Values/"));
-        Q_ASSERT(list.size() == FlagCount + ValueCount);
+        appendItems<WwStateFlags>(list, QLatin1String(WwModel::FlagsPath));
+        Q_ASSERT(list.size() == WwModel::FlagCount);
+        appendItems<WwStateValues>(list, QLatin1String(WwModel::ValuesPath));
+        Q_ASSERT(list.size() == WwModel::FlagCount + WwModel::ValueCount);
         return list;
     }();
     return items;
@@ -182,7 +179,8 @@ const QVector<ConditionItem> &identificationItems()
 {
     static const QVector<ConditionItem> items = [] {
         QVector<ConditionItem> list;
-        appendItems<WwIdentification>(list, QLatin1String("/Identification/"));
+        appendItems<WwIdentification>(list, QLatin1String(WwModel::IdentificationPath));
+        Q_ASSERT(list.size() == WwModel::IdentificationFieldCount);
         return list;
     }();
     return items;
@@ -384,7 +382,6 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
     const WwState &state, KnownMachine &known)
 {
     Q_ASSERT(state.MachineState != 0);
-    static_assert(FlagCount + ValueCount == StateItemCount, "one condition per flag and value");
     std::bitset<StateItemCount> present;
     visitStateItems(state, [&](int i, const auto *value) {
         if (value)

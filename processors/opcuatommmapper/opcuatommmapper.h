@@ -3,6 +3,7 @@
 
 #include "conditiondatav2.h"
 #include "iprocessor.h"
+#include "wwmodel.h"
 
 #include <QDateTime>
 #include <QHash>
@@ -38,9 +39,9 @@ public slots:
 
 private:
     /** The number of flags and values of a machine state record, each of them a condition. */
-    static constexpr int StateItemCount = 61;
+    static constexpr int StateItemCount = WwModel::FlagCount + WwModel::ValueCount;
     /** The number of nameplate fields that become conditions. */
-    static constexpr int IdentificationFieldCount = 18;
+    static constexpr int IdentificationFieldCount = WwModel::IdentificationFieldCount;
 
     /**
      * What is kept of one machine as one source reports it: the ids of the conditions defined so far (each built

@@ -1,14 +1,11 @@
 #include "opcuaconnection.h"
 
+#include "wwmodel.h"
+
 #include <open62541/nodeids.h>
 
 namespace {
 
-const char WoodworkingUri[] = "http://opcfoundation.org/UA/Woodworking/";
-const char MachineryUri[] = "http://opcfoundation.org/UA/Machinery/";
-constexpr UA_UInt32 WwMachineTypeId = 2;
-constexpr UA_UInt32 WwBaseEventTypeId = 13;
-constexpr UA_UInt32 MachineryMachinesId = 1001;
 // Type definitions are followed up this many subtype steps to find WwMachineType.
 constexpr int MaxTypeDepth = 8;
 constexpr UA_UInt32 EventQueueSize = 1000;
@@ -139,12 +136,12 @@ void OpcUaConnection::readNamespaces()
             for (size_t i = 0; i < array.arrayLength; ++i)
                 namespaces << OpcUa::text(static_cast<const UA_String *>(array.data)[i]);
         }
-        m_woodworking = UA_UInt16(qMax(0, namespaces.indexOf(QLatin1String(WoodworkingUri))));
-        m_machinery = UA_UInt16(qMax(0, namespaces.indexOf(QLatin1String(MachineryUri))));
+        m_woodworking = UA_UInt16(qMax(0, namespaces.indexOf(QLatin1String(WwModel::WoodworkingUri))));
+        m_machinery = UA_UInt16(qMax(0, namespaces.indexOf(QLatin1String(WwModel::MachineryUri))));
         if (m_woodworking == 0) {
             if (!m_namespaceWarned) {
                 qCWarning(lc) << QStringLiteral("%1 lacks the namespace %2: it serves no woodworking machines")
-                                     .arg(m_options.client.name, QLatin1String(WoodworkingUri));
+                                     .arg(m_options.client.name, QLatin1String(WwModel::WoodworkingUri));
             }
             m_namespaceWarned = true;
             return;
@@ -157,13 +154,13 @@ void OpcUaConnection::readNamespaces()
 void OpcUaConnection::findMachinesFolder()
 {
     if (m_machinery != 0) {
-        findMachines(OpcUa::NodeId(UA_NODEID_NUMERIC(m_machinery, MachineryMachinesId)));
+        findMachines(OpcUa::NodeId(UA_NODEID_NUMERIC(m_machinery, WwModel::MachineryMachines)));
         return;
     }
     // A server without the Machinery namespace may still organise its machines in a folder called Machines.
     browse(UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER), [this](const References &objects) {
         for (const Reference &object : objects) {
-            if (object.name == QLatin1String("Machines")) {
+            if (object.name == QLatin1String(WwModel::MachinesName)) {
                 findMachines(object.node);
                 return;
             }
@@ -204,7 +201,7 @@ void OpcUaConnection::checkType(const OpcUa::NodeId &type, int depth, std::funct
 {
     const UA_NodeId &id = type.get();
     if (id.namespaceIndex == m_woodworking && id.identifierType == UA_NODEIDTYPE_NUMERIC
-        && id.identifier.numeric == WwMachineTypeId) {
+        && id.identifier.numeric == WwModel::WwMachineType) {
         done(true);
         return;
     }
@@ -256,7 +253,7 @@ void OpcUaConnection::walkMachine(WwMachine *machine)
     };
     browse(machine->object.get(), [this, machine, pending, finished](const References &children) {
         for (const Reference &child : children) {
-            if (child.name == QLatin1String("Identification")) {
+            if (child.name == QLatin1String(WwModel::IdentificationName)) {
                 ++*pending;
                 browse(child.node.get(), [machine, finished](const References &properties) {
                     for (const Reference &property : properties) {
@@ -266,24 +263,24 @@ void OpcUaConnection::walkMachine(WwMachine *machine)
                     }
                     finished();
                 });
-            } else if (child.name == QLatin1String("State")) {
+            } else if (child.name == QLatin1String(WwModel::StateName)) {
                 ++*pending;
                 browse(child.node.get(), [this, machine, finished, pending](const References &units) {
                     for (const Reference &unit : units) {
-                        if (unit.name == QLatin1String("Machine")) {
+                        if (unit.name == QLatin1String(WwModel::MachineName)) {
                             ++*pending;
                             walkState(machine, unit.node, finished);
                         }
                     }
                     finished();
                 });
-            } else if (child.name == QLatin1String("Events") && child.nodeClass == UA_NODECLASS_OBJECT) {
+            } else if (child.name == QLatin1String(WwModel::EventsName) && child.nodeClass == UA_NODECLASS_OBJECT) {
                 machine->events = child.node;
-            } else if (child.name == QLatin1String("ManufacturerSpecific")) {
+            } else if (child.name == QLatin1String(WwModel::ManufacturerSpecificName)) {
                 ++*pending;
                 browse(child.node.get(), [machine, finished](const References &variables) {
                     for (const Reference &variable : variables) {
-                        if (variable.name == QLatin1String("LastProgramName"))
+                        if (variable.name == QLatin1String(WwModel::LastProgramNameName))
                             machine->lastProgramName = variable.node;
                     }
                     finished();
@@ -303,9 +300,9 @@ void OpcUaConnection::walkState(WwMachine *machine, const OpcUa::NodeId &unit, s
                 done();
         };
         for (const Reference &part : parts) {
-            const bool isFlags = part.name == QLatin1String("Flags");
-            const bool isValues = part.name == QLatin1String("Values");
-            if (part.name != QLatin1String("Overview") && !isFlags && !isValues)
+            const bool isFlags = part.name == QLatin1String(WwModel::FlagsName);
+            const bool isValues = part.name == QLatin1String(WwModel::ValuesName);
+            if (part.name != QLatin1String(WwModel::OverviewName) && !isFlags && !isValues)
                 continue;
             machine->hasFlags = machine->hasFlags || isFlags;
             machine->hasValues = machine->hasValues || isValues;
@@ -322,9 +319,9 @@ void OpcUaConnection::walkState(WwMachine *machine, const OpcUa::NodeId &unit, s
                         const int index = WwMachine::valueNames().indexOf(variable.name);
                         if (index >= 0)
                             machine->values[index] = variable.node;
-                    } else if (variable.name == QLatin1String("CurrentState")) {
+                    } else if (variable.name == QLatin1String(WwModel::CurrentStateName)) {
                         machine->currentState = variable.node;
-                    } else if (variable.name == QLatin1String("CurrentMode")) {
+                    } else if (variable.name == QLatin1String(WwModel::CurrentModeName)) {
                         machine->currentMode = variable.node;
                     }
                 }
@@ -420,7 +417,7 @@ void OpcUaConnection::subscribeEvents(WwMachine *machine)
 {
     const OpcUa::NodeId notifier = machine->events.isNull() ? machine->object : machine->events;
     const UA_NodeId baseEvent = UA_NODEID_NUMERIC(0, UA_NS0ID_BASEEVENTTYPE);
-    const UA_NodeId wwEvent = UA_NODEID_NUMERIC(m_woodworking, WwBaseEventTypeId);
+    const UA_NodeId wwEvent = UA_NODEID_NUMERIC(m_woodworking, WwModel::WwBaseEventType);
     struct Select
     {
         const UA_NodeId *type;

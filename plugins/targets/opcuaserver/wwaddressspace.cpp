@@ -1,49 +1,12 @@
 #include "wwaddressspace.h"
 
-#include <open62541/nodeids.h>
+#include "wwaddressspacenodes.h"
+#include "wwmodel.h"
 
 #include <type_traits>
 
-const char WwAddressSpace::WoodworkingUri[] = "http://opcfoundation.org/UA/Woodworking/";
-const char WwAddressSpace::DiUri[] = "http://opcfoundation.org/UA/DI/";
-const char WwAddressSpace::MachineryUri[] = "http://opcfoundation.org/UA/Machinery/";
-const char WwAddressSpace::MachinesUri[] = "urn:orvix:opcuaServer:machines";
-
 namespace {
 
-// Node ids of the companion specifications, as their NodeSets give them.
-enum : UA_UInt32 {
-    IdWwMachineType = 2,
-    IdIWwUnitFlagsType = 4,
-    IdIWwUnitOverviewType = 5,
-    IdIWwBaseStateType = 6,
-    IdIWwSubUnitsType = 7,
-    IdIWwStateType = 8,
-    IdWwBaseEventType = 13,
-    IdWwEventsDispatcherType = 15,
-    IdWwUnitModeEnumeration = 20,
-    IdWwUnitStateEnumeration = 21,
-    IdWwUnitModeEnumerationValues = 123,
-    IdWwUnitStateEnumerationValues = 128,
-    IdWwBaseEventTypeMessageId = 256,
-    IdWwBaseEventTypeMessageName = 257,
-    IdWwBaseEventTypePathParts = 258,
-    IdWwBaseEventTypeGroup = 259,
-    IdWwBaseEventTypeLocalizedMessages = 260,
-    IdIWwEventMessageType = 1002,
-    IdIWwUnitValuesType = 1006,
-    IdWwEventCategoryEnumeration = 3004,
-    IdWwBaseEventTypeEventCategory = 6056,
-    IdWwEventCategoryEnumerationValues = 6103,
-    IdDiFunctionalGroupType = 1005,
-    IdMachineryItemIdentificationType = 1004,
-    IdMachineryMachineIdentificationType = 1012,
-    IdMachineryMachines = 1001,
-};
-
-const char *const StateNames[] = { "OFFLINE", "STANDBY", "READY", "WORKING", "ERROR" };
-const char *const ModeNames[] = { "OTHER", "AUTOMATIC", "SEMIAUTOMATIC", "MANUAL", "SETUP", "SLEEP" };
-const char *const CategoryNames[] = { "OTHER", "DIAGNOSTIC", "INFORMATION", "WARNING", "ALARM", "ERROR" };
 /** The severity of an event by its category: from barely worth noting to an error that needs a person. */
 UA_UInt16 severityOf(qint32 category)
 {
@@ -59,32 +22,6 @@ UA_UInt16 severityOf(qint32 category)
     default:
         return 100;
     }
-}
-
-constexpr int FlagCount = 26;
-constexpr int ValueCount = 35;
-
-UA_NodeId ns0(UA_UInt32 id)
-{
-    return UA_NODEID_NUMERIC(0, id);
-}
-
-UA_QualifiedName qualified(UA_UInt16 ns, const char *text)
-{
-    return UA_QUALIFIEDNAME(ns, const_cast<char *>(text));
-}
-
-UA_String uaString(const QByteArray &bytes)
-{
-    UA_String text;
-    text.length = size_t(bytes.size());
-    text.data = reinterpret_cast<UA_Byte *>(const_cast<char *>(bytes.constData()));
-    return text;
-}
-
-UA_DateTime uaTime(const QDateTime &time)
-{
-    return UA_DATETIME_UNIX_EPOCH + time.toMSecsSinceEpoch() * UA_DATETIME_MSEC;
 }
 
 /** Where an identification field lives: its browse name's namespace and whether it is a localised text. */
@@ -117,7 +54,8 @@ const IdentificationField IdentificationFields[] = {
     { "LocationGPS", Home::Woodworking, false },
     { "CustomerCompanyName", Home::Woodworking, true },
 };
-constexpr int IdentificationCount = int(sizeof IdentificationFields / sizeof IdentificationFields[0]);
+static_assert(sizeof IdentificationFields / sizeof IdentificationFields[0] == WwModel::IdentificationFieldCount,
+    "one entry per nameplate field");
 
 } // namespace
 
@@ -134,9 +72,9 @@ struct WwAddressSpace::Machine
     UA_NodeId currentMode = UA_NODEID_NULL;
     UA_NodeId events = UA_NODEID_NULL;
     UA_NodeId lastProgramName = UA_NODEID_NULL;
-    UA_NodeId identificationNodes[IdentificationCount];
-    UA_NodeId flags[FlagCount];
-    UA_NodeId values[ValueCount];
+    UA_NodeId identificationNodes[WwModel::IdentificationFieldCount];
+    UA_NodeId flags[WwModel::FlagCount];
+    UA_NodeId values[WwModel::ValueCount];
     bool hasState = false;
     WwState state;
 
@@ -173,139 +111,53 @@ WwAddressSpace::WwAddressSpace(UA_Server *server)
 
 WwAddressSpace::~WwAddressSpace() = default;
 
-bool WwAddressSpace::build(QString *error)
-{
-    m_ww = UA_Server_addNamespace(m_server, WoodworkingUri);
-    m_di = UA_Server_addNamespace(m_server, DiUri);
-    m_machinery = UA_Server_addNamespace(m_server, MachineryUri);
-    m_ns = UA_Server_addNamespace(m_server, MachinesUri);
-
-    const UA_UInt32 enumIds[] = { IdWwUnitStateEnumeration, IdWwUnitModeEnumeration, IdWwEventCategoryEnumeration };
-    for (int i = 0; i < 3; ++i) {
-        m_enumTypes[i] = UA_TYPES[UA_TYPES_INT32];
-        m_enumTypes[i].typeId = UA_NODEID_NUMERIC(m_ww, enumIds[i]);
-        m_enumTypes[i].binaryEncodingId = UA_NODEID_NULL;
-        m_enumTypes[i].typeKind = UA_DATATYPEKIND_ENUM;
-    }
-    UA_ServerConfig *config = UA_Server_getConfig(m_server);
-    m_customTypes.reset(new UA_DataTypeArray { config->customDataTypes, 3, m_enumTypes, false });
-    config->customDataTypes = m_customTypes.get();
-
-    UA_StatusCode status = UA_STATUSCODE_GOOD;
-    const auto objectType = [&](UA_UInt16 ns, UA_UInt32 id, UA_NodeId parent, const char *browseName, bool isAbstract) {
-        UA_ObjectTypeAttributes attributes = UA_ObjectTypeAttributes_default;
-        attributes.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>(browseName));
-        attributes.isAbstract = isAbstract;
-        status |= UA_Server_addObjectTypeNode(m_server, UA_NODEID_NUMERIC(ns, id), parent, ns0(UA_NS0ID_HASSUBTYPE),
-            qualified(ns, browseName), attributes, nullptr, nullptr);
-    };
-    const auto enumeration = [&](UA_UInt32 id, UA_UInt32 valuesId, const char *browseName, const char *const *names,
-                                 int count) {
-        UA_DataTypeAttributes attributes = UA_DataTypeAttributes_default;
-        attributes.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>(browseName));
-        status |= UA_Server_addDataTypeNode(m_server, UA_NODEID_NUMERIC(m_ww, id), ns0(UA_NS0ID_ENUMERATION),
-            ns0(UA_NS0ID_HASSUBTYPE), qualified(m_ww, browseName), attributes, nullptr, nullptr);
-        std::vector<UA_EnumValueType> enumValues(static_cast<size_t>(count));
-        for (int i = 0; i < count; ++i) {
-            UA_EnumValueType_init(&enumValues[size_t(i)]);
-            enumValues[size_t(i)].value = i;
-            enumValues[size_t(i)].displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>(names[i]));
-        }
-        UA_VariableAttributes property = UA_VariableAttributes_default;
-        property.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>("EnumValues"));
-        property.dataType = ns0(UA_NS0ID_ENUMVALUETYPE);
-        property.valueRank = UA_VALUERANK_ONE_DIMENSION;
-        UA_UInt32 length = UA_UInt32(count);
-        property.arrayDimensionsSize = 1;
-        property.arrayDimensions = &length;
-        UA_Variant_setArray(&property.value, enumValues.data(), enumValues.size(), &UA_TYPES[UA_TYPES_ENUMVALUETYPE]);
-        status |= UA_Server_addVariableNode(m_server, UA_NODEID_NUMERIC(m_ww, valuesId), UA_NODEID_NUMERIC(m_ww, id),
-            ns0(UA_NS0ID_HASPROPERTY), qualified(0, "EnumValues"), ns0(UA_NS0ID_PROPERTYTYPE), property, nullptr,
-            nullptr);
-    };
-    const auto eventProperty
-        = [&](UA_UInt32 id, const char *browseName, UA_NodeId dataType, bool array, bool mandatory) {
-              UA_VariableAttributes attributes = UA_VariableAttributes_default;
-              attributes.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>(browseName));
-              attributes.dataType = dataType;
-              attributes.valueRank = array ? UA_VALUERANK_ONE_DIMENSION : UA_VALUERANK_SCALAR;
-              UA_UInt32 anyLength = 0;
-              if (array) {
-                  attributes.arrayDimensionsSize = 1;
-                  attributes.arrayDimensions = &anyLength;
-              }
-              // An enumeration of the companion specification has no data type of the library, so no default of its
-              // own.
-              UA_Int32 firstEnumValue = 0;
-              if (dataType.namespaceIndex != 0)
-                  UA_Variant_setScalar(&attributes.value, &firstEnumValue, &m_enumTypes[2]);
-              const UA_NodeId node = UA_NODEID_NUMERIC(m_ww, id);
-              status |= UA_Server_addVariableNode(m_server, node, UA_NODEID_NUMERIC(m_ww, IdWwBaseEventType),
-                  ns0(UA_NS0ID_HASPROPERTY), qualified(m_ww, browseName), ns0(UA_NS0ID_PROPERTYTYPE), attributes,
-                  nullptr, nullptr);
-              status |= UA_Server_addReference(m_server, node, ns0(UA_NS0ID_HASMODELLINGRULE),
-                  UA_EXPANDEDNODEID_NUMERIC(
-                      0, mandatory ? UA_NS0ID_MODELLINGRULE_MANDATORY : UA_NS0ID_MODELLINGRULE_OPTIONAL),
-                  true);
-          };
-
-    objectType(m_di, IdDiFunctionalGroupType, ns0(UA_NS0ID_FOLDERTYPE), "FunctionalGroupType", false);
-    objectType(m_machinery, IdMachineryItemIdentificationType, UA_NODEID_NUMERIC(m_di, IdDiFunctionalGroupType),
-        "MachineryItemIdentificationType", true);
-    objectType(m_machinery, IdMachineryMachineIdentificationType,
-        UA_NODEID_NUMERIC(m_machinery, IdMachineryItemIdentificationType), "MachineIdentificationType", false);
-    enumeration(IdWwUnitModeEnumeration, IdWwUnitModeEnumerationValues, "WwUnitModeEnumeration", ModeNames, 6);
-    enumeration(IdWwUnitStateEnumeration, IdWwUnitStateEnumerationValues, "WwUnitStateEnumeration", StateNames, 5);
-    enumeration(IdWwEventCategoryEnumeration, IdWwEventCategoryEnumerationValues, "WwEventCategoryEnumeration",
-        CategoryNames, 6);
-    objectType(m_ww, IdWwMachineType, ns0(UA_NS0ID_BASEOBJECTTYPE), "WwMachineType", false);
-    objectType(m_ww, IdWwEventsDispatcherType, ns0(UA_NS0ID_BASEOBJECTTYPE), "WwEventsDispatcherType", false);
-    for (const auto &interface : { std::make_pair(IdIWwUnitFlagsType, "IWwUnitFlagsType"),
-             std::make_pair(IdIWwUnitOverviewType, "IWwUnitOverviewType"),
-             std::make_pair(IdIWwBaseStateType, "IWwBaseStateType"),
-             std::make_pair(IdIWwSubUnitsType, "IWwSubUnitsType"), std::make_pair(IdIWwStateType, "IWwStateType"),
-             std::make_pair(IdIWwEventMessageType, "IWwEventMessageType"),
-             std::make_pair(IdIWwUnitValuesType, "IWwUnitValuesType") })
-        objectType(m_ww, interface.first, ns0(UA_NS0ID_BASEINTERFACETYPE), interface.second, true);
-    objectType(m_ww, IdWwBaseEventType, ns0(UA_NS0ID_BASEEVENTTYPE), "WwBaseEventType", false);
-    eventProperty(IdWwBaseEventTypeMessageId, "MessageId", ns0(UA_NS0ID_STRING), false, true);
-    eventProperty(IdWwBaseEventTypeMessageName, "MessageName", ns0(UA_NS0ID_STRING), false, false);
-    eventProperty(IdWwBaseEventTypePathParts, "PathParts", ns0(UA_NS0ID_STRING), true, true);
-    eventProperty(IdWwBaseEventTypeGroup, "Group", ns0(UA_NS0ID_STRING), false, false);
-    eventProperty(IdWwBaseEventTypeLocalizedMessages, "LocalizedMessages", ns0(UA_NS0ID_LOCALIZEDTEXT), true, false);
-    eventProperty(IdWwBaseEventTypeEventCategory, "EventCategory",
-        UA_NODEID_NUMERIC(m_ww, IdWwEventCategoryEnumeration), false, true);
-
-    UA_ObjectAttributes folder = UA_ObjectAttributes_default;
-    folder.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>("Machines"));
-    folder.eventNotifier = UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT;
-    status |= UA_Server_addObjectNode(m_server, UA_NODEID_NUMERIC(m_machinery, IdMachineryMachines),
-        ns0(UA_NS0ID_OBJECTSFOLDER), ns0(UA_NS0ID_ORGANIZES), qualified(m_machinery, "Machines"),
-        ns0(UA_NS0ID_FOLDERTYPE), folder, nullptr, nullptr);
-    if (status != UA_STATUSCODE_GOOD) {
-        *error = QStringLiteral("the woodworking types could not be added (%1)")
-                     .arg(QString::fromLatin1(UA_StatusCode_name(status)));
-        return false;
-    }
-    return true;
-}
-
 void WwAddressSpace::setLocale(const QString &machine, const QString &locale)
 {
     m_locales.insert(machine, locale);
 }
 
-void WwAddressSpace::addObject(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
+bool WwAddressSpace::checked(const UA_NodeId &id, Action action, UA_StatusCode status)
+{
+    if (status == UA_STATUSCODE_GOOD)
+        return true;
+    // Once per node and action: a node that can't be written fails again at every update of its machine.
+    const QString node = id.identifierType == UA_NODEIDTYPE_STRING
+        ? QString::fromUtf8(reinterpret_cast<const char *>(id.identifier.string.data), int(id.identifier.string.length))
+        : QString::number(id.identifier.numeric);
+    const QString key = QString::number(int(action)) + node;
+    if (m_refused.contains(key))
+        return false;
+    m_refused.insert(key);
+    const QString reason = QString::fromLatin1(UA_StatusCode_name(status));
+    switch (action) {
+    case Action::Add:
+        qCWarning(lcOpcUaServer) << QStringLiteral(
+            "Could not add the node %1 to the address space (%2); its data is not served")
+                                        .arg(node, reason);
+        break;
+    case Action::Reference:
+        qCWarning(lcOpcUaServer) << QStringLiteral("Could not add a reference from the node %1 (%2)").arg(node, reason);
+        break;
+    case Action::Write:
+        qCWarning(lcOpcUaServer)
+            << QStringLiteral("Could not write the node %1 (%2); clients see its last value").arg(node, reason);
+        break;
+    }
+    return false;
+}
+
+bool WwAddressSpace::addObject(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
     const char *browseName, const UA_NodeId &type, UA_Byte eventNotifier)
 {
     UA_ObjectAttributes attributes = UA_ObjectAttributes_default;
     attributes.displayName = UA_LOCALIZEDTEXT(const_cast<char *>(""), const_cast<char *>(browseName));
     attributes.eventNotifier = eventNotifier;
-    UA_Server_addObjectNode(
-        m_server, id, parent, reference, qualified(ns, browseName), type, attributes, nullptr, nullptr);
+    return checked(id, Action::Add,
+        UA_Server_addObjectNode(
+            m_server, id, parent, reference, qualified(ns, browseName), type, attributes, nullptr, nullptr));
 }
 
-void WwAddressSpace::addVariable(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
+bool WwAddressSpace::addVariable(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
     const char *browseName, const UA_NodeId &dataType, const UA_NodeId &type, const UA_Variant &value)
 {
     UA_VariableAttributes attributes = UA_VariableAttributes_default;
@@ -314,13 +166,14 @@ void WwAddressSpace::addVariable(const UA_NodeId &id, const UA_NodeId &parent, c
     attributes.valueRank = UA_VALUERANK_SCALAR;
     attributes.accessLevel = UA_ACCESSLEVELMASK_READ;
     attributes.value = value;
-    UA_Server_addVariableNode(
-        m_server, id, parent, reference, qualified(ns, browseName), type, attributes, nullptr, nullptr);
+    return checked(id, Action::Add,
+        UA_Server_addVariableNode(
+            m_server, id, parent, reference, qualified(ns, browseName), type, attributes, nullptr, nullptr));
 }
 
 void WwAddressSpace::writeValue(const UA_NodeId &id, const UA_Variant &value)
 {
-    UA_Server_writeValue(m_server, id, value);
+    checked(id, Action::Write, UA_Server_writeValue(m_server, id, value));
 }
 
 void WwAddressSpace::writeMissing(const UA_NodeId &id)
@@ -329,7 +182,7 @@ void WwAddressSpace::writeMissing(const UA_NodeId &id)
     UA_DataValue_init(&missing);
     missing.hasStatus = true;
     missing.status = UA_STATUSCODE_BADNODATA;
-    UA_Server_writeDataValue(m_server, id, missing);
+    checked(id, Action::Write, UA_Server_writeDataValue(m_server, id, missing));
 }
 
 UA_NodeId WwAddressSpace::nodeId(const QString &path) const
@@ -350,49 +203,51 @@ WwAddressSpace::Machine &WwAddressSpace::machine(const QString &name)
     m.localeBytes = m.locale.toUtf8();
     const QByteArray browseName = name.toUtf8();
     m.object = nodeId(name);
-    addObject(m.object, UA_NODEID_NUMERIC(m_machinery, IdMachineryMachines), ns0(UA_NS0ID_ORGANIZES), m_ns,
-        browseName.constData(), UA_NODEID_NUMERIC(m_ww, IdWwMachineType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
+    addObject(m.object, UA_NODEID_NUMERIC(m_machinery, WwModel::MachineryMachines), ns0(UA_NS0ID_ORGANIZES), m_ns,
+        browseName.constData(), UA_NODEID_NUMERIC(m_ww, WwModel::WwMachineType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
     m.identification = nodeId(name + QStringLiteral("/Identification"));
-    addObject(m.identification, m.object, ns0(UA_NS0ID_HASADDIN), m_di, "Identification",
-        UA_NODEID_NUMERIC(m_machinery, IdMachineryMachineIdentificationType));
+    addObject(m.identification, m.object, ns0(UA_NS0ID_HASADDIN), m_di, WwModel::IdentificationName,
+        UA_NODEID_NUMERIC(m_machinery, WwModel::MachineryMachineIdentificationType));
 
     UA_NodeId state = nodeId(name + QStringLiteral("/State"));
-    addObject(state, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "State", ns0(UA_NS0ID_BASEOBJECTTYPE));
+    addObject(state, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::StateName, ns0(UA_NS0ID_BASEOBJECTTYPE));
     UA_NodeId unit = nodeId(name + QStringLiteral("/State/Machine"));
-    addObject(unit, state, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Machine", ns0(UA_NS0ID_BASEOBJECTTYPE));
+    addObject(unit, state, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::MachineName, ns0(UA_NS0ID_BASEOBJECTTYPE));
     UA_NodeId overview = nodeId(name + QStringLiteral("/State/Machine/Overview"));
-    addObject(overview, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Overview", ns0(UA_NS0ID_BASEOBJECTTYPE));
+    addObject(overview, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::OverviewName, ns0(UA_NS0ID_BASEOBJECTTYPE));
     m.flagsFolder = nodeId(name + QStringLiteral("/State/Machine/Flags"));
-    addObject(m.flagsFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Flags", ns0(UA_NS0ID_BASEOBJECTTYPE));
+    addObject(m.flagsFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::FlagsName, ns0(UA_NS0ID_BASEOBJECTTYPE));
     m.valuesFolder = nodeId(name + QStringLiteral("/State/Machine/Values"));
-    addObject(m.valuesFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Values", ns0(UA_NS0ID_BASEOBJECTTYPE));
+    addObject(
+        m.valuesFolder, unit, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::ValuesName, ns0(UA_NS0ID_BASEOBJECTTYPE));
     const auto addInterface = [this](const UA_NodeId &node, UA_UInt32 interface) {
-        UA_Server_addReference(
-            m_server, node, ns0(UA_NS0ID_HASINTERFACE), UA_EXPANDEDNODEID_NUMERIC(m_ww, interface), true);
+        checked(node, Action::Reference,
+            UA_Server_addReference(
+                m_server, node, ns0(UA_NS0ID_HASINTERFACE), UA_EXPANDEDNODEID_NUMERIC(m_ww, interface), true));
     };
-    addInterface(state, IdIWwStateType);
-    addInterface(unit, IdIWwBaseStateType);
-    addInterface(overview, IdIWwUnitOverviewType);
-    addInterface(m.flagsFolder, IdIWwUnitFlagsType);
-    addInterface(m.valuesFolder, IdIWwUnitValuesType);
+    addInterface(state, WwModel::IWwStateType);
+    addInterface(unit, WwModel::IWwBaseStateType);
+    addInterface(overview, WwModel::IWwUnitOverviewType);
+    addInterface(m.flagsFolder, WwModel::IWwUnitFlagsType);
+    addInterface(m.valuesFolder, WwModel::IWwUnitValuesType);
 
     UA_Int32 zero = 0;
     UA_Variant value;
     UA_Variant_setScalar(&value, &zero, &m_enumTypes[0]);
     m.currentState = nodeId(name + QStringLiteral("/State/Machine/Overview/CurrentState"));
-    addVariable(m.currentState, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "CurrentState",
-        UA_NODEID_NUMERIC(m_ww, IdWwUnitStateEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
+    addVariable(m.currentState, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::CurrentStateName,
+        UA_NODEID_NUMERIC(m_ww, WwModel::WwUnitStateEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
     UA_Variant_setScalar(&value, &zero, &m_enumTypes[1]);
     m.currentMode = nodeId(name + QStringLiteral("/State/Machine/Overview/CurrentMode"));
-    addVariable(m.currentMode, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "CurrentMode",
-        UA_NODEID_NUMERIC(m_ww, IdWwUnitModeEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
+    addVariable(m.currentMode, overview, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::CurrentModeName,
+        UA_NODEID_NUMERIC(m_ww, WwModel::WwUnitModeEnumeration), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
     UA_NodeId_clear(&state);
     UA_NodeId_clear(&unit);
     UA_NodeId_clear(&overview);
 
     m.events = nodeId(name + QStringLiteral("/Events"));
-    addObject(m.events, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "Events",
-        UA_NODEID_NUMERIC(m_ww, IdWwEventsDispatcherType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
+    addObject(m.events, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::EventsName,
+        UA_NODEID_NUMERIC(m_ww, WwModel::WwEventsDispatcherType), UA_EVENTNOTIFIER_SUBSCRIBE_TO_EVENT);
 
     updateIdentification(name, WwIdentification());
     return m;
@@ -456,9 +311,11 @@ void WwAddressSpace::updateIdentification(const QString &name, const WwIdentific
             if (!present)
                 return;
             const UA_UInt16 ns = info.home == Home::Di ? m_di : info.home == Home::Machinery ? m_machinery : m_ww;
-            node = nodeId(name + QStringLiteral("/Identification/") + QLatin1String(field));
-            addVariable(node, m.identification, ns0(UA_NS0ID_HASPROPERTY), ns, field, dataType,
-                ns0(UA_NS0ID_PROPERTYTYPE), value);
+            node = nodeId(name + QLatin1String(WwModel::IdentificationPath) + QLatin1String(field));
+            // A node the library refused is tried again at the next update.
+            if (!addVariable(node, m.identification, ns0(UA_NS0ID_HASPROPERTY), ns, field, dataType,
+                    ns0(UA_NS0ID_PROPERTYTYPE), value))
+                UA_NodeId_clear(&node);
         } else if (present) {
             writeValue(node, value);
         } else {
@@ -506,9 +363,10 @@ void WwAddressSpace::updateState(const QString &name, const WwState &state)
         if (UA_NodeId_isNull(&node)) {
             if (!present)
                 return;
-            node = nodeId(name + QStringLiteral("/State/Machine/Flags/") + QLatin1String(field));
-            addVariable(node, m.flagsFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, ns0(UA_NS0ID_BOOLEAN),
-                ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
+            node = nodeId(name + QLatin1String(WwModel::FlagsPath) + QLatin1String(field));
+            if (!addVariable(node, m.flagsFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, ns0(UA_NS0ID_BOOLEAN),
+                    ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value))
+                UA_NodeId_clear(&node);
         } else if (present) {
             writeValue(node, value);
         } else {
@@ -543,9 +401,10 @@ void WwAddressSpace::updateState(const QString &name, const WwState &state)
         if (UA_NodeId_isNull(&node)) {
             if (!number)
                 return;
-            node = nodeId(name + QStringLiteral("/State/Machine/Values/") + QLatin1String(field));
-            addVariable(node, m.valuesFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, dataType,
-                ns0(UA_NS0ID_BASEANALOGTYPE), value);
+            node = nodeId(name + QLatin1String(WwModel::ValuesPath) + QLatin1String(field));
+            if (!addVariable(node, m.valuesFolder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, field, dataType,
+                    ns0(UA_NS0ID_BASEANALOGTYPE), value))
+                UA_NodeId_clear(&node);
         } else if (number) {
             writeValue(node, value);
         } else {
@@ -568,10 +427,12 @@ void WwAddressSpace::updateManufacturerSpecific(const QString &name, const WwMan
         return;
     }
     UA_NodeId folder = nodeId(name + QStringLiteral("/ManufacturerSpecific"));
-    addObject(folder, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "ManufacturerSpecific", ns0(UA_NS0ID_FOLDERTYPE));
+    addObject(folder, m.object, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::ManufacturerSpecificName,
+        ns0(UA_NS0ID_FOLDERTYPE));
     m.lastProgramName = nodeId(name + QStringLiteral("/ManufacturerSpecific/LastProgramName"));
-    addVariable(m.lastProgramName, folder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, "LastProgramName", ns0(UA_NS0ID_STRING),
-        ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value);
+    if (!addVariable(m.lastProgramName, folder, ns0(UA_NS0ID_HASCOMPONENT), m_ww, WwModel::LastProgramNameName,
+            ns0(UA_NS0ID_STRING), ns0(UA_NS0ID_BASEDATAVARIABLETYPE), value))
+        UA_NodeId_clear(&m.lastProgramName);
     UA_NodeId_clear(&folder);
 }
 
@@ -579,7 +440,7 @@ bool WwAddressSpace::raiseEvent(const QString &name, const QDateTime &time, cons
 {
     Machine &m = machine(name);
     UA_NodeId node;
-    UA_StatusCode status = UA_Server_createEvent(m_server, UA_NODEID_NUMERIC(m_ww, IdWwBaseEventType), &node);
+    UA_StatusCode status = UA_Server_createEvent(m_server, UA_NODEID_NUMERIC(m_ww, WwModel::WwBaseEventType), &node);
     if (status != UA_STATUSCODE_GOOD)
         return false;
 

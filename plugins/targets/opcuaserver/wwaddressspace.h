@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QHash>
+#include <QSet>
 #include <QString>
 
 #include <open62541/server.h>
@@ -19,9 +20,7 @@
 class WwAddressSpace
 {
 public:
-    static const char WoodworkingUri[];
-    static const char DiUri[];
-    static const char MachineryUri[];
+    /** The namespace of the machine objects, which this server alone defines. */
     static const char MachinesUri[];
 
     explicit WwAddressSpace(UA_Server *server);
@@ -52,9 +51,13 @@ private:
     Machine &machine(const QString &name);
     /** A new node id in the machines namespace; the caller owns it. */
     UA_NodeId nodeId(const QString &path) const;
-    void addObject(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
+    enum class Action { Add, Reference, Write };
+
+    /** Whether the library did what it was asked; warns of a refusal, once per node and action. */
+    bool checked(const UA_NodeId &id, Action action, UA_StatusCode status);
+    bool addObject(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
         const char *name, const UA_NodeId &type, UA_Byte eventNotifier = 0);
-    void addVariable(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
+    bool addVariable(const UA_NodeId &id, const UA_NodeId &parent, const UA_NodeId &reference, UA_UInt16 ns,
         const char *name, const UA_NodeId &dataType, const UA_NodeId &type, const UA_Variant &value);
     void writeValue(const UA_NodeId &id, const UA_Variant &value);
     void writeMissing(const UA_NodeId &id);
@@ -70,6 +73,8 @@ private:
     UA_UInt16 m_ns = 0;
     QHash<QString, QString> m_locales;
     QHash<QString, std::shared_ptr<Machine>> m_machines;
+    // The nodes and actions a refusal was warned of (bounded by the nodes there are).
+    QSet<QString> m_refused;
 };
 
 #endif

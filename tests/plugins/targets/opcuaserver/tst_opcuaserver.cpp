@@ -6,6 +6,7 @@
 #include "pluginchecks.h"
 #include "testsupport.h"
 #include "wwaddressspace.h"
+#include "wwmodel.h"
 #include "wwtypes.h"
 
 #include <QJsonDocument>
@@ -260,7 +261,7 @@ void TestOpcUaServer::servesConfiguredMachines()
     Client client;
     QCOMPARE(client.connect(QStringLiteral("opc.tcp://localhost:%1").arg(m_port)), UA_STATUSCODE_GOOD);
     QVERIFY(client.browse(UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER)).contains(QStringLiteral("Machines")));
-    const UA_UInt16 machinery = client.namespaceIndex(WwAddressSpace::MachineryUri);
+    const UA_UInt16 machinery = client.namespaceIndex(WwModel::MachineryUri);
     QVERIFY(machinery > 0);
     QCOMPARE(client.browse(UA_NODEID_NUMERIC(machinery, 1001)), QStringList { "m1" });
     const UA_UInt16 machines = client.namespaceIndex(WwAddressSpace::MachinesUri);
@@ -342,7 +343,7 @@ void TestOpcUaServer::notificationRaisesAnEvent()
 
     Client client;
     QCOMPARE(client.connect(QStringLiteral("opc.tcp://localhost:%1").arg(m_port)), UA_STATUSCODE_GOOD);
-    const UA_UInt16 ww = client.namespaceIndex(WwAddressSpace::WoodworkingUri);
+    const UA_UInt16 ww = client.namespaceIndex(WwModel::WoodworkingUri);
     const UA_UInt16 machines = client.namespaceIndex(WwAddressSpace::MachinesUri);
 
     UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();

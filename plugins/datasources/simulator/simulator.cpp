@@ -1,10 +1,15 @@
 #include "simulator.h"
 
+#include "conditiondefinitionsv2.h"
 #include "simulatedmachine.h"
+#include "wwmodel.h"
 #include "wwtypes.h"
 
 #include <QLoggingCategory>
 #include <QRandomGenerator>
+
+#include <optional>
+#include <type_traits>
 
 Q_LOGGING_CATEGORY(lcSimulator, "simulator")
 
@@ -14,7 +19,76 @@ const QString Group = QStringLiteral("simulator");
 const QString Source = QStringLiteral("simulator");
 constexpr int MaxMachines = 1000;
 
+template <typename T> bool isPresent(const T &)
+{
+    return true;
+}
+
+template <typename T> bool isPresent(const std::optional<T> &field)
+{
+    return field.has_value();
+}
+
+template <typename T> struct Plain
+{
+    using type = T;
+};
+
+template <typename T> struct Plain<std::optional<T>>
+{
+    using type = T;
+};
+
+/** The condition type of a field as the mapping derives it: by the type of the field's value. */
+template <typename Field> qint32 conditionType()
+{
+    using T = typename Plain<Field>::type;
+    if constexpr (std::is_same_v<T, bool>)
+        return ConditionDefinitionV2::Boolean;
+    else if constexpr (std::is_floating_point_v<T>)
+        return ConditionDefinitionV2::FloatingPoint;
+    else if constexpr (std::is_integral_v<T>)
+        return ConditionDefinitionV2::Integer;
+    else
+        return ConditionDefinitionV2::Text;
+}
+
+/** A definition for each present field of a record, as the mapping makes it: id, bare name, type, the rest default. */
+template <typename Record>
+void appendDefinitions(
+    QList<ConditionDefinitionV2> &items, const QString &machine, const char *path, const Record &record)
+{
+    Record::visitFields([&](const char *name, auto member) {
+        using Field = std::decay_t<decltype(record.*member)>;
+        // The name under which the machine is known is no condition.
+        if constexpr (std::is_same_v<Record, WwIdentification>) {
+            if (qstrcmp(name, "Name") == 0)
+                return;
+        }
+        if (!isPresent(record.*member))
+            return;
+        ConditionDefinitionV2 definition;
+        definition.id = machine + QLatin1String(path) + QLatin1String(name);
+        definition.name = QString::fromLatin1(name);
+        definition.dataType = conditionType<Field>();
+        items.append(definition);
+    });
+}
+
 } // namespace
+
+ConditionDefinitionsV2 Simulator::definitionsOf(
+    const QString &machine, const QDateTime &timestamp, const WwIdentification &nameplate, const WwState &state)
+{
+    ConditionDefinitionsV2 definitions;
+    definitions.timestamp = timestamp;
+    appendDefinitions(definitions.items, machine, WwModel::IdentificationPath, nameplate);
+    if (state.Flags)
+        appendDefinitions(definitions.items, machine, WwModel::FlagsPath, *state.Flags);
+    if (state.Values)
+        appendDefinitions(definitions.items, machine, WwModel::ValuesPath, *state.Values);
+    return definitions;
+}
 
 const QVector<SettingKey> &Simulator::settings()
 {
@@ -82,6 +156,9 @@ void Simulator::tick()
         // The first round shows each machine as it is found; from then on each round moves it on.
         if (machine->started)
             machine->advance(quint64(m_interval), &events);
+        else
+            emit dataReceived(now, machine->name, Source,
+                QVariant::fromValue(definitionsOf(machine->name, now, machine->identification, machine->state())));
         machine->started = true;
         if (machine->identificationDue) {
             emit dataReceived(now, machine->name, Source, QVariant::fromValue(machine->identification));

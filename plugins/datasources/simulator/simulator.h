@@ -16,10 +16,19 @@
 #include <vector>
 
 class SimulatedMachine;
+struct ConditionDefinitionsV2;
+struct WwIdentification;
+struct WwState;
 
 /**
  * A datasource that simulates woodworking machines through a working day: each sends its nameplate first and then
  * its state record every interval, with alarm and warning events along the way. A seed makes a run repeatable.
+ *
+ * Before anything else each machine sends the condition definitions of its nameplate, flags and values in one list,
+ * the same the mapping derives from them later. Limit lets a second list of a machine through only when no list of
+ * definitions of any machine went out within its wait time, and holds it otherwise until a later new definition,
+ * which steady machines never send; a machine's first list always goes out. So the definitions reach the targets
+ * before any value, and the mapping's own lists, being equal, change nothing.
  */
 class Simulator : public QObject, public IDatasource
 {
@@ -41,6 +50,10 @@ public:
     void setClock(std::function<QDateTime()> clock);
     /** The seed of the run: the configured one, or the one drawn by init when none is configured. */
     quint64 seed() const { return m_seed; }
+
+    /** The definitions of the conditions that the mapping makes of a machine's nameplate and state record. */
+    static ConditionDefinitionsV2 definitionsOf(
+        const QString &machine, const QDateTime &timestamp, const WwIdentification &nameplate, const WwState &state);
 
 signals:
     void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);

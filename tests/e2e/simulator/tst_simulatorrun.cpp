@@ -47,6 +47,44 @@ bool everyMachineSentEveryKind(const QList<QByteArray> &lines)
     return true;
 }
 
+/**
+ * Condition values whose definition is not in the lines before them, as "line: id"; and in *defined the ids defined,
+ * so that a caller can tell that the definitions it expects went out at all.
+ */
+QStringList undefinedValues(const QList<QByteArray> &lines, QSet<QString> *defined)
+{
+    QStringList found;
+    for (int index = 0; index < lines.size(); ++index) {
+        DatasetCodec::Dataset dataset;
+        if (!DatasetCodec::decodeLine(lines.at(index), &dataset))
+            continue;
+        if (dataset.data.userType() == qMetaTypeId<ConditionDefinitionsV2>()) {
+            for (const ConditionDefinitionV2 &definition : qvariant_cast<ConditionDefinitionsV2>(dataset.data).items)
+                defined->insert(definition.id);
+        } else if (dataset.data.userType() == qMetaTypeId<ConditionDatasV2>()) {
+            for (const ConditionDataV2 &value : qvariant_cast<ConditionDatasV2>(dataset.data).items) {
+                if (!defined->contains(value.id))
+                    found.append(QStringLiteral("%1: %2").arg(index + 1).arg(value.id));
+            }
+        }
+    }
+    return found;
+}
+
+/** Whether every machine's nameplate and state have been defined. */
+bool everyMachineDefined(const QList<QByteArray> &lines)
+{
+    QSet<QString> defined;
+    undefinedValues(lines, &defined);
+    for (const QString &machine : Machines) {
+        if (!defined.contains(machine + "/Identification/SerialNumber")
+            || !defined.contains(machine + "/State/Machine/Flags/MachineOn")
+            || !defined.contains(machine + "/State/Machine/Values/AbsolutePowerPresentTime"))
+            return false;
+    }
+    return true;
+}
+
 QStringList warnings(const QStringList &logLines)
 {
     QStringList found;
@@ -81,6 +119,8 @@ private slots:
     void initTestCase();
     void everyMachineArrivesValid();
     void datasetsOnStandardOutput();
+    void definitionsBeforeValues_data();
+    void definitionsBeforeValues();
 
 private:
     void installPlugins(IsolatedService &service);
@@ -179,6 +219,43 @@ void tst_SimulatorRun::datasetsOnStandardOutput()
         QString error;
         QVERIFY2(DatasetCodec::decodeLine(line, &dataset, &error), qPrintable(error + ": " + line));
     }
+    QCOMPARE(warnings(service.logLines()), QStringList());
+}
+
+void tst_SimulatorRun::definitionsBeforeValues_data()
+{
+    QTest::addColumn<int>("waitTime");
+    QTest::addColumn<int>("interval");
+    QTest::newRow("waitTime 300 ms") << 300 << 50;
+    // The shipped wait time, with shorter rounds so that many values are held meanwhile.
+    QTest::newRow("waitTime 10 s") << 10000 << 200;
+}
+
+void tst_SimulatorRun::definitionsBeforeValues()
+{
+    QFETCH(int, waitTime);
+    QFETCH(int, interval);
+    IsolatedService service;
+    installPlugins(service);
+    if (QTest::currentTestFailed())
+        return;
+    service.writeConfig(QStringLiteral("[core]\nlog=\"*.debug=false\"\n"
+                                       "[simulator]\nmachines=3\ninterval=%1\nseed=11\n"
+                                       "[limit]\nwaitTime=%2\nkeepAliveTime=60000\n"
+                                       "[jsonl]\nfile=/var/log/orvix/datasets/output.jsonl\n")
+                            .arg(interval)
+                            .arg(waitTime)
+                            .toUtf8());
+    const QString output = service.logDir() + "/datasets/output.jsonl";
+    QVERIFY(service.start());
+    QTRY_VERIFY_WITH_TIMEOUT(everyMachineDefined(datasetLines(readFile(output))), waitTime + 15000);
+    // A whole wait time and more, so that values Limit held have left too.
+    QTest::qWait(waitTime + 1000);
+    service.stop();
+
+    QSet<QString> defined;
+    const QStringList undefined = undefinedValues(datasetLines(readFile(output)), &defined);
+    QVERIFY2(undefined.isEmpty(), qPrintable(undefined.mid(0, 10).join(QLatin1String(", "))));
     QCOMPARE(warnings(service.logLines()), QStringList());
 }
 

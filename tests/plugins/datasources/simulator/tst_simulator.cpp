@@ -91,6 +91,7 @@ private slots:
     void invalidSettings_data();
     void invalidSettings();
     void nameplateFirst();
+    void definitionsFirstAsTheMappingMakesThem();
     void sameSeedSameRun();
     void machineIndependentOfOthers();
     void timerDrivesTheRounds();
@@ -150,8 +151,9 @@ void tst_Simulator::defaultSettings()
         QStringList {
             m_log.info(QStringLiteral("Simulating sim1, sim2 every 1000 ms with seed %1").arg(simulator.seed())) });
     simulator.tick();
-    QCOMPARE(spy.count(), 4);
-    const QStringList expected { "sim1 WwIdentification", "sim1 WwState", "sim2 WwIdentification", "sim2 WwState" };
+    QCOMPARE(spy.count(), 6);
+    const QStringList expected { "sim1 ConditionDefinitionsV2", "sim1 WwIdentification", "sim1 WwState",
+        "sim2 ConditionDefinitionsV2", "sim2 WwIdentification", "sim2 WwState" };
     for (int index = 0; index < spy.count(); ++index) {
         QCOMPARE(spy.at(index).at(1).toString() + ' ' + spy.at(index).at(3).typeName(), expected.at(index));
         QCOMPARE(spy.at(index).at(2).toString(), QStringLiteral("simulator"));
@@ -225,11 +227,11 @@ void tst_Simulator::nameplateFirst()
     QStringList order;
     for (const Dataset &dataset : datasets)
         order.append(dataset.machine + ' ' + typeOf(dataset));
-    QCOMPARE(order.mid(0, 6),
-        (QStringList { "sim1 WwIdentification", "sim1 WwState", "sim2 WwIdentification", "sim2 WwState", "sim1 WwState",
-            "sim2 WwState" }));
+    QCOMPARE(order.mid(0, 8),
+        (QStringList { "sim1 ConditionDefinitionsV2", "sim1 WwIdentification", "sim1 WwState",
+            "sim2 ConditionDefinitionsV2", "sim2 WwIdentification", "sim2 WwState", "sim1 WwState", "sim2 WwState" }));
 
-    const WwIdentification nameplate = qvariant_cast<WwIdentification>(datasets.at(0).data);
+    const WwIdentification nameplate = qvariant_cast<WwIdentification>(datasets.at(1).data);
     QCOMPARE(nameplate.Name, QStringLiteral("sim1"));
     QCOMPARE(nameplate.ProductInstanceUri, QStringLiteral("urn:orvix:simulator:sim1"));
     QVERIFY(!nameplate.Manufacturer.isEmpty());
@@ -240,12 +242,51 @@ void tst_Simulator::nameplateFirst()
     QVERIFY(
         nameplate.MonthOfConstruction && *nameplate.MonthOfConstruction >= 1 && *nameplate.MonthOfConstruction <= 12);
     QVERIFY(nameplate.InitialOperationDate && nameplate.InitialOperationDate->isValid());
-    QVERIFY(qvariant_cast<WwIdentification>(datasets.at(2).data).DeviceClass != nameplate.DeviceClass);
+    QVERIFY(qvariant_cast<WwIdentification>(datasets.at(4).data).DeviceClass != nameplate.DeviceClass);
 
     // The first round shows the machine switched off, as it is found in the morning.
-    const WwState first = qvariant_cast<WwState>(datasets.at(1).data);
+    const WwState first = qvariant_cast<WwState>(datasets.at(2).data);
     QCOMPARE(first.MachineState, 1u);
     QVERIFY(first.Flags && !first.Flags->MachineOn && first.Flags->PowerPresent);
+}
+
+void tst_Simulator::definitionsFirstAsTheMappingMakesThem()
+{
+    OpcUaToMMMapper mapper;
+    QVariantMap shared;
+    mapper.init(QVariantMap(), shared);
+    QHash<QString, ConditionDefinitionV2> first;
+    QSet<QString> defined;
+    int mappedLists = 0;
+    connect(&mapper, &OpcUaToMMMapper::dataProcessed, [&](QDateTime, QString machine, QString, QVariant data) {
+        if (data.userType() != qMetaTypeId<ConditionDefinitionsV2>())
+            return;
+        const QList<ConditionDefinitionV2> items = qvariant_cast<ConditionDefinitionsV2>(data).items;
+        if (!defined.contains(machine)) {
+            // The simulator's own list, passed on unchanged: the machine's first.
+            defined.insert(machine);
+            for (const ConditionDefinitionV2 &definition : items) {
+                QVERIFY2(definition.id.startsWith(machine + '/'), qPrintable(definition.id));
+                first.insert(definition.id, definition);
+            }
+            return;
+        }
+        ++mappedLists;
+        for (const ConditionDefinitionV2 &definition : items) {
+            QVERIFY2(first.contains(definition.id), qPrintable(definition.id));
+            QVERIFY2(first.value(definition.id) == definition, qPrintable(definition.id));
+            first.remove(definition.id);
+        }
+    });
+    for (const Dataset &dataset : qAsConst(m_longRun)) {
+        // No value comes before its machine's definitions.
+        QVERIFY2(defined.contains(dataset.machine) || typeOf(dataset) == QLatin1String("ConditionDefinitionsV2"),
+            qPrintable(describe(dataset)));
+        mapper.processData(dataset.timestamp, dataset.machine, dataset.source, dataset.data);
+    }
+    // The mapping defined every condition of the simulator's lists once more, in a nameplate's and a state's list.
+    QCOMPARE(mappedLists, 3 * 2);
+    QCOMPARE(first.keys(), QList<QString>());
 }
 
 void tst_Simulator::sameSeedSameRun()
@@ -285,15 +326,15 @@ void tst_Simulator::timerDrivesTheRounds()
         QVariantMap { { "simulator", QVariantMap { { "machines", "1" }, { "interval", "5" }, { "seed", "1" } } } },
         shared));
     QCOMPARE(spy.count(), 0);
-    QTRY_VERIFY(spy.count() >= 21);
-    const QDateTime last = spy.at(20).at(0).toDateTime();
+    QTRY_VERIFY(spy.count() >= 22);
+    const QDateTime last = spy.at(21).at(0).toDateTime();
     QCOMPARE(last.timeSpec(), Qt::UTC);
     QVERIFY(last >= before);
     QVERIFY(last <= QDateTime::currentDateTimeUtc());
 
     // Each round moves the machine's clock on by the interval.
-    const WwState second = qvariant_cast<WwState>(spy.at(2).at(3));
-    const WwState third = qvariant_cast<WwState>(spy.at(3).at(3));
+    const WwState second = qvariant_cast<WwState>(spy.at(3).at(3));
+    const WwState third = qvariant_cast<WwState>(spy.at(4).at(3));
     QCOMPARE(*third.Values->AbsolutePowerPresentTime - *second.Values->AbsolutePowerPresentTime, quint64(5));
 }
 

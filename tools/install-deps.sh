@@ -11,6 +11,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools zlib1g-dev
     libbenchmark-dev
     libmosquitto-dev mosquitto openssl
+    libprotobuf-c-dev protobuf-c-compiler
     libsimdjson-dev
     util-linux mount
 )
@@ -88,4 +89,11 @@ fi
 nodeopcua=$(cd "$(dirname "$0")/../tests/nodeopcua" && pwd)
 if [ ! -d "$nodeopcua/node_modules/node-opcua" ]; then
     (cd "$nodeopcua" && npm ci --no-audit --no-fund)
+fi
+
+# The Sparkplug host of the sparkplug target's tests: the mqtt client and Eclipse Tahu's payload codec, exactly as
+# tests/sparkplug/package-lock.json has them.
+sparkplug=$(cd "$(dirname "$0")/../tests/sparkplug" && pwd)
+if [ ! -d "$sparkplug/node_modules/sparkplug-payload" ] || [ ! -d "$sparkplug/node_modules/mqtt" ]; then
+    (cd "$sparkplug" && npm ci --no-audit --no-fund)
 fi

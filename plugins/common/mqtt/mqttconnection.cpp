@@ -103,7 +103,7 @@ bool MqttConnection::check(const Options &options, QString *error)
         }
     }
     // Everything else the library checks itself: client id, user name, the certificate files' contents.
-    mosquitto *mosq = create(options, QByteArray(), nullptr, error);
+    mosquitto *mosq = create(options, Will(), nullptr, error);
     if (!mosq)
         return false;
     mosquitto_destroy(mosq);
@@ -167,6 +167,12 @@ void MqttConnection::setReconnectDelays(int initialMs, int maximumMs)
 void MqttConnection::setStatusTopic(const QByteArray &topic)
 {
     m_statusTopic = topic;
+    m_will = Will { topic, QByteArrayLiteral("offline"), 1, true };
+}
+
+void MqttConnection::setWill(const QByteArray &topic, const QByteArray &payload, int qos, bool retain)
+{
+    m_will = Will { topic, payload, qos, retain };
 }
 
 void MqttConnection::setSubscriptions(const QStringList &filters, int qos)
@@ -253,8 +259,7 @@ MqttConnection::Publish MqttConnection::publish(
     }
 }
 
-mosquitto *MqttConnection::create(
-    const Options &options, const QByteArray &statusTopic, MqttConnection *owner, QString *error)
+mosquitto *MqttConnection::create(const Options &options, const Will &will, MqttConnection *owner, QString *error)
 {
     const QByteArray clientId = options.clientId.toUtf8();
     mosquitto *mosq = mosquitto_new(clientId.constData(), true, owner);
@@ -277,10 +282,11 @@ mosquitto *MqttConnection::create(
         if (rc != MOSQ_ERR_SUCCESS)
             return fail(QStringLiteral("username"), rc);
     }
-    if (!statusTopic.isEmpty()) {
-        const int rc = mosquitto_will_set_v5(mosq, statusTopic.constData(), 7, "offline", 1, true, nullptr);
+    if (!will.topic.isEmpty()) {
+        const int rc = mosquitto_will_set_v5(mosq, will.topic.constData(), will.payload.size(),
+            will.payload.constData(), will.qos, will.retain, nullptr);
         if (rc != MOSQ_ERR_SUCCESS)
-            return fail(QStringLiteral("last will on %1").arg(QString::fromUtf8(statusTopic)), rc);
+            return fail(QStringLiteral("last will on %1").arg(QString::fromUtf8(will.topic)), rc);
     }
     if (options.tls) {
         const QByteArray caFile = utf8OrNull(options.caFile);
@@ -308,8 +314,9 @@ void MqttConnection::attempt()
         return;
     ++m_attempts;
     qCDebug(m_category) << QStringLiteral("Connecting to %1, attempt %2").arg(address()).arg(m_attempts);
+    emit connecting();
     QString error;
-    m_mosq = create(m_options, m_statusTopic, this, &error);
+    m_mosq = create(m_options, m_will, this, &error);
     if (!m_mosq) {
         drop(error);
         return;

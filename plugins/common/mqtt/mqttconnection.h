@@ -77,6 +77,11 @@ public:
     void setReconnectDelays(int initialMs, int maximumMs);
     /** A topic that holds "online" (retained) while connected: the last will says "offline", and so does close(). */
     void setStatusTopic(const QByteArray &topic);
+    /**
+     * The last will of the attempts from the next one on, in place of the status topic's: payload on topic at qos.
+     * Owners whose will changes with each connection set it from connecting().
+     */
+    void setWill(const QByteArray &topic, const QByteArray &payload, int qos, bool retain);
     /** Topic filters subscribed at qos after every connect. */
     void setSubscriptions(const QStringList &filters, int qos);
 
@@ -98,6 +103,8 @@ public:
         QString *error);
 
 signals:
+    /** An attempt is about to begin; a will set now goes with it. */
+    void connecting();
     /** The broker accepted the connection (and the subscriptions were sent). */
     void connected();
     /** An established connection ended; an attempt that never connected does not emit this. */
@@ -109,6 +116,15 @@ signals:
     void messageReceived(const QByteArray &topic, const QByteArray &payload);
 
 private:
+    /** What the broker publishes for us when the connection dies without a DISCONNECT. */
+    struct Will
+    {
+        QByteArray topic;
+        QByteArray payload;
+        int qos = 1;
+        bool retain = true;
+    };
+
     static void onConnect(mosquitto *mosq, void *self, int reasonCode, int flags, const mqtt5__property *properties);
     static void onDisconnect(mosquitto *mosq, void *self, int reasonCode, const mqtt5__property *properties);
     static void onPublish(mosquitto *mosq, void *self, int mid, int reasonCode, const mqtt5__property *properties);
@@ -119,8 +135,7 @@ private:
     static void onLog(mosquitto *mosq, void *self, int level, const char *text);
 
     void attempt();
-    static mosquitto *create(
-        const Options &options, const QByteArray &statusTopic, MqttConnection *owner, QString *error);
+    static mosquitto *create(const Options &options, const Will &will, MqttConnection *owner, QString *error);
     void afterLoop(int rc);
     void updateWriteNotifier();
     void drop(const QString &reason);
@@ -131,6 +146,7 @@ private:
     const QLoggingCategory &m_category;
     Options m_options;
     QByteArray m_statusTopic;
+    Will m_will;
     QStringList m_subscriptions;
     int m_subscriptionQos = 1;
     int m_initialDelay = 1000;

@@ -56,6 +56,8 @@ public:
      */
     void rewind();
 
+    /** The sequence number that the next appended record gets: every record below it was appended before. */
+    quint64 end() const { return m_next; }
     /** Records not acknowledged yet. */
     qint64 count() const { return qint64(m_next - m_head); }
     /** Their bytes in the segment files. */

@@ -5,14 +5,12 @@
 #include "core.h"
 #include "datasetcodec.h"
 #include "jsonl.h"
-#include "machinefleet.h"
+#include "replayrecording.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QJsonValue>
 #include <QTemporaryDir>
-
-#include <type_traits>
 
 #include <benchmark/benchmark.h>
 
@@ -21,42 +19,6 @@
 #include <sys/resource.h>
 
 namespace {
-
-constexpr int Machines = 1000;
-
-// Keeps the first seven values of a record, as a machine that reports only its main counters does.
-void keepSevenValues(WwState &state)
-{
-    if (!state.Values)
-        return;
-    int kept = 0;
-    WwStateValues::visitFields([&](const char *, auto member) {
-        auto &field = (*state.Values).*member;
-        if constexpr (std::is_same_v<std::decay_t<decltype(field)>, std::optional<std::decay_t<decltype(*field)>>>) {
-            if (field && ++kept > 7)
-                field.reset();
-        }
-    });
-}
-
-// One machine after another, every tenth round of updates changing, the rest repeating each machine's last record.
-void writeRecording(const QString &path, int lines)
-{
-    MachineFleet fleet(Machines, QStringLiteral("replay"));
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    for (int i = 0; i < lines; ++i) {
-        const int index = i % Machines;
-        const bool changed = (i / Machines) % 10 == 0;
-        QDateTime timestamp;
-        WwState state = qvariant_cast<WwState>(fleet.next(index, changed, timestamp));
-        keepSevenValues(state);
-        file.write(
-            DatasetCodec::encodeLine(timestamp, fleet.machineName(index), fleet.source(), QVariant::fromValue(state)));
-        file.write("\n", 1);
-    }
-}
 
 double processCpuSeconds()
 {
@@ -70,7 +32,10 @@ void BM_ReplayToJsonl(benchmark::State &state)
     const int lines = int(state.range(0));
     QTemporaryDir folder;
     const QString recordingPath = folder.filePath(QStringLiteral("recording.jsonl"));
-    writeRecording(recordingPath, lines);
+    if (!ReplayRecording::write(recordingPath, lines)) {
+        state.SkipWithError("can't write the recording");
+        return;
+    }
     for (auto _ : state) {
         ChainRig rig;
         Jsonl jsonl;

@@ -136,6 +136,65 @@ bool readDateTime(const Json &json, QDateTime *out, const char *field, const cha
     return true;
 }
 
+template <typename Json>
+using TypedRead = bool (*)(const Json &json, QVariant *out, const char *field, const char *record, QString *error);
+
+/** Reads the JSON value as Wire, as a record's field of that type is read, and keeps it in the variant as Stored. */
+template <typename Wire, typename Stored, typename Json>
+bool readTyped(const Json &json, QVariant *out, const char *field, const char *record, QString *error)
+{
+    Wire value {};
+    if (!readValue(json, &value, field, record, error))
+        return false;
+    *out = QVariant::fromValue(Stored(value));
+    return true;
+}
+
+template <typename Json>
+bool readBase64(const Json &json, QVariant *out, const char *field, const char *record, QString *error)
+{
+    QString text;
+    if (!readString(json, &text, field, record, error))
+        return false;
+    const auto decoded = QByteArray::fromBase64Encoding(text.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
+    if (!decoded || !text.isSimpleText()) {
+        *error = fieldProblem(field, record, QStringLiteral("must be base64 text"));
+        return false;
+    }
+    *out = *decoded;
+    return true;
+}
+
+/** How a value of a type the writer names is read; null for the types that QVariant converts to. */
+template <typename Json> TypedRead<Json> typedReader(int type)
+{
+    struct Entry
+    {
+        int type;
+        TypedRead<Json> read;
+    };
+    static const Entry table[] = {
+        { QMetaType::Bool, &readTyped<bool, bool, Json> },
+        { QMetaType::Int, &readTyped<qint32, int, Json> },
+        { QMetaType::UInt, &readTyped<quint32, uint, Json> },
+        { QMetaType::LongLong, &readTyped<qint64, qlonglong, Json> },
+        { QMetaType::ULongLong, &readTyped<quint64, qulonglong, Json> },
+        { QMetaType::Double, &readTyped<double, double, Json> },
+        { QMetaType::QString, &readTyped<QString, QString, Json> },
+        { QMetaType::Char, &readTyped<qint8, char, Json> },
+        { QMetaType::SChar, &readTyped<qint8, signed char, Json> },
+        { QMetaType::UChar, &readTyped<quint8, uchar, Json> },
+        { QMetaType::QChar, &readTyped<quint16, QChar, Json> },
+        { QMetaType::Float, &readTyped<double, float, Json> },
+        { QMetaType::QByteArray, &readBase64<Json> },
+    };
+    for (const Entry &entry : table) {
+        if (entry.type == type)
+            return entry.read;
+    }
+    return nullptr;
+}
+
 template <typename Object>
 bool readVariant(const Object &object, const char *field, const char *record, QVariant *out, QString *error)
 {
@@ -172,117 +231,20 @@ bool readVariant(const Object &object, const char *field, const char *record, QV
     }
     const QString typeName = typeIt.value().toString();
     const int type = QMetaType::type(typeName.toLatin1().constData());
-    switch (type) {
-    case QMetaType::Bool: {
-        bool value = false;
-        if (!readValue(json, &value, field, record, error))
-            return false;
-        *out = value;
-        return true;
-    }
-    case QMetaType::Int: {
-        qint32 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = int(value);
-        return true;
-    }
-    case QMetaType::UInt: {
-        quint32 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = uint(value);
-        return true;
-    }
-    case QMetaType::LongLong: {
-        qint64 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = qlonglong(value);
-        return true;
-    }
-    case QMetaType::ULongLong: {
-        quint64 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = qulonglong(value);
-        return true;
-    }
-    case QMetaType::Double: {
-        double value = 0;
-        if (!readDouble(json, &value, field, record, error))
-            return false;
-        *out = value;
-        return true;
-    }
-    case QMetaType::QString: {
-        QString value;
-        if (!readString(json, &value, field, record, error))
-            return false;
-        *out = value;
-        return true;
-    }
-    case QMetaType::Char: {
-        qint8 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = QVariant::fromValue(char(value));
-        return true;
-    }
-    case QMetaType::SChar: {
-        qint8 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = QVariant::fromValue(static_cast<signed char>(value));
-        return true;
-    }
-    case QMetaType::UChar: {
-        quint8 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = QVariant::fromValue(uchar(value));
-        return true;
-    }
-    case QMetaType::QChar: {
-        quint16 value = 0;
-        if (!readInteger(json, &value, field, record, error))
-            return false;
-        *out = QVariant::fromValue(QChar(value));
-        return true;
-    }
-    case QMetaType::Float: {
-        double value = 0;
-        if (!readDouble(json, &value, field, record, error))
-            return false;
-        *out = QVariant::fromValue(float(value));
-        return true;
-    }
-    case QMetaType::QByteArray: {
-        QString text;
-        if (!readString(json, &text, field, record, error))
-            return false;
-        const auto decoded = QByteArray::fromBase64Encoding(text.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
-        if (!decoded || !text.isSimpleText()) {
-            *error = fieldProblem(field, record, QStringLiteral("must be base64 text"));
-            return false;
-        }
-        *out = *decoded;
-        return true;
-    }
-    case QMetaType::UnknownType:
+    if (type == QMetaType::UnknownType) {
         *error = QStringLiteral("field \"%1\" of %2 names the unknown type \"%3\"")
                      .arg(typeField, QLatin1String(record), typeName);
         return false;
-    default: {
-        QVariant value = json.toVariant();
-        if (!value.convert(type)) {
-            *error = fieldProblem(field, record, QStringLiteral("cannot be read as %1").arg(typeName));
-            return false;
-        }
-        *out = value;
-        return true;
     }
+    if (const auto read = typedReader<std::decay_t<decltype(json)>>(type))
+        return read(json, out, field, record, error);
+    QVariant value = json.toVariant();
+    if (!value.convert(type)) {
+        *error = fieldProblem(field, record, QStringLiteral("cannot be read as %1").arg(typeName));
+        return false;
     }
+    *out = value;
+    return true;
 }
 
 template bool readDouble(const QJsonValue &, double *, const char *, const char *, QString *);

@@ -8,8 +8,10 @@
 /**
  * The interface of the built-in dataset processors. An implementation derives from QObject first and IProcessor
  * second and declares, after its overrides, the signal
- * dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data) and the slot
- * processData(QDateTime timestamp, QString machine, QString source, QVariant data).
+ * dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data) and
+ * the slot processData with the same parameters; both normalise to (QDateTime,QString,QString,QVariant), so they
+ * connect to datasources and targets that declare theirs by value. The references are the sender's objects: a
+ * processor emits only locals and its own parameters, never an object that a nested dataset could change or move.
  */
 class IProcessor
 {

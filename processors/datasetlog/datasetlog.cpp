@@ -22,7 +22,8 @@ unsigned int DatasetLog::orderNumber() const
     return 9999;
 }
 
-void DatasetLog::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void DatasetLog::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     // qCDebug only evaluates its arguments when the category's debug output is on.
     qCDebug(lcDataset) << QStringLiteral("Source: %1 Maschine: %2 Dataset: %3")

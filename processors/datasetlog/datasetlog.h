@@ -20,10 +20,10 @@ public:
     unsigned int orderNumber() const override;
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 };
 
 #endif

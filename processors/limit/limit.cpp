@@ -2,6 +2,7 @@
 
 #include "limitlogging.h"
 #include "limitschedule.h"
+#include "listhandover.h"
 #include "wwtypes.h"
 
 #include <QTimer>
@@ -144,7 +145,7 @@ unsigned int Limit::orderNumber() const
     return 1000;
 }
 
-void Limit::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void Limit::processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     Machine &tables = machineFor(machine);
     const int type = data.userType();
@@ -182,7 +183,9 @@ void Limit::doOperatingData()
         if (!machine->operatingDataPending)
             continue;
         machine->operatingDataPending = false;
-        emit dataProcessed(time.dateTime(), machine->name, LimiterSource, *machine->lastValue(m_operatingDataType));
+        // A copy: a receiver that sends the machine a dataset of a new type grows the vector the value lives in.
+        const QVariant data = *machine->lastValue(m_operatingDataType);
+        emit dataProcessed(time.dateTime(), machine->name, LimiterSource, data);
     }
 }
 
@@ -226,8 +229,7 @@ void Limit::takeList(Machine &machine, const QVariant &data)
     Table<Item> &entries = machine.*table;
 
     // The same items as last time, each still its id's entry: unchanged, unless an item does not equal itself.
-    const bool sameItems
-        = !items.isEmpty() && !entries.list.isEmpty() && &items.constFirst() == &entries.list.constFirst();
+    const bool sameItems = ListHandover::sameList(items, entries.list);
     if (sameItems && entries.listIntact) {
         if (entries.listSelfEqual < 0) {
             entries.listSelfEqual

@@ -49,11 +49,11 @@ public:
     void setClock(Clock clock) { m_clock = clock; }
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
     /** Drops repeats, takes list and operating data into the per-machine tables and passes everything else on. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
     /** Sends every machine's pending condition definitions whose last sending is a wait time ago. */
     void doConditionDefinitions();
     /** Sends every machine's pending condition values whose last sending is a wait time ago. */

@@ -181,7 +181,8 @@ template <typename Item> struct Limit::Table : Schedule
     std::vector<quint8> states;
     // Entry indices by hash of the id, -1 for a free bucket; a power of two long, at most three quarters used.
     std::vector<qint32> buckets;
-    // The items of the last list taken; never changed here, so that pointers into it stay valid.
+    // The items of the last list taken; never changed here, so that pointers into it stay valid. Taking the next one
+    // lets go of it, which is what its sender counts on (listhandover.h).
     QList<Item> list;
     // The entries whose item is in list, and the mark they carry.
     int listed = 0;

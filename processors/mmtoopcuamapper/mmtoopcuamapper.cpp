@@ -14,6 +14,7 @@
 #include "wwmanufacturerspecific.h"
 
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -84,6 +85,14 @@ WwStateValues &valuesOf(WwState &state)
         state.Values = WwStateValues();
     return *state.Values;
 }
+
+// A flag of a StateV1 row: set on, set off, or left as it was.
+enum RowFlag : qint8 { Keep = -1, Off = 0, On = 1 };
+constexpr qint64 KeepMode = -1;
+
+// The optional flags that StateV1 rows set, in the order of a row's flags.
+std::optional<bool> WwStateFlags::*const RowFlags[] = { &WwStateFlags::WorkpiecePresent, &WwStateFlags::Moving,
+    &WwStateFlags::RecipeInRun, &WwStateFlags::RecipeInSetup, &WwStateFlags::FeedRuns, &WwStateFlags::EnergySaving };
 
 // The flags that every running StateV1 row sets.
 void setRunning(WwStateFlags &flags)
@@ -199,7 +208,8 @@ void MmToOpcUaMapper::publishMachine(const QString &machine, const QVariantMap &
     emit dataProcessed(currentDateTime(), machine, source, QVariant::fromValue(state));
 }
 
-void MmToOpcUaMapper::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void MmToOpcUaMapper::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     emit dataProcessed(timestamp, machine, source, data);
 
@@ -421,6 +431,40 @@ void MmToOpcUaMapper::restartDuration(Machine &record, Duration duration, qint64
     timer.start(now);
 }
 
+/**
+ * What a running StateV1 code makes of the machine: its state, its operation mode (KeepMode: as it was), the Error
+ * flag and the flags of RowFlags, and the duration timers it restarts (DurationCount: none). Each row also sets the
+ * flags of setRunning.
+ */
+struct MmToOpcUaMapper::StateRow
+{
+    qint32 code;
+    quint32 machineState;
+    qint64 operationMode;
+    RowFlag error;
+    RowFlag flags[std::size(RowFlags)];
+    Duration restarts[2];
+};
+
+// clang-format off
+const MmToOpcUaMapper::StateRow MmToOpcUaMapper::StateRows[] = {
+    // code, machine state, operation mode, Error,
+    //     WorkpiecePresent, Moving, RecipeInRun, RecipeInSetup, FeedRuns, EnergySaving, restarted durations
+    { StateV1::Producing, WwState::Working, WwState::Automatic, Off,
+        { On, On, On, Keep, On, Off }, { Production, Working } },
+    { StateV1::Setup, WwState::Working, WwState::Setup, Off,
+        { Keep, Keep, On, On, Keep, Off }, { DurationCount, DurationCount } },
+    { StateV1::Standby, WwState::Working, WwState::Sleep, Off,
+        { Keep, Off, Off, Off, Off, On }, { Standby, DurationCount } },
+    { StateV1::WorkingWithoutWorkpiece, WwState::Ready, WwState::Automatic, Off,
+        { Off, Off, Off, Off, On, Off }, { ProductionWithoutWorkpiece, Working } },
+    { StateV1::Waiting, WwState::Error, KeepMode, Keep,
+        { Keep, Off, Off, Off, Off, Keep }, { DurationCount, DurationCount } },
+    { StateV1::Error, WwState::Error, KeepMode, On,
+        { Keep, Off, Off, Off, Off, Keep }, { Error, DurationCount } },
+};
+// clang-format on
+
 void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &timestamp, const QString &machine,
     const QString &source, const QVariant &data)
 {
@@ -437,78 +481,26 @@ void MmToOpcUaMapper::mapState(Machine &record, qint64 now, const QDateTime &tim
         state.OperationMode = WwState::Other;
         state.Flags = WwStateFlags();
         break;
-    case StateV1::Producing: {
-        state.MachineState = WwState::Working;
-        state.OperationMode = WwState::Automatic;
-        WwStateFlags &flags = flagsOf(state);
-        setRunning(flags);
-        flags.Error = false;
-        flags.WorkpiecePresent = true;
-        flags.Moving = true;
-        flags.RecipeInRun = true;
-        flags.FeedRuns = true;
-        flags.EnergySaving = false;
-        restartDuration(record, Production, now);
-        restartDuration(record, Working, now);
-        break;
-    }
-    case StateV1::Setup: {
-        state.MachineState = WwState::Working;
-        state.OperationMode = WwState::Setup;
-        WwStateFlags &flags = flagsOf(state);
-        setRunning(flags);
-        flags.Error = false;
-        flags.RecipeInRun = true;
-        flags.RecipeInSetup = true;
-        flags.EnergySaving = false;
-        break;
-    }
-    case StateV1::Standby: {
-        state.MachineState = WwState::Working;
-        state.OperationMode = WwState::Sleep;
-        WwStateFlags &flags = flagsOf(state);
-        setRunning(flags);
-        flags.Error = false;
-        flags.Moving = false;
-        flags.RecipeInRun = false;
-        flags.RecipeInSetup = false;
-        flags.FeedRuns = false;
-        flags.EnergySaving = true;
-        restartDuration(record, Standby, now);
-        break;
-    }
-    case StateV1::WorkingWithoutWorkpiece: {
-        state.MachineState = WwState::Ready;
-        state.OperationMode = WwState::Automatic;
-        WwStateFlags &flags = flagsOf(state);
-        setRunning(flags);
-        flags.Error = false;
-        flags.WorkpiecePresent = false;
-        flags.Moving = false;
-        flags.RecipeInRun = false;
-        flags.RecipeInSetup = false;
-        flags.FeedRuns = true;
-        flags.EnergySaving = false;
-        restartDuration(record, ProductionWithoutWorkpiece, now);
-        restartDuration(record, Working, now);
-        break;
-    }
-    case StateV1::Waiting:
-    case StateV1::Error: {
-        state.MachineState = WwState::Error;
-        WwStateFlags &flags = flagsOf(state);
-        setRunning(flags);
-        flags.Moving = false;
-        flags.RecipeInRun = false;
-        flags.RecipeInSetup = false;
-        flags.FeedRuns = false;
-        if (code == StateV1::Error) {
-            flags.Error = true;
-            restartDuration(record, Error, now);
-        }
-        break;
-    }
     default:
+        for (const StateRow &row : StateRows) {
+            if (row.code != code)
+                continue;
+            state.MachineState = row.machineState;
+            if (row.operationMode != KeepMode)
+                state.OperationMode = quint32(row.operationMode);
+            WwStateFlags &flags = flagsOf(state);
+            setRunning(flags);
+            if (row.error != Keep)
+                flags.Error = row.error == On;
+            for (size_t column = 0; column < std::size(RowFlags); ++column) {
+                if (row.flags[column] != Keep)
+                    flags.*RowFlags[column] = row.flags[column] == On;
+            }
+            for (const Duration duration : row.restarts) {
+                if (duration != DurationCount)
+                    restartDuration(record, duration, now);
+            }
+        }
         break;
     }
     emit dataProcessed(timestamp, machine, source, QVariant::fromValue(state));
@@ -529,6 +521,8 @@ void MmToOpcUaMapper::markSilentMachinesOffline()
     const QVariant data = QVariant::fromValue(offline);
     for (const QString &machine : qAsConst(silent)) {
         qCDebug(lcMmToOpcUaMapper).nospace() << "Timeout: marking " << machine << " as OFFLINE";
-        processData(currentDateTime(), machine, m_machines.constFind(machine)->lastSource, data);
+        // A copy of the source: the machine's record lives in a hash that a nested dataset may rehash.
+        const QString source = m_machines.constFind(machine)->lastSource;
+        processData(currentDateTime(), machine, source, data);
     }
 }

@@ -82,10 +82,10 @@ public:
     void setOfflineTimeout(int msecs);
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     /** A monotonic elapsed timer on the mapper's clock; it is not running until started. */
@@ -103,6 +103,8 @@ private:
     };
 
     enum Duration { Standby, Working, Production, ProductionWithoutWorkpiece, Error, DurationCount };
+    struct StateRow;
+    static const StateRow StateRows[];
 
     /** Everything the mapper keeps about one machine. */
     struct Machine

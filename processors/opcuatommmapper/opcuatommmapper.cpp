@@ -3,6 +3,7 @@
 #include "conditiondatasv2.h"
 #include "conditiondefinitionsv2.h"
 #include "generalv1.h"
+#include "listhandover.h"
 #include "notificationsaddv1.h"
 #include "notificationsremovev1.h"
 #include "opcuatommmapperlogging.h"
@@ -287,7 +288,8 @@ unsigned int OpcUaToMMMapper::orderNumber() const
     return 50;
 }
 
-void OpcUaToMMMapper::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void OpcUaToMMMapper::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     qCDebug(lcOpcUaToMMMapper) << timestamp << machine << source << data;
 
@@ -375,7 +377,9 @@ void OpcUaToMMMapper::mapOperatingData(const QDateTime &timestamp, const QString
         known.operatingData = QVariant::fromValue(general);
     else if (!sameOperatingData(*static_cast<const GeneralV1 *>(known.operatingData.constData()), general))
         *static_cast<GeneralV1 *>(known.operatingData.data()) = general;
-    emit dataProcessed(timestamp, machine, source, known.operatingData);
+    // Receivers get a copy of the kept variant (a reference count): a nested dataset may move or rewrite the kept one.
+    const QVariant data = known.operatingData;
+    emit dataProcessed(timestamp, machine, source, data);
 }
 
 void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QString &machine, const QString &source,
@@ -420,10 +424,11 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
             [&](int i, const auto *value) { changed = changed || (value && valueBits(*value) != known.stateBits[i]); });
         if (changed) {
             // The receivers keep the last list until the next one comes (Limit's entries point into it), so a change
-            // is written into the list before it, which they have let go of by then: no item is copied or freed. When
-            // that one is still held, the last list is copied instead and kept as the one to write next time.
+            // is written into the list before it, which they have let go of by then (listhandover.h): no item is
+            // copied or freed. When that one is still held, the last list is copied instead and kept as the one to
+            // write next time.
             QList<ConditionDataV2> &items = datas.items;
-            if (known.spareInDatas == present && known.spareItems.isDetached()) {
+            if (known.spareInDatas == present && ListHandover::writableAgain(known.spareItems)) {
                 std::swap(items, known.spareItems);
                 std::swap(known.stateBits, known.spareBits);
             } else {
@@ -461,7 +466,8 @@ void OpcUaToMMMapper::mapStateConditions(const QDateTime &timestamp, const QStri
         known.spareItems.clear();
         known.spareInDatas.reset();
     }
-    emit dataProcessed(timestamp, machine, source, known.stateDatas);
+    const QVariant data = known.stateDatas;
+    emit dataProcessed(timestamp, machine, source, data);
 }
 
 void OpcUaToMMMapper::mapIdentification(

@@ -77,7 +77,8 @@ unsigned int UnitOverwrite::orderNumber() const
     return 500;
 }
 
-void UnitOverwrite::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void UnitOverwrite::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     const auto overrides = m_overrides.constFind(machine);
     if (overrides == m_overrides.cend()) {

@@ -26,11 +26,11 @@ public:
     unsigned int orderNumber() const override;
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
     /** Rewrites maintenance and condition datasets of machines with overrides; passes everything else on. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     struct Override

@@ -1,5 +1,6 @@
 #include "validator.h"
 
+#include "listhandover.h"
 #include "mmdatasets.h"
 #include "validatorlogging.h"
 
@@ -57,7 +58,8 @@ unsigned int Validator::orderNumber() const
     return 900;
 }
 
-void Validator::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void Validator::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     const int type = data.userType();
 
@@ -204,7 +206,7 @@ QVariant Validator::repairConditionDatas(const QString &machine, QString &reason
     // Only text is converted: a list known to hold none needs no look at its items, which a machine's steady updates
     // send again and again.
     const QList<ConditionDataV2> &textFree = known->textFree;
-    if (!items.isEmpty() && !textFree.isEmpty() && &items.constFirst() == &textFree.constFirst())
+    if (ListHandover::sameList(items, textFree))
         return data;
     ConditionDatasV2 datas;
     bool text = false;

@@ -32,11 +32,11 @@ public:
     unsigned int orderNumber() const override;
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
     /** Checks the dataset and passes it on, repaired where needed, or drops it with a warning. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     using Check = bool (Validator::*)(const QString &machine, QString &reason, const QVariant &data);

@@ -37,7 +37,8 @@ unsigned int XmlOverwrite::orderNumber() const
     return 600;
 }
 
-void XmlOverwrite::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void XmlOverwrite::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     if (data.userType() != m_maintenanceDefinitionsType) {
         emit dataProcessed(timestamp, machine, source, data);

@@ -28,11 +28,11 @@ public:
     unsigned int orderNumber() const override;
 
 signals:
-    void dataProcessed(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void dataProcessed(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
     /** Sets the stored comments in maintenance definition lists; passes everything else on unchanged. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     using Comments = QHash<QString, QString>;

@@ -141,8 +141,8 @@ void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
     const QString topicMachine = topicText.section(QLatin1Char('/'), 1, 1);
     for (const DatasetCodec::Dataset &dataset : qAsConst(datasets)) {
         emit dataReceived(dataset.timestamp.isValid() ? dataset.timestamp : QDateTime::currentDateTime(),
-            dataset.machine.isEmpty() ? topicMachine : dataset.machine,
-            dataset.source.isEmpty() ? topicText : dataset.source, dataset.data);
+            m_names.intern(dataset.machine.isEmpty() ? topicMachine : dataset.machine),
+            m_names.intern(dataset.source.isEmpty() ? topicText : dataset.source), dataset.data);
     }
 }
 

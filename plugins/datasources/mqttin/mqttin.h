@@ -4,6 +4,7 @@
 #include "idatasource.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
+#include "namecache.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -51,6 +52,9 @@ private:
     bool m_initialised = false;
     int m_qos = 1;
     qint64 m_maxPayload = 0;
+    // The machine and source names repeat from message to message: the datasets share their texts, which the
+    // processors then compare without looking at their characters.
+    NameCache m_names;
 };
 
 #endif

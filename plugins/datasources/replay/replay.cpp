@@ -3,6 +3,7 @@
 #include <QJsonValue>
 #include <QLoggingCategory>
 
+#include <cstring>
 #include <limits>
 
 Q_LOGGING_CATEGORY(lcReplay, "replay")
@@ -12,6 +13,10 @@ namespace {
 const QString Group = QStringLiteral("replay");
 const QLatin1String DelayKey("delayMs");
 constexpr int MaxPause = std::numeric_limits<int>::max();
+// Datasets sent in one turn of the event loop at most, when no pause lies between them.
+constexpr int MaxDatasetsPerTurn = 256;
+// Bytes read from the file at once; the lines are taken from them without being copied.
+constexpr int ChunkBytes = 256 * 1024;
 
 /** The white space that QByteArray::trimmed() takes away. */
 bool isSpace(char c)
@@ -39,8 +44,8 @@ const QVector<SettingKey> &Replay::settings()
     static const QVector<SettingKey> table {
         SettingKey::path("file", "", "JSON-lines file to replay, one dataset per line in the form of codec/README.md."),
         SettingKey::duration("interval", "0", 0, MaxPause,
-            "Milliseconds between two datasets; 0 sends one per turn of the event loop. A line's delayMs overrides "
-            "it."),
+            "Milliseconds between two datasets; 0 sends them as fast as the chain takes them, up to 256 per turn "
+            "of the event loop. A line's delayMs overrides it."),
         SettingKey::boolean("loop", "false", "true starts again at the first line after the last."),
         SettingKey::whole("maxLineBytes", "1048576", 1024, 268435456,
             "Longest line read, in bytes; a longer one is skipped with a warning, without being held in memory."),
@@ -69,7 +74,8 @@ bool Replay::init(const QVariantMap &config, QVariantMap &)
         return false;
     }
     m_file.setFileName(path);
-    if (!m_file.open(QIODevice::ReadOnly)) {
+    // Unbuffered: the file is read in large pieces of its own, which QFile's buffer would only copy again.
+    if (!m_file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         qCWarning(lcReplay) << QStringLiteral("Can't open %1: %2").arg(path, m_file.errorString());
         return false;
     }
@@ -85,10 +91,20 @@ QString Replay::name() const
 
 void Replay::sendPending()
 {
-    emit dataReceived(m_pending.timestamp.isValid() ? m_pending.timestamp : QDateTime::currentDateTimeUtc(),
-        m_pending.machine, m_pending.source, m_pending.data);
-    ++m_sent;
-    scheduleNext();
+    // Datasets without a pause between them go several per turn of the event loop, a bounded number, so that timers
+    // and other plugins still get their turns.
+    for (int sent = 0;; ++sent) {
+        emit dataReceived(m_pending.timestamp.isValid() ? m_pending.timestamp : QDateTime::currentDateTimeUtc(),
+            m_pending.machine, m_pending.source, m_pending.data);
+        ++m_sent;
+        qint64 pause = 0;
+        if (!readDataset(&pause))
+            return;
+        if (pause > 0 || sent + 1 >= MaxDatasetsPerTurn) {
+            m_timer.start(int(pause));
+            return;
+        }
+    }
 }
 
 void Replay::scheduleNext()
@@ -98,10 +114,94 @@ void Replay::scheduleNext()
         m_timer.start(int(pause));
 }
 
+bool Replay::readLine(QByteArray *line)
+{
+    for (;;) {
+        const char *begin = m_chunk.constData() + m_chunkStart;
+        const char *newline = static_cast<const char *>(std::memchr(begin, '\n', size_t(m_chunkEnd - m_chunkStart)));
+        if (newline && !m_skipping) {
+            *line = QByteArray::fromRawData(begin, int(newline - begin));
+            m_chunkStart = int(newline - m_chunk.constData()) + 1;
+            ++m_lineNumber;
+            if (line->size() <= m_maxLineBytes)
+                return true;
+            warnLongLine();
+            continue;
+        }
+        if (newline) {
+            // The end of a line that was too long: the next line starts after it.
+            m_skipping = false;
+            m_chunkStart = int(newline - m_chunk.constData()) + 1;
+            continue;
+        }
+        if (m_skipping || m_chunkEnd - m_chunkStart > m_maxLineBytes) {
+            // The rest of a line that is too long is read past in pieces, so that it never sits in memory whole.
+            if (!m_skipping) {
+                ++m_lineNumber;
+                warnLongLine();
+                m_skipping = true;
+            }
+            m_chunkStart = m_chunkEnd = 0;
+        }
+        // Keeps the start of the line and reads the next piece of the file behind it.
+        const int kept = m_chunkEnd - m_chunkStart;
+        if (kept > 0 && m_chunkStart > 0)
+            std::memmove(m_chunk.data(), m_chunk.constData() + m_chunkStart, size_t(kept));
+        m_chunkStart = 0;
+        m_chunkEnd = kept;
+        if (m_chunk.size() < kept + ChunkBytes)
+            m_chunk.resize(kept + ChunkBytes);
+        const qint64 count = m_file.read(m_chunk.data() + kept, ChunkBytes);
+        if (count < 0) {
+            qCWarning(lcReplay) << QStringLiteral("Can't read %1: %2").arg(m_file.fileName(), m_file.errorString());
+            return false;
+        }
+        if (count > 0) {
+            m_chunkEnd += int(count);
+            continue;
+        }
+        // The end of the file: what is left is its last line, which has no line feed.
+        if (kept == 0 || m_skipping) {
+            m_skipping = false;
+            m_chunkEnd = 0;
+            *line = QByteArray();
+            m_atEnd = true;
+            return true;
+        }
+        *line = QByteArray::fromRawData(m_chunk.constData(), kept);
+        m_chunkStart = m_chunkEnd = kept;
+        ++m_lineNumber;
+        return true;
+    }
+}
+
+void Replay::warnLongLine()
+{
+    qCWarning(lcReplay) << QStringLiteral("Skipping line %1 of %2: the line is longer than %3 bytes")
+                               .arg(m_lineNumber)
+                               .arg(m_file.fileName())
+                               .arg(m_maxLineBytes);
+}
+
+void Replay::rewind()
+{
+    m_file.seek(0);
+    m_chunkStart = m_chunkEnd = 0;
+    m_skipping = false;
+    m_atEnd = false;
+    m_lineNumber = 0;
+    m_datasetsThisPass = 0;
+}
+
 bool Replay::readDataset(qint64 *pause)
 {
     for (;;) {
-        if (m_file.atEnd()) {
+        QByteArray raw;
+        if (!readLine(&raw)) {
+            m_file.close();
+            return false;
+        }
+        if (m_atEnd) {
             if (!m_loop) {
                 qCInfo(lcReplay)
                     << QStringLiteral("Finished replaying %1, datasets sent: %2").arg(m_file.fileName()).arg(m_sent);
@@ -115,30 +215,7 @@ bool Replay::readDataset(qint64 *pause)
                 m_file.close();
                 return false;
             }
-            m_file.seek(0);
-            m_lineNumber = 0;
-            m_datasetsThisPass = 0;
-        }
-        // readLine(n) gives at most n - 1 bytes: one more than the limit tells a line that is too long. The line goes
-        // into a buffer kept for every line, which is only as resident as the longest line read has made it.
-        m_buffer.resize(int(m_maxLineBytes + 2));
-        const qint64 length = m_file.readLine(m_buffer.data(), m_maxLineBytes + 2);
-        const QByteArray raw = QByteArray::fromRawData(m_buffer.constData(), int(qMax<qint64>(length, 0)));
-        if (raw.isEmpty()) {
-            qCWarning(lcReplay) << QStringLiteral("Can't read %1: %2").arg(m_file.fileName(), m_file.errorString());
-            m_file.close();
-            return false;
-        }
-        ++m_lineNumber;
-        if (raw.size() > m_maxLineBytes && !raw.endsWith('\n')) {
-            // The rest of the line is read past in pieces, so that one huge line never sits in memory whole.
-            QByteArray rest = raw;
-            while (!rest.endsWith('\n') && !m_file.atEnd())
-                rest = m_file.readLine(64 * 1024);
-            qCWarning(lcReplay) << QStringLiteral("Skipping line %1 of %2: the line is longer than %3 bytes")
-                                       .arg(m_lineNumber)
-                                       .arg(m_file.fileName())
-                                       .arg(m_maxLineBytes);
+            rewind();
             continue;
         }
         const QByteArray line = trimmedView(raw);
@@ -162,6 +239,8 @@ bool Replay::readDataset(qint64 *pause)
         }
         ++m_datasetsThisPass;
         m_pending = dataset;
+        m_pending.machine = m_names.intern(m_pending.machine);
+        m_pending.source = m_names.intern(m_pending.source);
         // The first dataset goes out at once; the interval is the pause between two.
         *pause = !delay.isUndefined() ? qint64(delay.toDouble()) : m_sent == 0 ? 0 : m_interval;
         return true;

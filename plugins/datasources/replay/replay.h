@@ -3,6 +3,7 @@
 
 #include "datasetcodec.h"
 #include "idatasource.h"
+#include "namecache.h"
 #include "settingsgroup.h"
 
 #include <QDateTime>
@@ -39,10 +40,24 @@ private:
     void sendPending();
     void scheduleNext();
     bool readDataset(qint64 *delay);
+    /**
+     * The next line without its line feed, sharing the bytes of the piece of the file read last, or at the end of the
+     * file an empty line and m_atEnd set; false when reading fails. Lines longer than m_maxLineBytes are skipped with
+     * a warning.
+     */
+    bool readLine(QByteArray *line);
+    void warnLongLine();
+    void rewind();
 
     QFile m_file;
-    // The line read last; kept, so that reading a line allocates nothing.
-    QByteArray m_buffer;
+    // The piece of the file read last, kept so that reading allocates nothing; the bytes not taken yet lie between
+    // m_chunkStart and m_chunkEnd. It grows only as far as the longest line read makes it.
+    QByteArray m_chunk;
+    int m_chunkStart = 0;
+    int m_chunkEnd = 0;
+    // In the middle of a line too long to keep.
+    bool m_skipping = false;
+    bool m_atEnd = false;
     QTimer m_timer;
     int m_interval = 0;
     bool m_loop = false;
@@ -51,6 +66,9 @@ private:
     qint64 m_sent = 0;
     qint64 m_datasetsThisPass = 0;
     DatasetCodec::Dataset m_pending;
+    // The machine and source names of a recording repeat: the datasets share their texts, which the processors then
+    // compare without looking at their characters.
+    NameCache m_names;
 };
 
 #endif

@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QLoggingCategory>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,8 @@ namespace {
 
 const QString Group = QStringLiteral("jsonl");
 const QString StandardOutput = QStringLiteral("standard output");
+// Lines gathered beyond this are written at once, so that a turn of many datasets keeps little memory.
+constexpr int MaxBatchBytes = 64 * 1024;
 
 } // namespace
 
@@ -61,6 +64,7 @@ bool Jsonl::init(const QVariantMap &config, QVariantMap &)
             return false;
         }
     }
+    m_batch.reserve(MaxBatchBytes + 4096);
     qCInfo(lcJsonl) << QStringLiteral("Writing datasets to %1").arg(m_target);
     return true;
 }
@@ -70,42 +74,68 @@ QString Jsonl::name() const
     return QStringLiteral("jsonl");
 }
 
-void Jsonl::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+Jsonl::~Jsonl()
+{
+    // A clean stop writes what this turn of the event loop has gathered.
+    flush();
+}
+
+void Jsonl::processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     // A target disabled in the configuration gets no init but stays connected for data.
     if (!m_file.isOpen())
         return;
     QString problem;
-    QByteArray line = DatasetCodec::encodeLine(timestamp, machine, source, data, &problem);
+    const QByteArray line = DatasetCodec::encodeLine(timestamp, machine, source, data, &problem);
     if (line.isEmpty()) {
         qCWarning(lcJsonl)
             << QStringLiteral("Skipping a %1 of %2: %3").arg(QLatin1String(data.typeName()), machine, problem);
         return;
     }
-    line.append('\n');
-    int error = 0;
-    if (writeWholeLine(line, &error)) {
-        if (m_failed > 0) {
-            qCWarning(lcJsonl)
-                << QStringLiteral("Writing to %1 again; %2 datasets could not be written").arg(m_target).arg(m_failed);
-            m_failed = 0;
-        }
-        return;
+    m_batch.append(line);
+    m_batch.append('\n');
+    ++m_batchLines;
+    if (m_batch.size() >= MaxBatchBytes) {
+        flush();
+    } else if (!m_flushQueued) {
+        // The lines of one turn of the event loop go out together, before the loop waits for anything again.
+        m_flushQueued = true;
+        QMetaObject::invokeMethod(this, &Jsonl::flush, Qt::QueuedConnection);
     }
+}
+
+void Jsonl::flush()
+{
+    m_flushQueued = false;
+    if (m_batchLines == 0)
+        return;
+    int error = 0;
+    const int written = writeWholeLines(&error);
+    const int lost = m_batchLines - written;
+    // Keeps the reserved capacity: the next turn's lines need no allocation.
+    m_batch.resize(0);
+    m_batchLines = 0;
+    if (written > 0 && m_failed > 0) {
+        qCWarning(lcJsonl)
+            << QStringLiteral("Writing to %1 again; %2 datasets could not be written").arg(m_target).arg(m_failed);
+        m_failed = 0;
+    }
+    if (lost == 0)
+        return;
     // Reported once per run of failures, not once per dataset; the count follows when writing works again.
     if (m_failed == 0)
         qCWarning(lcJsonl)
             << QStringLiteral("Can't write to %1: %2").arg(m_target, QString::fromLocal8Bit(std::strerror(error)));
-    ++m_failed;
+    m_failed += lost;
 }
 
-bool Jsonl::writeWholeLine(const QByteArray &line, int *error)
+int Jsonl::writeWholeLines(int *error)
 {
-    // The file is unbuffered: the line goes to it in one write, so a killed process leaves only whole lines.
+    // The file is unbuffered: the gathered lines go to it in one write, so a killed process leaves whole lines.
     const int fd = m_file.handle();
     qint64 written = 0;
-    while (written < line.size()) {
-        const ssize_t count = ::write(fd, line.constData() + written, size_t(line.size() - written));
+    while (written < m_batch.size()) {
+        const ssize_t count = ::write(fd, m_batch.constData() + written, size_t(m_batch.size() - written));
         if (count > 0) {
             written += count;
         } else if (count < 0 && errno == EINTR) {
@@ -115,12 +145,13 @@ bool Jsonl::writeWholeLine(const QByteArray &line, int *error)
             break;
         }
     }
-    if (written == line.size())
-        return true;
-    // A full disk can take part of a line: cut the file back to its last whole line, so that the next line does not
-    // start in the middle of this one. A pipe or terminal cannot be cut; there the part stays.
+    if (written == m_batch.size())
+        return m_batchLines;
+    // A full disk can take part of the lines: cut the file back to the last whole line, so that the next line does
+    // not start in the middle of one. A pipe or terminal cannot be cut; there the part stays.
+    const qint64 whole = written > 0 ? m_batch.lastIndexOf('\n', int(written) - 1) + 1 : 0;
     struct stat info;
-    if (written > 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= written)
-        (void)!::ftruncate(fd, info.st_size - written);
-    return false;
+    if (written > whole && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= written - whole)
+        (void)!::ftruncate(fd, info.st_size - (written - whole));
+    return int(std::count(m_batch.constBegin(), m_batch.constBegin() + whole, '\n'));
 }

@@ -13,7 +13,8 @@
 
 /**
  * A target that writes every dataset it receives as one line of JSON (the codec's form) to a file or to standard
- * output, each line written at once so that nothing is lost when the process is killed.
+ * output. The lines of one turn of the event loop go out with one write at its end, so that between two turns
+ * everything received is in the file, and only whole lines are.
  */
 class Jsonl : public QObject, public ITarget
 {
@@ -24,6 +25,8 @@ public:
     static const QVector<SettingKey> &settings();
 
     explicit Jsonl(QObject *parent = nullptr);
+    /** Writes the lines not yet written. */
+    ~Jsonl() override;
 
     /** Opens the file of the key file for appending (its folder made when missing), or standard output. */
     bool init(const QVariantMap &config, QVariantMap &shared) override;
@@ -31,14 +34,23 @@ public:
     QString name() const override;
 
 public slots:
-    /** Writes the dataset as one line with a single write. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    /** Adds the dataset's line to those written at the end of this turn of the event loop. */
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
-    /** Writes line whole or not at all; false with the operating system's error number otherwise. */
-    bool writeWholeLine(const QByteArray &line, int *error);
+    /** Writes the gathered lines, and reports a failure or the end of one. */
+    void flush();
+    /**
+     * Writes the gathered lines with one write; the number of lines written whole, and with fewer than all the
+     * operating system's error number. A line written in part is cut off again.
+     */
+    int writeWholeLines(int *error);
 
     QFile m_file;
+    // The lines gathered in this turn of the event loop, and how many.
+    QByteArray m_batch;
+    int m_batchLines = 0;
+    bool m_flushQueued = false;
     QString m_target;
     // Datasets that could not be written since writing last worked.
     qint64 m_failed = 0;

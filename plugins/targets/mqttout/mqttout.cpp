@@ -129,7 +129,8 @@ qint64 MqttOut::spooled() const
     return m_spool ? m_spool->count() : 0;
 }
 
-void MqttOut::processData(QDateTime timestamp, QString machine, QString source, QVariant data)
+void MqttOut::processData(
+    const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data)
 {
     // A target disabled in the configuration gets no init but stays connected for data.
     if (!m_spool)

@@ -47,7 +47,7 @@ public:
 
 public slots:
     /** Appends the dataset to the spool and publishes it as soon as the connection allows. */
-    void processData(QDateTime timestamp, QString machine, QString source, QVariant data);
+    void processData(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     /** A message handed to the library, waiting for its confirmation. */

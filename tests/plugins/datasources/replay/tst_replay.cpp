@@ -74,7 +74,8 @@ private slots:
     void readmeListsEveryKey();
     void sendsEveryLineInFileOrder();
     void nothingBeforeTheEventLoop();
-    void onePerTurnOfTheEventLoop();
+    void boundedBatchPerTurnOfTheEventLoop();
+    void pauseEndsTheTurn();
     void intervalBetweenDatasets();
     void lineDelayReplacesInterval();
     void loopStartsAgain();
@@ -176,10 +177,10 @@ void tst_Replay::nothingBeforeTheEventLoop()
     QVERIFY(spy.wait(1000));
 }
 
-void tst_Replay::onePerTurnOfTheEventLoop()
+void tst_Replay::boundedBatchPerTurnOfTheEventLoop()
 {
     QByteArray content;
-    for (int code = 1; code <= 100; ++code)
+    for (int code = 1; code <= 1000; ++code)
         content += stateLine(code % 7 + 1) + '\n';
     Replay replay;
     QSignalSpy spy(&replay, Received);
@@ -191,11 +192,27 @@ void tst_Replay::onePerTurnOfTheEventLoop()
     QVERIFY(start(replay, write(content)));
 
     QCoreApplication::processEvents();
-    QVERIFY2(spy.count() < 100, "all datasets in one turn of the event loop");
-    QTRY_COMPARE(spy.count(), 100);
+    // Several datasets go in one turn, 256 at most.
+    QVERIFY2(spy.count() > 1 && spy.count() <= 256, qPrintable(QString::number(spy.count())));
+    QTRY_COMPARE(spy.count(), 1000);
     // A timer started after the first dataset ran long before the last one: the replay never held the loop.
     QVERIFY(countWhenOtherTimerRan > 0);
-    QVERIFY2(countWhenOtherTimerRan < 10, qPrintable(QString::number(countWhenOtherTimerRan)));
+    QVERIFY2(countWhenOtherTimerRan <= 512, qPrintable(QString::number(countWhenOtherTimerRan)));
+}
+
+void tst_Replay::pauseEndsTheTurn()
+{
+    // A line's own pause ends the turn: the datasets before it go in one turn, the line waits for its pause.
+    Replay replay;
+    QSignalSpy spy(&replay, Received);
+    QVERIFY(start(replay,
+        write(stateLine(1) + "\n" + stateLine(2) + "\n" + stateLine(3, R"(,"delayMs":200)") + "\n" + stateLine(4)
+            + "\n")));
+    QCoreApplication::processEvents();
+    QCOMPARE(spy.count(), 2);
+    QTest::qWait(100);
+    QCOMPARE(spy.count(), 2);
+    QTRY_COMPARE(spy.count(), 4);
 }
 
 void tst_Replay::intervalBetweenDatasets()

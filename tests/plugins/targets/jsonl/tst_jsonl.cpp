@@ -13,6 +13,7 @@
 #include <csignal>
 
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -87,7 +88,10 @@ private slots:
     void sampleIniDocumentsEverySetting();
     void readmeQuotesSampleIni();
     void readmeListsEveryKey();
-    void writesOneLinePerDatasetAtOnce();
+    void writesTheLinesOfATurnTogether();
+    void longTurnIsWrittenInPieces();
+    void stopWritesWhatItHolds();
+    void killedProcessLeavesWholeLines();
     void appendsToAnExistingFile();
     void createsAMissingFolder();
     void pathWithComma();
@@ -135,7 +139,7 @@ void tst_Jsonl::readmeListsEveryKey()
     PluginChecks::checkReadmeKeyTable("targets/jsonl", Jsonl::settings());
 }
 
-void tst_Jsonl::writesOneLinePerDatasetAtOnce()
+void tst_Jsonl::writesTheLinesOfATurnTogether()
 {
     const QString path = m_dir.filePath("out.jsonl");
     Jsonl target;
@@ -144,18 +148,87 @@ void tst_Jsonl::writesOneLinePerDatasetAtOnce()
     QCOMPARE(m_log.lines(), QStringList { m_log.info("Writing datasets to " + path) });
 
     target.processData(When, "m1", "opcua", QVariant::fromValue(state(3)));
-    // Read while the target still holds the file open: the line is there without a flush or close.
-    const QByteArray first = DatasetCodec::encodeLine(When, "m1", "opcua", QVariant::fromValue(state(3))) + '\n';
-    QCOMPARE(readFile(path), first);
-
     target.processData(When, "m2", "sim", QVariant::fromValue(working()));
+    QCOMPARE(readFile(path), QByteArray());
+    // Read while the target still holds the file open: the turn has ended, the lines are there without a close.
+    QCoreApplication::processEvents();
+    const QByteArray first = DatasetCodec::encodeLine(When, "m1", "opcua", QVariant::fromValue(state(3))) + '\n';
     const QByteArray second = DatasetCodec::encodeLine(When, "m2", "sim", QVariant::fromValue(working())) + '\n';
     QCOMPARE(readFile(path), first + second);
+
+    target.processData(When, "m1", "opcua", QVariant::fromValue(state(3)));
+    QCoreApplication::processEvents();
+    QCOMPARE(readFile(path), first + second + first);
 
     DatasetCodec::Dataset dataset;
     QVERIFY(DatasetCodec::decodeLine(second.trimmed(), &dataset));
     QCOMPARE(dataset.machine, QStringLiteral("m2"));
     QCOMPARE(qvariant_cast<WwState>(dataset.data), working());
+}
+
+void tst_Jsonl::longTurnIsWrittenInPieces()
+{
+    // A turn that brings more than 64 KiB of lines does not wait for its end: the lines go out in whole lines.
+    const QString path = m_dir.filePath("long.jsonl");
+    Jsonl target;
+    QVariantMap shared;
+    QVERIFY(target.init(config(path), shared));
+    const QByteArray line = DatasetCodec::encodeLine(When, "m2", "sim", QVariant::fromValue(working())) + '\n';
+    const int count = 2 * 64 * 1024 / line.size();
+    for (int i = 0; i < count; ++i)
+        target.processData(When, "m2", "sim", QVariant::fromValue(working()));
+    const QByteArray written = readFile(path);
+    QVERIFY(written.size() >= 64 * 1024);
+    QCOMPARE(written.size() % line.size(), 0);
+    QCoreApplication::processEvents();
+    QCOMPARE(readFile(path), line.repeated(count));
+}
+
+void tst_Jsonl::stopWritesWhatItHolds()
+{
+    // A clean stop deletes the target in the middle of a turn: what it took in is written then.
+    const QString path = m_dir.filePath("stop.jsonl");
+    {
+        Jsonl target;
+        QVariantMap shared;
+        QVERIFY(target.init(config(path), shared));
+        target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
+        target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    }
+    QCOMPARE(readFile(path),
+        DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(1))) + '\n'
+            + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(2))) + '\n');
+}
+
+void tst_Jsonl::killedProcessLeavesWholeLines()
+{
+    // A child writes lines turn after turn until it is killed; what it leaves must be whole lines only.
+    const QString path = m_dir.filePath("killed.jsonl");
+    const pid_t child = fork();
+    QVERIFY(child >= 0);
+    if (child == 0) {
+        Jsonl target;
+        QVariantMap shared;
+        if (!target.init(config(path), shared))
+            _exit(1);
+        for (qint32 code = 0;; ++code) {
+            for (int i = 0; i < 50; ++i)
+                target.processData(When, "m2", "sim", QVariant::fromValue(working()));
+            target.processData(When, "m1", "s", QVariant::fromValue(state(code)));
+            QCoreApplication::sendPostedEvents();
+        }
+    }
+    QTRY_VERIFY(QFileInfo(path).size() > 4 * 1024 * 1024);
+    QCOMPARE(kill(child, SIGKILL), 0);
+    int status = 0;
+    QCOMPARE(waitpid(child, &status, 0), child);
+    const QByteArray written = readFile(path);
+    QVERIFY(written.endsWith('\n'));
+    const QList<QByteArray> lines = written.split('\n');
+    for (int i = 0; i < lines.size() - 1; ++i) {
+        DatasetCodec::Dataset dataset;
+        QVERIFY2(DatasetCodec::decodeLine(lines.at(i), &dataset), qPrintable(QString::number(i)));
+    }
 }
 
 void tst_Jsonl::appendsToAnExistingFile()
@@ -166,6 +239,7 @@ void tst_Jsonl::appendsToAnExistingFile()
     QVariantMap shared;
     QVERIFY(target.init(config(path), shared));
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCoreApplication::processEvents();
     QCOMPARE(readFile(path),
         "earlier line\n" + DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(2))) + '\n');
 }
@@ -177,6 +251,7 @@ void tst_Jsonl::createsAMissingFolder()
     QVariantMap shared;
     QVERIFY(target.init(config(path), shared));
     target.processData(When, "m1", "s", QVariant::fromValue(state(4)));
+    QCoreApplication::processEvents();
     QCOMPARE(readFile(path), DatasetCodec::encodeLine(When, "m1", "s", QVariant::fromValue(state(4))) + '\n');
 }
 
@@ -248,7 +323,9 @@ void tst_Jsonl::writeFailureWarnsOnce()
     QVERIFY(target.init(config("/dev/full"), shared));
     m_log.clear();
     target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
+    QCoreApplication::processEvents();
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCoreApplication::processEvents();
     QCOMPARE(m_log.lines(), QStringList { m_log.warning("Can't write to /dev/full: No space left on device") });
 }
 
@@ -288,11 +365,13 @@ void tst_Jsonl::shortWriteIsCutBackToWholeLines()
     target.processData(When, "m1", "s", QVariant::fromValue(state(1)));
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
     target.processData(When, "m1", "s", QVariant::fromValue(state(3)));
+    QCoreApplication::processEvents();
     QCOMPARE(setrlimit(RLIMIT_FSIZE, &unlimited), 0);
     QCOMPARE(sigaction(SIGXFSZ, &previous, nullptr), 0);
     QCOMPARE(QFileInfo(path).size(), lineBytes);
 
     target.processData(When, "m1", "s", QVariant::fromValue(state(4)));
+    QCoreApplication::processEvents();
     QCOMPARE(m_log.lines(),
         (QStringList { m_log.warning("Can't write to " + path + ": File too large"),
             m_log.warning("Writing to " + path + " again; 2 datasets could not be written") }));
@@ -316,6 +395,7 @@ void tst_Jsonl::unwritableDatasetIsSkipped()
     m_log.clear();
     target.processData(QDateTime(QDate(12000, 1, 1), QTime(0, 0), Qt::UTC), "m1", "s", QVariant::fromValue(state(1)));
     target.processData(When, "m1", "s", QVariant::fromValue(state(2)));
+    QCoreApplication::processEvents();
     QCOMPARE(m_log.lines(),
         QStringList { m_log.warning(
             "Skipping a StateV1 of m1: field \"timestamp\" holds a date-time outside the years 1 to 9999") });

@@ -186,7 +186,7 @@ void Sparkplug::processData(QDateTime timestamp, QString machine, QString, QVari
         return;
     SparkplugDevice *device = deviceFor(machine);
     SparkplugDevice::Change change;
-    if (!device->apply(timestamp, data, &change))
+    if (!device || !device->apply(timestamp, data, &change))
         return;
     if (change.died) {
         if (device->isAnnounced()) {
@@ -213,11 +213,22 @@ void Sparkplug::processData(QDateTime timestamp, QString machine, QString, QVari
 
 SparkplugDevice *Sparkplug::deviceFor(const QString &machine)
 {
-    SparkplugDevice *&device = m_devices[machine];
-    if (!device) {
+    const auto known = m_devices.constFind(machine);
+    if (known != m_devices.constEnd())
+        return known.value();
+    const QByteArray deviceId = MqttConnection::topicLevel(machine).toUtf8();
+    const QString other = m_deviceIds.value(deviceId);
+    SparkplugDevice *device = nullptr;
+    if (other.isNull()) {
         device = new SparkplugDevice(machine, m_groupPrefix, m_edgeNodeId, m_store.get());
         m_deviceOrder.append(device);
+        m_deviceIds.insert(deviceId, machine);
+    } else {
+        // Two devices on one topic would contradict each other's births; the first one seen keeps it.
+        qCWarning(lcSparkplug) << QStringLiteral("Machines %1 and %2 would both be device %3: leaving %2 out")
+                                      .arg(other, machine, QString::fromUtf8(deviceId));
     }
+    m_devices.insert(machine, device);
     return device;
 }
 

@@ -76,7 +76,9 @@ private:
     std::unique_ptr<MqttSpool> m_spool;
     SparkplugPayload m_payload;
     QByteArray m_buffer;
+    // A machine left out (its device id taken by another) maps to nullptr.
     QHash<QString, SparkplugDevice *> m_devices;
+    QHash<QByteArray, QString> m_deviceIds;
     QVector<SparkplugDevice *> m_deviceOrder;
 
     QByteArray m_groupPrefix;

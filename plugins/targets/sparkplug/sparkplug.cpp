@@ -185,7 +185,10 @@ void Sparkplug::processData(QDateTime timestamp, QString machine, QString, QVari
     if (!m_spool)
         return;
     SparkplugDevice *device = deviceFor(machine);
-    SparkplugDevice::Change change;
+    // One change record for all datasets: its list keeps its capacity.
+    SparkplugDevice::Change &change = m_change;
+    change.metrics.clear();
+    change.newMetrics = change.died = change.revived = false;
     if (!device || !device->apply(timestamp, data, &change))
         return;
     if (change.died) {

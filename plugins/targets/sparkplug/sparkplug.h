@@ -4,6 +4,7 @@
 #include "itarget.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
+#include "sparkplugdevice.h"
 #include "sparkplugpayload.h"
 
 #include <QByteArray>
@@ -17,7 +18,6 @@
 #include <memory>
 
 class MqttSpool;
-class SparkplugDevice;
 class SparkplugStore;
 
 /**
@@ -75,6 +75,7 @@ private:
     std::unique_ptr<SparkplugStore> m_store;
     std::unique_ptr<MqttSpool> m_spool;
     SparkplugPayload m_payload;
+    SparkplugDevice::Change m_change;
     QByteArray m_buffer;
     // A machine left out (its device id taken by another) maps to nullptr.
     QHash<QString, SparkplugDevice *> m_devices;

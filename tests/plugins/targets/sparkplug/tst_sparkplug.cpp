@@ -198,6 +198,7 @@ private slots:
     void historyAfterABrokerOutage();
     void primaryHostState();
     void aliasesSurviveARestart();
+    void historyOfAnEarlierRun();
     void willOfAKilledService();
 
 private:
@@ -824,6 +825,54 @@ void tst_Sparkplug::aliasesSurviveARestart()
     QCOMPARE(second.device(), QStringLiteral("m2"));
     QCOMPARE(aliasOf(second, "Conditions/m2/Identification/Model"), alias);
     QVERIFY(second.metric("State").value("isNull").toBool());
+}
+
+void tst_Sparkplug::historyOfAnEarlierRun()
+{
+    if (skipWithoutNode())
+        QSKIP("needs node");
+    MosquittoBroker broker;
+    const QString folder = m_dir.filePath("earlier");
+    {
+        // The broker is away for the whole first run.
+        Sparkplug node;
+        QVariantMap shared;
+        QVERIFY(node.init(nodeConfig(broker.port(), folder), shared));
+        node.processData(When, "m1", "opcua", state(3));
+        node.processData(When.addSecs(1), "m1", "opcua", general(1));
+        node.processData(When.addSecs(2), "m1", "opcua", general(2));
+        QCOMPARE(node.spooled(), 3);
+    }
+    QVERIFY2(broker.start(), broker.lastOutput().constData());
+    Host host;
+    QVERIFY(host.start(broker.port()));
+    Sparkplug node;
+    QVariantMap shared;
+    QVERIFY(node.init(nodeConfig(broker.port(), folder), shared));
+    QVERIFY(m_log.lines().contains(m_log.info(QStringLiteral("Edge node plant/orvix1 publishing to 127.0.0.1:%1 as "
+                                                             "orvix-orvix1 through the spool %2/spool, 3 messages "
+                                                             "waiting")
+                                                  .arg(broker.port())
+                                                  .arg(folder))));
+    const Message nbirth = host.next();
+    QCOMPARE(nbirth.type(), QStringLiteral("NBIRTH"));
+    const int birthBdSeq = nbirth.metric("bdSeq").value("value").toInt();
+    // The device is known from the catalog, its values not yet: the history of the last run follows its birth.
+    const Message birth = host.next();
+    QCOMPARE(birth.type(), QStringLiteral("DBIRTH"));
+    QVERIFY(birth.metric("State").value("isNull").toBool());
+    for (int i = 1; i <= 2; ++i) {
+        const Message history = host.next();
+        QCOMPARE(history.type(), QStringLiteral("DDATA"));
+        QCOMPARE(history.seq(), 1 + i);
+        const QJsonObject pieces = history.metricByAlias(aliasOf(birth, "General/pieces"));
+        QCOMPARE(pieces.value("value").toInt(), i);
+        QVERIFY(pieces.value("isHistorical").toBool());
+    }
+    QTRY_COMPARE(node.spooled(), 0);
+    const QString born
+        = m_log.info(QStringLiteral("Born with bdSeq %1 and 1 devices, 3 messages to send as history").arg(birthBdSeq));
+    QVERIFY(m_log.lines().contains(born));
 }
 
 void tst_Sparkplug::willOfAKilledService()

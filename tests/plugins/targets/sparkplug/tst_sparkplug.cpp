@@ -199,7 +199,7 @@ private slots:
     void primaryHostState();
     void aliasesSurviveARestart();
     void historyOfAnEarlierRun();
-    void willOfAKilledService();
+    void realServiceBirthsMachinesAndLeavesItsWill();
 
 private:
     bool skipWithoutNode();
@@ -875,7 +875,7 @@ void tst_Sparkplug::historyOfAnEarlierRun()
     QVERIFY(m_log.lines().contains(born));
 }
 
-void tst_Sparkplug::willOfAKilledService()
+void tst_Sparkplug::realServiceBirthsMachinesAndLeavesItsWill()
 {
     if (skipWithoutNode())
         QSKIP("needs node");
@@ -885,12 +885,15 @@ void tst_Sparkplug::willOfAKilledService()
     QVERIFY2(broker.start(), broker.lastOutput().constData());
     Host host;
     QVERIFY(host.start(broker.port()));
+    // The service with simulated machines: their datasets come through the whole chain.
     IsolatedService service;
-    QVERIFY(QFile::copy(
-        QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/libsparkplug.so"), service.pluginDir() + "/libsparkplug.so"));
+    for (const char *plugin : { "libsparkplug.so", "libsimulator.so" })
+        QVERIFY(QFile::copy(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/") + plugin, service.pluginDir() + '/' + plugin));
     const QString folder = service.path("sparkplug");
     QVERIFY(writeFile(folder + "/state/bdSeq", "41\n"));
-    service.writeConfig(QStringLiteral("[sparkplug]\nhost=127.0.0.1\nport=%1\ngroupId=plant\nedgeNodeId=orvix1\n"
+    service.writeConfig(QStringLiteral("[simulator]\nmachines=1\nprefix=sim\ninterval=200\nseed=7\n"
+                                       "[limit]\nwaitTime=200\n"
+                                       "[sparkplug]\nhost=127.0.0.1\nport=%1\ngroupId=plant\nedgeNodeId=orvix1\n"
                                        "spool=%2/spool\nstate=%2/state\n")
                             .arg(broker.port())
                             .arg(folder)
@@ -898,6 +901,25 @@ void tst_Sparkplug::willOfAKilledService()
     QVERIFY(service.start());
     const Message birth = host.nextOf("NBIRTH", 30000);
     QCOMPARE(birth.metric("bdSeq").value("value").toInt(), 41);
+    // The simulated machine is born with its state and its conditions, typed as their definitions say.
+    Message device;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 30000) {
+        device = host.nextOf("DBIRTH");
+        bool conditions = false;
+        for (const QJsonValue &metric : device.metrics())
+            conditions = conditions || metric.toObject().value("name").toString().startsWith("Conditions/");
+        if (conditions)
+            break;
+    }
+    QVERIFY(device.device().startsWith("sim"));
+    QCOMPARE(device.metric("State").value("type").toString(), QStringLiteral("Int32"));
+    QCOMPARE(device.metric("General/pieces").value("type").toString(), QStringLiteral("UInt64"));
+    const Message data = host.nextOf("DDATA");
+    QCOMPARE(data.device(), device.device());
+    QVERIFY(!data.metrics().isEmpty());
+    QVERIFY(data.metrics().at(0).toObject().value("timestamp").toDouble() > 0);
     service.process().kill();
     QVERIFY(service.process().waitForFinished(10000));
     const Message death = host.nextOf("NDEATH");

@@ -52,7 +52,7 @@ inline bool sameBits(const QVariant &a, const QVariant &b)
     case QMetaType::QString: {
         const QString &s = *static_cast<const QString *>(x);
         const QString &t = *static_cast<const QString *>(y);
-        return s.constData() == t.constData() && s.size() == t.size();
+        return s.isSharedWith(t);
     }
     default:
         return false;
@@ -123,8 +123,9 @@ template <typename Item> struct Limit::Table : Schedule
     int find(const QString &id, int hint) const
     {
         if (hint < int(items.size())) {
+            // Ids come from their sender's kept strings: one shared text is the same id without a look at either.
             const QString &known = items[size_t(hint)]->id;
-            if ((known.constData() == id.constData() && known.size() == id.size()) || known == id)
+            if (known.isSharedWith(id) || known == id)
                 return hint;
         }
         if (buckets.empty())

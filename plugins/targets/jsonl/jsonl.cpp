@@ -22,6 +22,8 @@ const QString Group = QStringLiteral("jsonl");
 const QString StandardOutput = QStringLiteral("standard output");
 // Lines gathered beyond this are written at once, so that a turn of many datasets keeps little memory.
 constexpr int MaxBatchBytes = 64 * 1024;
+// The unit in which the kernel writes a file.
+constexpr qint64 PageBytes = 4096;
 
 } // namespace
 
@@ -131,26 +133,48 @@ void Jsonl::flush()
 
 int Jsonl::writeWholeLines(int *error)
 {
-    // The file is unbuffered: the gathered lines go to it in one write, so a killed process leaves whole lines.
+    // The file is unbuffered. A killed process can have a write cut short only where the kernel goes from one page of
+    // the file to the next, so each write stays within a page of the file, with as many whole lines as fit; a line
+    // that crosses a page goes alone, as every line once did.
     const int fd = m_file.handle();
+    struct stat info;
+    const bool regular = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    const qint64 offset = regular ? qint64(info.st_size) : 0;
+    const qint64 size = m_batch.size();
     qint64 written = 0;
-    while (written < m_batch.size()) {
-        const ssize_t count = ::write(fd, m_batch.constData() + written, size_t(m_batch.size() - written));
-        if (count > 0) {
-            written += count;
-        } else if (count < 0 && errno == EINTR) {
-            continue;
+    while (written < size) {
+        // The first line always; more while they fit in the page of the file that it starts in.
+        qint64 end = m_batch.indexOf('\n', int(written)) + 1;
+        if (regular) {
+            const qint64 room = PageBytes - (offset + written) % PageBytes;
+            while (end < size) {
+                const qint64 next = m_batch.indexOf('\n', int(end)) + 1;
+                if (next - written > room)
+                    break;
+                end = next;
+            }
         } else {
-            *error = count < 0 ? errno : EIO;
-            break;
+            end = size;
         }
+        while (written < end) {
+            const ssize_t count = ::write(fd, m_batch.constData() + written, size_t(end - written));
+            if (count > 0) {
+                written += count;
+            } else if (count < 0 && errno == EINTR) {
+                continue;
+            } else {
+                *error = count < 0 ? errno : EIO;
+                break;
+            }
+        }
+        if (written < end)
+            break;
     }
-    if (written == m_batch.size())
+    if (written == size)
         return m_batchLines;
     // A full disk can take part of the lines: cut the file back to the last whole line, so that the next line does
     // not start in the middle of one. A pipe or terminal cannot be cut; there the part stays.
     const qint64 whole = written > 0 ? m_batch.lastIndexOf('\n', int(written) - 1) + 1 : 0;
-    struct stat info;
     if (written > whole && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= written - whole)
         (void)!::ftruncate(fd, info.st_size - (written - whole));
     return int(std::count(m_batch.constBegin(), m_batch.constBegin() + whole, '\n'));

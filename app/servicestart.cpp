@@ -1,6 +1,8 @@
 #include "servicestart.h"
 
 #include "core.h"
+#include "metricsserver.h"
+#include "watchdog.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -17,6 +19,12 @@ Core *ServiceStart::createCore(
 {
     auto *core = new Core(false, &app, configFile, logFileName, logOldCopy);
     QObject::connect(core, SIGNAL(finished()), &app, SLOT(quit()));
+    // Made before run(), so that it counts each processor's output ahead of the next one.
+    auto *metrics = new MetricsServer(core, core);
     QTimer::singleShot(0, core, SLOT(run()));
+    QTimer::singleShot(0, metrics, SLOT(start()));
+    // Zero-delay timers fire in the order they were made: systemd hears READY=1 once run() has wired the chain.
+    auto *watchdog = new Watchdog(core);
+    QTimer::singleShot(0, watchdog, SLOT(ready()));
     return core;
 }

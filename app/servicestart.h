@@ -15,7 +15,8 @@ public:
 
     /**
      * Creates the service's Core as a child of app, ends the event loop when the Core finishes, and schedules its
-     * run() for the first turn of the loop. The paths default to the service's fixed ones.
+     * run() for the first turn of the loop, followed by the readiness notice to systemd and its watchdog pings.
+     * The paths default to the service's fixed ones.
      */
     static Core *createCore(QCoreApplication &app, const QString &configFile = QStringLiteral("/etc/orvix/orvix.ini"),
         const QString &logFileName = QStringLiteral("/var/log/orvix/orvix.log"),

@@ -1,6 +1,8 @@
 #ifndef ORVIX_MESSAGEHANDLER_H
 #define ORVIX_MESSAGEHANDLER_H
 
+#include <QByteArray>
+#include <QHash>
 #include <QString>
 #include <QtGlobal>
 
@@ -18,6 +20,9 @@ void restore();
 
 /** The word both sinks print for a message level, empty for an unknown level. */
 QString levelWord(QtMsgType type);
+
+/** How many warnings the handler passed on since the process started, by logging category. */
+QHash<QByteArray, quint64> warningCounts();
 
 } // namespace MessageHandler
 

@@ -14,6 +14,8 @@ packages=(
     libprotobuf-c-dev protobuf-c-compiler
     libsimdjson-dev
     util-linux mount
+    libsystemd-dev
+    prometheus-cpp-dev prometheus
 )
 opcua_packages=(libopen62541-1.4 libopen62541-1.4-dev libmbedcrypto16 libmbedx509-7 libmbedtls21)
 # node-opcua, an OPC UA implementation we did not write, is the other side of the OPC UA plugins' tests. A node that

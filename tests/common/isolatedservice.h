@@ -24,7 +24,17 @@ public:
     QString path(const QString &relative) const { return m_dir.filePath(relative); }
     QStringList logLines() const { return TestSupport::logLines(logDir() + QStringLiteral("/orvix.log")); }
 
-    void writeConfig(const QByteArray &ini) { TestSupport::writeFile(etcDir() + QStringLiteral("/orvix.ini"), ini); }
+    /**
+     * Writes the service's configuration. Without a [metrics] group of its own the service serves its metrics on a
+     * free port, so that the services of tests that run at the same time never compete for the default one.
+     */
+    void writeConfig(const QByteArray &ini)
+    {
+        const bool ownMetrics = ini.startsWith("[metrics]") || ini.contains("\n[metrics]");
+        TestSupport::writeFile(etcDir() + QStringLiteral("/orvix.ini"),
+            ownMetrics ? ini
+                       : ini + "\n[metrics]\nlisten=127.0.0.1:" + QByteArray::number(TestSupport::freePort()) + "\n");
+    }
 
     /** Starts the binary; plugins come from pluginPath, or from this service's own plugin folder. */
     bool start(const QStringList &arguments = QStringList(), const QString &pluginPath = QString());

@@ -458,6 +458,9 @@ void MqttConnection::onConnect(mosquitto *mosq, void *self, int reasonCode, int,
     connection->m_handshakeTimer.stop();
     connection->m_connected = true;
     connection->m_failures = 0;
+    if (connection->m_everConnected)
+        ++connection->m_reconnects;
+    connection->m_everConnected = true;
     connection->m_reportedUnreachable = false;
     qCInfo(connection->m_category)
         << QStringLiteral("Connected to %1 as %2").arg(connection->address(), connection->m_options.clientId);

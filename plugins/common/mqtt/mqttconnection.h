@@ -94,6 +94,10 @@ public:
     bool isConnected() const { return m_connected; }
     /** "host:port", the name of the broker in log lines. */
     QString address() const;
+    /** Attempts that failed or connections lost since the last successful connect: 0 or 1 is its first back-off. */
+    int failures() const { return m_failures; }
+    /** How often the connection was made again after it had been up. */
+    quint64 reconnects() const { return m_reconnects; }
 
     /**
      * Publishes a message. When the library confirms the message during this very call (QoS 0 is confirmed as soon
@@ -163,6 +167,8 @@ private:
     bool m_reportedUnreachable = false;
     int m_attempts = 0;
     int m_failures = 0;
+    bool m_everConnected = false;
+    quint64 m_reconnects = 0;
 
     // Filled by the callbacks, read once the library call has returned.
     bool m_lost = false;

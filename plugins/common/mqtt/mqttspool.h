@@ -60,6 +60,9 @@ public:
     quint64 end() const { return m_next; }
     /** Records not acknowledged yet. */
     qint64 count() const { return qint64(m_next - m_head); }
+    /** The sequence number of the oldest record not acknowledged yet, and of the next record appended. */
+    quint64 headSequence() const { return m_head; }
+    quint64 nextSequence() const { return m_next; }
     /** Their bytes in the segment files. */
     qint64 bytes() const { return m_totalBytes - m_headOffset; }
     /** Records handed out since the last rewind() and not acknowledged yet. */

@@ -80,6 +80,18 @@ QString MqttIn::name() const
     return QStringLiteral("mqttIn");
 }
 
+QList<IMetricsProvider::Connection> MqttIn::metricsConnections() const
+{
+    if (!m_initialised)
+        return {};
+    Connection connection;
+    connection.name = m_connection.address();
+    connection.up = m_connection.isConnected();
+    connection.starting = !connection.up && m_connection.failures() <= 1;
+    connection.reconnects = m_connection.reconnects();
+    return { connection };
+}
+
 void MqttIn::setReconnectDelays(int initialMs, int maximumMs)
 {
     m_connection.setReconnectDelays(initialMs, maximumMs);

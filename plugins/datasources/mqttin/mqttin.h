@@ -2,6 +2,7 @@
 #define ORVIX_MQTTIN_H
 
 #include "idatasource.h"
+#include "imetricsprovider.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
 #include "namecache.h"
@@ -18,10 +19,10 @@
  * form, one per message or several as JSON lines. Requests from the targets go back to the broker, one topic per
  * machine.
  */
-class MqttIn : public QObject, public IDatasource
+class MqttIn : public QObject, public IDatasource, public IMetricsProvider
 {
     Q_OBJECT
-    Q_INTERFACES(IDatasource)
+    Q_INTERFACES(IDatasource IMetricsProvider)
 public:
     /** Every key of the group mqttIn, in the order its sample.ini documents them. */
     static const QVector<SettingKey> &settings();
@@ -36,6 +37,9 @@ public:
 
     /** The reconnect back-off, 1000 ms to 60000 ms unless set before init; tests restart brokers quickly with it. */
     void setReconnectDelays(int initialMs, int maximumMs);
+
+    /** The broker connection, for /metrics and /health. */
+    QList<Connection> metricsConnections() const override;
 
 signals:
     /** One dataset of a message, in the order of the message's lines. */

@@ -105,6 +105,10 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
                              .arg(options.host + QLatin1Char(':') + QString::number(options.port), options.clientId,
                                  folder)
                              .arg(m_spool->count());
+    // What an earlier run left is at least as old as this start.
+    m_clock.start();
+    if (m_spool->count() > 0)
+        m_appendTimes.emplace_back(m_spool->headSequence(), 0);
     m_connection.setOptions(options);
     m_connection.setStatusTopic(statusTopic);
     m_connection.setReconnectDelays(m_initialDelay, m_maximumDelay);
@@ -115,6 +119,48 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
 QString MqttOut::name() const
 {
     return QStringLiteral("mqttOut");
+}
+
+QList<IMetricsProvider::Connection> MqttOut::metricsConnections() const
+{
+    if (!m_spool)
+        return {};
+    Connection connection;
+    connection.name = m_connection.address();
+    connection.up = m_connection.isConnected();
+    connection.starting = !connection.up && m_connection.failures() <= 1;
+    connection.reconnects = m_connection.reconnects();
+    return { connection };
+}
+
+QList<IMetricsProvider::Value> MqttOut::metricsValues() const
+{
+    if (!m_spool)
+        return {};
+    // Entries whose records have all left the spool are forgotten; the first one left holds the oldest record.
+    const quint64 head = m_spool->headSequence();
+    while (!m_appendTimes.empty()
+        && (m_spool->count() == 0 || (m_appendTimes.size() > 1 && m_appendTimes[1].first <= head)))
+        m_appendTimes.pop_front();
+    const double oldestAge = m_appendTimes.empty() ? 0 : (m_clock.elapsed() - m_appendTimes.front().second) / 1000.0;
+
+    Value records { "orvix_mqttout_spool_records", "Datasets in mqttOut's spool that the broker does not have yet.",
+        false, double(m_spool->count()), {} };
+    Value bytes { "orvix_mqttout_spool_bytes", "Bytes of those datasets in the spool's files.", false,
+        double(m_spool->bytes()), {} };
+    Value age { "orvix_mqttout_spool_oldest_age_seconds",
+        "Seconds the oldest dataset in the spool has waited, 0 when it is empty.", false, oldestAge, {} };
+    Value dropped { "orvix_mqttout_dropped_total",
+        "Datasets mqttOut dropped: unusable, not writable to the spool or pushed out of a full one.", true,
+        double(m_dropped), {} };
+    return { records, bytes, age, dropped };
+}
+
+void MqttOut::noteAppended()
+{
+    const qint64 now = m_clock.elapsed();
+    if (m_appendTimes.empty() || now - m_appendTimes.back().second >= 1000)
+        m_appendTimes.emplace_back(m_spool->nextSequence() - 1, now);
 }
 
 void MqttOut::setReconnectDelays(int initialMs, int maximumMs)
@@ -140,12 +186,14 @@ void MqttOut::processData(
     QString error;
     if (!MqttConnection::checkTopic(topic, false, &error)) {
         qCWarning(lcMqttOut) << QStringLiteral("Dropped a dataset of %1: %2").arg(machine, error);
+        ++m_dropped;
         return;
     }
     QString problem;
     const QByteArray payload = DatasetCodec::encodeLine(timestamp, machine, source, data, &problem);
     if (payload.isEmpty()) {
         qCWarning(lcMqttOut) << QStringLiteral("Skipping a %1 of %2: %3").arg(type, machine, problem);
+        ++m_dropped;
         return;
     }
     qint64 dropped = 0;
@@ -154,9 +202,11 @@ void MqttOut::processData(
         if (error != m_spoolError)
             qCWarning(lcMqttOut) << QStringLiteral("Dropped a dataset of %1: %2").arg(machine, error);
         m_spoolError = error;
+        ++m_dropped;
         return;
     }
     m_spoolError.clear();
+    noteAppended();
     if (dropped > 0) {
         // Said once when dropping starts; the count follows when the spool has room again.
         if (m_droppedWhileFull == 0)
@@ -164,6 +214,7 @@ void MqttOut::processData(
                                                    "takes them again")
                                         .arg(m_spool->folder());
         m_droppedWhileFull += dropped;
+        m_dropped += quint64(dropped);
     }
     pump();
 }

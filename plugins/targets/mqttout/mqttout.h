@@ -1,12 +1,14 @@
 #ifndef ORVIX_MQTTOUT_H
 #define ORVIX_MQTTOUT_H
 
+#include "imetricsprovider.h"
 #include "itarget.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QHash>
 #include <QObject>
 #include <QSet>
@@ -15,7 +17,9 @@
 #include <QVariant>
 #include <QVector>
 
+#include <deque>
 #include <memory>
+#include <utility>
 
 class MqttSpool;
 
@@ -24,10 +28,10 @@ class MqttSpool;
  * first and leaves it when the broker has it (at QoS 1: when the broker acknowledged it), so datasets wait out a
  * broker that is away, and a restarted orvix sends what the last run could not.
  */
-class MqttOut : public QObject, public ITarget
+class MqttOut : public QObject, public ITarget, public IMetricsProvider
 {
     Q_OBJECT
-    Q_INTERFACES(ITarget)
+    Q_INTERFACES(ITarget IMetricsProvider)
 public:
     /** Every key of the group mqttOut, in the order its sample.ini documents them. */
     static const QVector<SettingKey> &settings();
@@ -44,6 +48,11 @@ public:
     void setReconnectDelays(int initialMs, int maximumMs);
     /** Datasets in the spool that have not reached the broker yet. */
     qint64 spooled() const;
+
+    /** The broker connection, for /metrics and /health. */
+    QList<Connection> metricsConnections() const override;
+    /** The spool's records, bytes and oldest record's age, and the datasets dropped on the way to the broker. */
+    QList<Value> metricsValues() const override;
 
 public slots:
     /** Appends the dataset to the spool and publishes it as soon as the connection allows. */
@@ -62,6 +71,7 @@ private:
     void reportSpoolRoom();
     void confirm(int mid, int reasonCode);
     void connectionLost();
+    void noteAppended();
 
     MqttConnection m_connection;
     std::unique_ptr<MqttSpool> m_spool;
@@ -78,6 +88,11 @@ private:
     qint64 m_spoolMaxBytes = 0;
     // Datasets dropped since the spool became full; 0 while it has room.
     qint64 m_droppedWhileFull = 0;
+    // Datasets that will never reach the broker: unusable, unwritable or pushed out of a full spool.
+    quint64 m_dropped = 0;
+    // When records were appended, one entry a second at most: the first sequence of each second and its time.
+    mutable std::deque<std::pair<quint64, qint64>> m_appendTimes;
+    QElapsedTimer m_clock;
 };
 
 #endif

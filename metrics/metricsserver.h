@@ -45,6 +45,9 @@ public:
     /** The configured address, empty when the endpoints are off. */
     QString listenAddress() const { return m_listen; }
 
+    /** The chain's counters, null when the endpoints are off; a stand-in datasource may be connected to them. */
+    ChainMetrics *chain() const { return m_chain; }
+
     /** The port it listens on, 0 when it does not. */
     int port() const { return m_port; }
 

@@ -85,6 +85,7 @@ private slots:
     void aBadAddressIsAWarningAndTheServiceRunsOn();
     void unknownPathsAre404();
     void prometheusScrapesAMachinesState();
+    void theExampleAlertIsAValidRule();
 
 private:
     MetricsServer *startService(const QByteArray &ini, const QStringList &plugins, LogCapture *log = nullptr);
@@ -381,6 +382,20 @@ void tst_MetricsServer::prometheusScrapesAMachinesState()
     QCOMPARE(sample.value(QStringLiteral("metric")).toObject().value(QStringLiteral("job")).toString(),
         QStringLiteral("orvix"));
     QCOMPARE(sample.value(QStringLiteral("value")).toArray().at(1).toString(), QStringLiteral("6"));
+}
+
+void tst_MetricsServer::theExampleAlertIsAValidRule()
+{
+    const QString promtool = QStandardPaths::findExecutable(QStringLiteral("promtool"));
+    QVERIFY2(!promtool.isEmpty(), "promtool (Debian's prometheus package) is installed by tools/install-deps.sh");
+    QProcess check;
+    check.setProcessChannelMode(QProcess::MergedChannels);
+    check.start(promtool,
+        { QStringLiteral("check"), QStringLiteral("rules"),
+            QStringLiteral(ORVIX_SOURCE_DIR "/dist/orvix-alerts.yml") });
+    QVERIFY(check.waitForFinished(30000));
+    const QByteArray said = check.readAll();
+    QVERIFY2(check.exitCode() == 0 && said.contains("SUCCESS: 1 rules found"), said.constData());
 }
 
 QTEST_GUILESS_MAIN(tst_MetricsServer)

@@ -104,6 +104,7 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
         opened->client().setBackoff(m_firstBackoff, m_longestBackoff);
         connect(opened, &OpcUaConnection::dataReceived, this, &OpcUaDatasource::dataReceived);
         m_connections.append(opened);
+        watch(opened, connection, options.client.timeout + m_firstBackoff);
     }
     if (m_connections.isEmpty()) {
         qCWarning(lcOpcUa) << QStringLiteral("No usable connection in the group opcua: write at least "
@@ -118,4 +119,34 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
 QString OpcUaDatasource::name() const
 {
     return QStringLiteral("opcua");
+}
+
+void OpcUaDatasource::watch(OpcUaConnection *connection, const QString &name, int firstBackoff)
+{
+    if (!m_clock.isValid())
+        m_clock.start();
+    const int index = m_watched.size();
+    m_watched.append({ name, false, 0, m_clock.elapsed(), firstBackoff });
+    connect(&connection->client(), &OpcUaClient::connected, this, [this, index] {
+        m_watched[index].up = true;
+        ++m_watched[index].connects;
+    });
+    connect(&connection->client(), &OpcUaClient::disconnected, this, [this, index] {
+        m_watched[index].up = false;
+        m_watched[index].downSince = m_clock.elapsed();
+    });
+}
+
+QList<IMetricsProvider::Connection> OpcUaDatasource::metricsConnections() const
+{
+    QList<Connection> connections;
+    for (const Watched &watched : m_watched) {
+        Connection connection;
+        connection.name = watched.name;
+        connection.up = watched.up;
+        connection.starting = !watched.up && m_clock.elapsed() - watched.downSince < watched.firstBackoff;
+        connection.reconnects = watched.connects > 0 ? watched.connects - 1 : 0;
+        connections.append(connection);
+    }
+    return connections;
 }

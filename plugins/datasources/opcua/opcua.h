@@ -2,9 +2,11 @@
 #define ORVIX_OPCUA_H
 
 #include "idatasource.h"
+#include "imetricsprovider.h"
 #include "settingsgroup.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 #include <QVariant>
@@ -17,10 +19,10 @@ class OpcUaConnection;
  * opcua, each finding the machines of its server and sending their state, nameplate, last program and events as the
  * records of the woodworking model.
  */
-class OpcUaDatasource : public QObject, public IDatasource
+class OpcUaDatasource : public QObject, public IDatasource, public IMetricsProvider
 {
     Q_OBJECT
-    Q_INTERFACES(IDatasource)
+    Q_INTERFACES(IDatasource IMetricsProvider)
 public:
     /** Every key of a connection's group opcua/<connection>, in the order its sample.ini documents them. */
     static const QVector<SettingKey> &settings();
@@ -38,11 +40,29 @@ public:
     /** The connections that init opened. */
     const QVector<OpcUaConnection *> &connections() const { return m_connections; }
 
+    /** Each connection by its name in the configuration, for /metrics and /health. */
+    QList<Connection> metricsConnections() const override;
+
 signals:
     void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 private:
+    void watch(OpcUaConnection *connection, const QString &name, int firstBackoff);
+
+    /** What /metrics and /health say of a connection, kept from its client's signals. */
+    struct Watched
+    {
+        QString name;
+        bool up = false;
+        quint64 connects = 0;
+        qint64 downSince = 0;
+        /** Its first attempt and the first pause after it. */
+        int firstBackoff = 0;
+    };
+
     QVector<OpcUaConnection *> m_connections;
+    QVector<Watched> m_watched;
+    QElapsedTimer m_clock;
     int m_firstBackoff = 1000;
     int m_longestBackoff = 60000;
 };

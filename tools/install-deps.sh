@@ -7,7 +7,7 @@
 set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config clang-format git
-    clang libclang-rt-14-dev
+    clang libclang-rt-dev
     qtbase5-dev qtbase5-dev-tools zlib1g-dev
     libbenchmark-dev
     libmosquitto-dev mosquitto openssl

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing orvix needs (Debian 12 or 13, as root). Safe to run again.
+# Installs the Debian packages that building, packaging and testing orvix need (Debian 12 or 13, as root): debhelper
+# builds the package, lintian and systemd (systemd-analyze, sysusers, tmpfiles) check and install it. Safe to run again.
 #
 # The OPC UA plugins build on open62541 1.4, which Debian packages from Debian 13 on. On Debian 12 its binary
 # packages and their mbedTLS 3.6 libraries come from the trixie suite of the mirror this machine already uses, added
@@ -16,6 +17,7 @@ packages=(
     util-linux mount
     libsystemd-dev
     prometheus-cpp-dev prometheus
+    debhelper lintian systemd
 )
 opcua_packages=(libopen62541-1.4 libopen62541-1.4-dev libmbedcrypto16 libmbedx509-7 libmbedtls21)
 # node-opcua, an OPC UA implementation we did not write, is the other side of the OPC UA plugins' tests. A node that

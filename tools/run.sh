@@ -1,18 +1,22 @@
 #!/usr/bin/env bash
 # Usage: tools/run.sh
-# Installs what building needs (Debian 12 or 13, as root), builds orvix in build-run/ (a folder of its own: the tests'
-# build/ keeps its tests), installs it below /usr/local, puts the example configuration into /etc/orvix/orvix.ini and
-# the logrotate rule into /etc/logrotate.d/orvix unless they exist, and runs the service in the foreground.
+# On Debian 12 or 13, as root: installs what building needs, builds the Debian packages (dpkg-buildpackage, without
+# the autotests: tools/test.sh runs them), installs them with apt and shows the running service's output.
+# Where systemd runs the machine, the package has started the service: this follows its journal (Ctrl+C stops
+# following; the service keeps running). Without systemd (a container, a chroot) it runs the installed binary in the
+# foreground as user orvix, with the installed configuration; Ctrl+C ends it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./tools/install-deps.sh
-cmake -S . -B build-run -G Ninja -DORVIX_BUILD_TESTS=OFF -DORVIX_BUILD_BENCH=OFF
-cmake --build build-run --parallel "$(nproc)"
-cmake --install build-run
-if [ ! -e /etc/orvix/orvix.ini ] && [ -f /usr/local/share/doc/orvix/orvix.ini ]; then
-    install -D -m 644 /usr/local/share/doc/orvix/orvix.ini /etc/orvix/orvix.ini
+version=$(dpkg-parsechangelog -S Version)
+arch=$(dpkg --print-architecture)
+DEB_BUILD_OPTIONS="nocheck ${DEB_BUILD_OPTIONS:-}" dpkg-buildpackage -b -uc -us
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -y -q --no-install-recommends --reinstall "../orvix_${version}_${arch}.deb" \
+    "../orvix-opcua_${version}_${arch}.deb" "../orvix-dev_${version}_${arch}.deb"
+if [ -d /run/systemd/system ]; then
+    systemctl restart orvix
+    exec journalctl -u orvix -f -n 50
 fi
-if [ -d /etc/logrotate.d ] && [ ! -e /etc/logrotate.d/orvix ]; then
-    install -m 644 /usr/local/share/doc/orvix/orvix.logrotate /etc/logrotate.d/orvix
-fi
-exec /usr/local/bin/orvix
+echo "run.sh: systemd is not running here; starting /usr/bin/orvix in the foreground as user orvix"
+exec runuser -u orvix -- /usr/bin/orvix

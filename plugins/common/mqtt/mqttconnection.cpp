@@ -1,7 +1,6 @@
 #include "mqttconnection.h"
 
 #include <QFileInfo>
-#include <QRandomGenerator>
 #include <QSocketNotifier>
 
 #include <mosquitto.h>
@@ -110,18 +109,6 @@ bool MqttConnection::check(const Options &options, QString *error)
     return true;
 }
 
-int MqttConnection::reconnectDelay(int failures, int initialMs, int maximumMs)
-{
-    qint64 base = initialMs;
-    for (int i = 1; i < failures && base < maximumMs; ++i)
-        base *= 2;
-    base = qMin<qint64>(base, maximumMs);
-    // Many gateways that lost the same broker must not come back in the same second: up to a fifth either way.
-    const qint64 spread = base / 5;
-    const qint64 delay = base - spread + QRandomGenerator::global()->bounded(int(2 * spread + 1));
-    return int(qBound<qint64>(initialMs, delay, maximumMs));
-}
-
 bool MqttConnection::checkTopic(const QByteArray &topic, bool filter, QString *error)
 {
     const int rc = topic.isEmpty() ? MOSQ_ERR_INVAL
@@ -160,8 +147,7 @@ void MqttConnection::setOptions(const Options &options)
 
 void MqttConnection::setReconnectDelays(int initialMs, int maximumMs)
 {
-    m_initialDelay = qMax(1, initialMs);
-    m_maximumDelay = qMax(m_initialDelay, maximumMs);
+    m_backoff.setRange(initialMs, maximumMs);
 }
 
 void MqttConnection::setStatusTopic(const QByteArray &topic)
@@ -388,7 +374,6 @@ void MqttConnection::drop(const QString &reason)
     const bool wasConnected = m_connected;
     const bool refused = !m_refusal.isEmpty();
     teardown();
-    ++m_failures;
     if (wasConnected) {
         m_reportedUnreachable = true;
         qCWarning(m_category) << QStringLiteral("Connection to %1 lost: %2").arg(address(), reason);
@@ -429,7 +414,7 @@ void MqttConnection::scheduleAttempt()
 {
     if (!m_open)
         return;
-    const int delay = reconnectDelay(m_failures, m_initialDelay, m_maximumDelay);
+    const int delay = m_backoff.next();
     qCDebug(m_category) << QStringLiteral("Next attempt to reach %1 in %2 ms").arg(address()).arg(delay);
     m_retryTimer.start(delay);
 }
@@ -457,7 +442,7 @@ void MqttConnection::onConnect(mosquitto *mosq, void *self, int reasonCode, int,
     }
     connection->m_handshakeTimer.stop();
     connection->m_connected = true;
-    connection->m_failures = 0;
+    connection->m_backoff.reset();
     if (connection->m_everConnected)
         ++connection->m_reconnects;
     connection->m_everConnected = true;

@@ -12,6 +12,8 @@
 #include <QTimer>
 #include <QVector>
 
+#include "backoff.h"
+
 class QSocketNotifier;
 struct mosquitto;
 struct mosquitto_message;
@@ -19,7 +21,7 @@ struct mqtt5__property;
 
 /**
  * One MQTT 5 connection to a broker through libmosquitto, driven by the Qt event loop: socket notifiers for its
- * reads and writes, a timer for its keep-alive. It reconnects on its own with a growing, jittered back-off and logs
+ * reads and writes, a timer for its keep-alive. It reconnects on its own with the shared Backoff rule and logs
  * into the category of the plugin that owns it. Every connection starts a clean session; what must survive a lost
  * connection is the owner's business.
  */
@@ -59,9 +61,6 @@ public:
     /** Checks the options against the library without connecting; false with a sentence in error if they can't work. */
     static bool check(const Options &options, QString *error);
 
-    /** Milliseconds to wait after failures failed attempts: doubling from initialMs up to maximumMs, with jitter. */
-    static int reconnectDelay(int failures, int initialMs, int maximumMs);
-
     /** Whether topic can be published to, or as a filter subscribed to; false with the library's reason in error. */
     static bool checkTopic(const QByteArray &topic, bool filter, QString *error);
 
@@ -95,7 +94,7 @@ public:
     /** "host:port", the name of the broker in log lines. */
     QString address() const;
     /** Attempts that failed or connections lost since the last successful connect: 0 or 1 is its first back-off. */
-    int failures() const { return m_failures; }
+    int failures() const { return m_backoff.failures(); }
     /** How often the connection was made again after it had been up. */
     quint64 reconnects() const { return m_reconnects; }
 
@@ -153,8 +152,7 @@ private:
     Will m_will;
     QStringList m_subscriptions;
     int m_subscriptionQos = 1;
-    int m_initialDelay = 1000;
-    int m_maximumDelay = 60000;
+    Backoff m_backoff;
 
     mosquitto *m_mosq = nullptr;
     QPointer<QSocketNotifier> m_readNotifier;
@@ -166,7 +164,6 @@ private:
     bool m_connected = false;
     bool m_reportedUnreachable = false;
     int m_attempts = 0;
-    int m_failures = 0;
     bool m_everConnected = false;
     quint64 m_reconnects = 0;
 

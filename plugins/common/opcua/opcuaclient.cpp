@@ -4,10 +4,10 @@
 #include "opcuasupport.h"
 
 #include <QHash>
-#include <QRandomGenerator>
 #include <QVector>
 
 #include <open62541/client_config_default.h>
+#include <open62541/nodeids.h>
 
 #include <cstring>
 #include <memory>
@@ -17,6 +17,51 @@ const char OpcUaClient::ApplicationUri[] = "urn:orvix:opcua";
 namespace {
 
 constexpr int DefaultIterateInterval = 10;
+constexpr int DefaultStableAfter = 60000;
+// Everything an attempt does (channel, endpoints, session) fits in a few services' time-outs.
+constexpr int DeadlineInTimeouts = 3;
+// An attempt opens a second channel when the endpoint it found needs other security; one more means the server keeps
+// closing the channel while it opens.
+constexpr int ChannelClosesPerAttempt = 1;
+
+/** The status codes with which a server tells that it does not accept the client's certificate. */
+bool isCertificateRefusal(UA_StatusCode status)
+{
+    switch (status) {
+    case UA_STATUSCODE_BADSECURITYCHECKSFAILED:
+    case UA_STATUSCODE_BADCERTIFICATEUNTRUSTED:
+    case UA_STATUSCODE_BADCERTIFICATEINVALID:
+    case UA_STATUSCODE_BADCERTIFICATEUSENOTALLOWED:
+    case UA_STATUSCODE_BADCERTIFICATEURIINVALID:
+    case UA_STATUSCODE_BADCERTIFICATETIMEINVALID:
+    case UA_STATUSCODE_BADCERTIFICATEREVOKED:
+    case UA_STATUSCODE_BADCERTIFICATEISSUERREVOKED:
+    case UA_STATUSCODE_BADCERTIFICATEREVOCATIONUNKNOWN:
+    case UA_STATUSCODE_BADCERTIFICATECHAININCOMPLETE:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/** A limit as the server gives it: any unsigned integer type, else none. */
+quint32 limitOf(const UA_ReadResponse &response)
+{
+    if (response.responseHeader.serviceResult != UA_STATUSCODE_GOOD || response.resultsSize != 1
+        || !response.results[0].hasValue || !UA_Variant_isScalar(&response.results[0].value))
+        return 0;
+    const UA_Variant &value = response.results[0].value;
+    switch (value.type->typeKind) {
+    case UA_DATATYPEKIND_UINT16:
+        return *static_cast<const UA_UInt16 *>(value.data);
+    case UA_DATATYPEKIND_UINT32:
+        return *static_cast<const UA_UInt32 *>(value.data);
+    case UA_DATATYPEKIND_UINT64:
+        return quint32(qMin<UA_UInt64>(*static_cast<const UA_UInt64 *>(value.data), 0xffffffffu));
+    default:
+        return 0;
+    }
+}
 
 /** A service under way: its continuation runs after the library's iteration, on a copy of the response. */
 struct PendingService
@@ -61,14 +106,24 @@ bool OpcUaClient::check(const Options &options, QString *error)
     return true;
 }
 
-OpcUaClient::OpcUaClient(const QLoggingCategory &category, QObject *parent)
+OpcUaClient::OpcUaClient(const QLoggingCategory &category, const QLoggingCategory &library, QObject *parent)
     : QObject(parent)
     , m_category(category)
+    , m_library(library)
 {
     m_iterate.setInterval(DefaultIterateInterval);
     connect(&m_iterate, &QTimer::timeout, this, &OpcUaClient::iterate);
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &OpcUaClient::attempt);
+    // A server that drops every session soon after opening it must not be asked again at the first pause each time.
+    m_stable.setSingleShot(true);
+    m_stable.setInterval(DefaultStableAfter);
+    connect(&m_stable, &QTimer::timeout, this, [this] { m_backoff.reset(); });
+    m_deadline.setSingleShot(true);
+    connect(&m_deadline, &QTimer::timeout, this, [this] {
+        if (m_client && !m_connected)
+            fail(UA_STATUSCODE_BADTIMEOUT);
+    });
 }
 
 OpcUaClient::~OpcUaClient()
@@ -78,8 +133,17 @@ OpcUaClient::~OpcUaClient()
 
 void OpcUaClient::setBackoff(int first, int longest)
 {
-    m_firstBackoff = first;
-    m_longestBackoff = longest;
+    m_backoff.setRange(first, longest);
+}
+
+void OpcUaClient::setStableAfter(int msecs)
+{
+    m_stable.setInterval(msecs);
+}
+
+void OpcUaClient::setConnectDeadline(int msecs)
+{
+    m_connectDeadline = msecs;
 }
 
 void OpcUaClient::setIterateInterval(int msecs)
@@ -92,7 +156,7 @@ void OpcUaClient::open(const Options &options)
     close();
     m_options = options;
     m_open = true;
-    m_backoff = 0;
+    m_backoff.reset();
     m_lastReported = UA_STATUSCODE_GOOD;
     attempt();
 }
@@ -115,16 +179,19 @@ void OpcUaClient::attempt()
         return;
     UA_ClientConfig config;
     memset(&config, 0, sizeof config);
-    config.logging = OpcUa::newLogger(m_category);
+    config.logging = OpcUa::newLogger(m_library);
     QString error;
     if (!configure(&config, &error)) {
         UA_ClientConfig_clear(&config);
         qCWarning(lc) << QStringLiteral("Can't connect to %1: %2").arg(m_options.name, error);
+        // An unreadable file may be fixed while the service runs: the connection keeps trying.
+        m_retry.start(m_backoff.next());
         return;
     }
     m_client = UA_Client_newWithConfig(&config);
     if (!m_client) {
         qCWarning(lc) << QStringLiteral("Can't connect to %1: the client could not be created").arg(m_options.name);
+        m_retry.start(m_backoff.next());
         return;
     }
     UA_ClientConfig *clientConfig = UA_Client_getConfig(m_client);
@@ -134,6 +201,10 @@ void OpcUaClient::attempt()
     }
     m_failed = false;
     m_connected = false;
+    m_channelCloses = 0;
+    m_lastChannel = UA_SECURECHANNELSTATE_CLOSED;
+    m_refusedServer = false;
+    m_limits = Limits();
     qCDebug(lc) << QStringLiteral("Connecting to %1 at %2").arg(m_options.name, m_options.url);
     const UA_StatusCode status = UA_Client_connectAsync(m_client, m_options.url.toUtf8().constData());
     if (status != UA_STATUSCODE_GOOD)
@@ -142,6 +213,7 @@ void OpcUaClient::attempt()
         tearDown();
         return;
     }
+    m_deadline.start(m_connectDeadline > 0 ? m_connectDeadline : DeadlineInTimeouts * m_options.timeout);
     m_iterate.start();
 }
 
@@ -280,16 +352,67 @@ void OpcUaClient::stateChanged(UA_SecureChannelState channel, UA_SessionState se
         fail(status);
         return;
     }
+    if (!m_connected && (channel == UA_SECURECHANNELSTATE_CLOSING || channel == UA_SECURECHANNELSTATE_CLOSED)
+        && m_lastChannel != UA_SECURECHANNELSTATE_CLOSING && m_lastChannel != UA_SECURECHANNELSTATE_CLOSED
+        && ++m_channelCloses > ChannelClosesPerAttempt) {
+        // The library would open the next channel at once, several a second, for as long as the server refuses.
+        fail(m_options.securityMode != QLatin1String("None") ? UA_STATUSCODE_BADSECURITYCHECKSFAILED
+                                                             : UA_STATUSCODE_BADCONNECTIONCLOSED);
+        return;
+    }
+    m_lastChannel = channel;
     if (session == UA_SESSIONSTATE_ACTIVATED && !m_connected && !m_failed) {
         m_connected = true;
-        m_backoff = 0;
+        m_deadline.stop();
+        m_stable.start();
         m_lastReported = UA_STATUSCODE_GOOD;
         qCInfo(lc) << QStringLiteral("Connected to %1 at %2").arg(m_options.name, m_options.url);
-        QMetaObject::invokeMethod(this, &OpcUaClient::connected, Qt::QueuedConnection);
+        // Services may not be sent from within the library's callback.
+        QMetaObject::invokeMethod(this, &OpcUaClient::readLimits, Qt::QueuedConnection);
         return;
     }
     if (m_connected && (session != UA_SESSIONSTATE_ACTIVATED || channel != UA_SECURECHANNELSTATE_OPEN))
         fail(UA_STATUSCODE_BADCONNECTIONCLOSED);
+}
+
+void OpcUaClient::readLimits()
+{
+    struct Limit
+    {
+        UA_UInt32 node;
+        quint32 Limits::*field;
+    };
+    static const Limit limits[] = {
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_OPERATIONLIMITS_MAXNODESPERBROWSE, &Limits::maxNodesPerBrowse },
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_OPERATIONLIMITS_MAXNODESPERREAD, &Limits::maxNodesPerRead },
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_OPERATIONLIMITS_MAXNODESPERTRANSLATEBROWSEPATHSTONODEIDS,
+            &Limits::maxNodesPerTranslate },
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_OPERATIONLIMITS_MAXMONITOREDITEMSPERCALL,
+            &Limits::maxMonitoredItemsPerCall },
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_MAXMONITOREDITEMSPERSUBSCRIPTION,
+            &Limits::maxMonitoredItemsPerSubscription },
+        { UA_NS0ID_SERVER_SERVERCAPABILITIES_MAXSUBSCRIPTIONSPERSESSION, &Limits::maxSubscriptionsPerSession },
+    };
+    // One node a request: the limit of nodes per read is not known yet. A limit the server lacks is none.
+    auto pending = std::make_shared<int>(int(sizeof limits / sizeof *limits));
+    for (const Limit &limit : limits) {
+        UA_ReadValueId toRead;
+        UA_ReadValueId_init(&toRead);
+        toRead.nodeId = UA_NODEID_NUMERIC(0, limit.node);
+        toRead.attributeId = UA_ATTRIBUTEID_VALUE;
+        UA_ReadRequest request;
+        UA_ReadRequest_init(&request);
+        request.nodesToRead = &toRead;
+        request.nodesToReadSize = 1;
+        const bool sent = send(&request, UA_TYPES[UA_TYPES_READREQUEST], UA_TYPES[UA_TYPES_READRESPONSE],
+            [this, limit, pending](void *response) {
+                m_limits.*limit.field = limitOf(*static_cast<const UA_ReadResponse *>(response));
+                if (--*pending == 0)
+                    emit connected();
+            });
+        if (!sent)
+            return;
+    }
 }
 
 void OpcUaClient::fail(UA_StatusCode status)
@@ -303,6 +426,8 @@ void OpcUaClient::fail(UA_StatusCode status)
 void OpcUaClient::tearDown()
 {
     m_iterate.stop();
+    m_deadline.stop();
+    m_stable.stop();
     if (!m_client)
         return;
     const bool wasConnected = m_connected;
@@ -319,23 +444,34 @@ void OpcUaClient::tearDown()
     if (!m_open)
         return;
 
-    const UA_StatusCode reason = m_failed ? m_failure : UA_STATUSCODE_BADCONNECTIONCLOSED;
+    reportFailure(wasConnected, m_failed ? m_failure : UA_STATUSCODE_BADCONNECTIONCLOSED);
+    m_retry.start(m_backoff.next());
+    if (wasConnected)
+        emit disconnected();
+}
+
+bool OpcUaClient::refusedOwnCertificate(UA_StatusCode reason) const
+{
+    return m_options.securityMode != QLatin1String("None") && !m_refusedServer && isCertificateRefusal(reason);
+}
+
+void OpcUaClient::reportFailure(bool wasConnected, UA_StatusCode reason)
+{
     if (wasConnected) {
         qCWarning(lc)
             << QStringLiteral("Lost the connection to %1 (%2)").arg(m_options.name, OpcUa::statusName(reason));
-    } else if (reason != m_lastReported) {
+    } else if (reason == m_lastReported) {
+        qCDebug(lc) << QStringLiteral("Still can't connect to %1 (%2)").arg(m_options.name, OpcUa::statusName(reason));
+    } else if (refusedOwnCertificate(reason)) {
+        qCWarning(lc) << QStringLiteral("The server of %1 at %2 refused orvix's certificate (%3): trust %4 on the "
+                                        "server")
+                             .arg(m_options.name, m_options.url, OpcUa::statusName(reason),
+                                 OpcUaPki(m_options.pki, m_category).root() + QStringLiteral("/own/certs/cert.der"));
+    } else {
         qCWarning(lc) << QStringLiteral("Can't connect to %1 at %2 (%3)")
                              .arg(m_options.name, m_options.url, OpcUa::statusName(reason));
-    } else {
-        qCDebug(lc) << QStringLiteral("Still can't connect to %1 (%2)").arg(m_options.name, OpcUa::statusName(reason));
     }
     m_lastReported = reason;
-    m_backoff = m_backoff == 0 ? m_firstBackoff : qMin(m_backoff * 2, m_longestBackoff);
-    // Up to a quarter less, so that many connections lost together don't all come back in the same instant.
-    const int jitter = m_backoff >= 4 ? int(QRandomGenerator::global()->bounded(m_backoff / 4)) : 0;
-    m_retry.start(m_backoff - jitter);
-    if (wasConnected)
-        emit disconnected();
 }
 
 UA_StatusCode OpcUaClient::verifyCallback(
@@ -351,6 +487,7 @@ UA_StatusCode OpcUaClient::verifyServerCertificate(const UA_ByteString *certific
     const OpcUaPki pki(m_options.pki, m_category);
     if (pki.isTrusted(bytes))
         return UA_STATUSCODE_GOOD;
+    m_refusedServer = true;
     QString error;
     const QString path = pki.reject(bytes, &error);
     // Every attempt meets the same certificate again; one warning tells the administrator what to do.

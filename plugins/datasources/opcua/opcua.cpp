@@ -5,6 +5,8 @@
 #include <QLoggingCategory>
 
 Q_LOGGING_CATEGORY(lcOpcUa, "opcua")
+// open62541's own lines: its internals, off unless asked for with opcua.library.debug=true.
+Q_LOGGING_CATEGORY(lcOpcUaLibrary, "opcua.library")
 
 namespace {
 
@@ -100,8 +102,9 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
             qCWarning(lcOpcUa) << QStringLiteral("Skipped the connection %1: %2").arg(connection, error);
             continue;
         }
-        auto *opened = new OpcUaConnection(options, lcOpcUa(), this);
+        auto *opened = new OpcUaConnection(options, lcOpcUa(), lcOpcUaLibrary(), this);
         opened->client().setBackoff(m_firstBackoff, m_longestBackoff);
+        opened->setItemBackoff(m_firstBackoff, m_longestBackoff);
         connect(opened, &OpcUaConnection::dataReceived, this, &OpcUaDatasource::dataReceived);
         m_connections.append(opened);
         watch(opened, connection, options.client.timeout + m_firstBackoff);

@@ -38,31 +38,17 @@ QString scalarText(const UA_Variant &value)
     return QString();
 }
 
-void later(QDateTime *newest, const QDateTime &time)
-{
-    if (!newest->isValid() || time > *newest)
-        *newest = time;
-}
-
 } // namespace
 
-/** A monitored variable: where its value goes. */
-struct OpcUaConnection::Item
-{
-    OpcUaConnection *connection;
-    WwMachine *machine;
-    WwMachine::Field field;
-    int index;
-    QString path;
-    bool awaitingFirst = true;
-};
-
-OpcUaConnection::OpcUaConnection(const Options &options, const QLoggingCategory &category, QObject *parent)
+OpcUaConnection::OpcUaConnection(
+    const Options &options, const QLoggingCategory &category, const QLoggingCategory &library, QObject *parent)
     : QObject(parent)
     , m_options(options)
     , m_category(category)
-    , m_client(category)
+    , m_client(category, library)
 {
+    m_itemRetry.setSingleShot(true);
+    connect(&m_itemRetry, &QTimer::timeout, this, &OpcUaConnection::retryItems);
     connect(&m_client, &OpcUaClient::connected, this, &OpcUaConnection::connected);
     connect(&m_client, &OpcUaClient::disconnected, this, &OpcUaConnection::disconnected);
     connect(&m_client, &OpcUaClient::iterated, this, &OpcUaConnection::flush);
@@ -91,8 +77,13 @@ void OpcUaConnection::disconnected()
         if (!machine->online)
             continue;
         // One offline state per machine tells the chain that nothing is known of it until the connection is back.
-        emit dataReceived(now, machine->name, m_options.source, QVariant::fromValue(WwState()));
+        emit dataReceived(
+            stateStamp(machine->name, now), machine->name, m_options.source, QVariant::fromValue(WwState()));
     }
+    m_itemRetry.stop();
+    m_refused.clear();
+    m_itemBackoff.reset();
+    m_itemsPerCall = 0;
     m_items.clear();
     m_queued.clear();
     m_machines.clear();
@@ -336,83 +327,6 @@ void OpcUaConnection::walkState(WwMachine *machine, const OpcUa::NodeId &unit, s
     });
 }
 
-void OpcUaConnection::subscribe(WwMachine *machine)
-{
-    if (machine->hasFlags)
-        machine->state.Flags.emplace();
-    if (machine->hasValues)
-        machine->state.Values.emplace();
-
-    QVector<UA_MonitoredItemCreateRequest> requests;
-    QVector<void *> contexts;
-    QVector<UA_Client_DataChangeNotificationCallback> callbacks;
-    const auto add = [&](const OpcUa::NodeId &node, WwMachine::Field field, int index, const QString &path) {
-        if (node.isNull())
-            return;
-        m_items.push_back(std::make_unique<Item>(Item { this, machine, field, index, path }));
-        UA_MonitoredItemCreateRequest request = UA_MonitoredItemCreateRequest_default(node.get());
-        // Sampled twice per publishing interval, so that a change shows in the next notification.
-        request.requestedParameters.samplingInterval = m_options.publishingInterval / 2.0;
-        requests.append(request);
-        contexts.append(m_items.back().get());
-        callbacks.append(dataChangeCallback);
-        if (field == WwMachine::Field::Identification)
-            ++machine->awaitingIdentification;
-        else if (field != WwMachine::Field::LastProgramName)
-            ++machine->awaitingState;
-    };
-    add(machine->currentState, WwMachine::Field::CurrentState, 0,
-        QStringLiteral("State/Machine/Overview/CurrentState"));
-    add(machine->currentMode, WwMachine::Field::CurrentMode, 0, QStringLiteral("State/Machine/Overview/CurrentMode"));
-    for (int i = 0; i < machine->flags.size(); ++i)
-        add(machine->flags.at(i), WwMachine::Field::Flag, i,
-            QStringLiteral("State/Machine/Flags/") + WwMachine::flagNames().at(i));
-    for (int i = 0; i < machine->values.size(); ++i)
-        add(machine->values.at(i), WwMachine::Field::Value, i,
-            QStringLiteral("State/Machine/Values/") + WwMachine::valueNames().at(i));
-    for (int i = 0; i < machine->identificationNodes.size(); ++i)
-        add(machine->identificationNodes.at(i), WwMachine::Field::Identification, i,
-            QStringLiteral("Identification/") + WwMachine::identificationNames().at(i));
-    add(machine->lastProgramName, WwMachine::Field::LastProgramName, 0,
-        QStringLiteral("ManufacturerSpecific/LastProgramName"));
-    if (machine->currentState.isNull()) {
-        qCWarning(lc) << QStringLiteral("Machine %1 of %2 has no State/Machine/Overview/CurrentState")
-                             .arg(machine->name, m_options.client.name);
-    }
-
-    UA_CreateMonitoredItemsRequest request;
-    UA_CreateMonitoredItemsRequest_init(&request);
-    request.subscriptionId = m_subscription;
-    request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
-    request.itemsToCreate = requests.data();
-    request.itemsToCreateSize = size_t(requests.size());
-    const QVector<void *> sentContexts = contexts;
-    if (!requests.isEmpty()) {
-        m_client.createDataChanges(request, contexts.data(), callbacks.data(), [this, sentContexts](void *result) {
-            const auto *response = static_cast<const UA_CreateMonitoredItemsResponse *>(result);
-            for (int i = 0; i < sentContexts.size(); ++i) {
-                const UA_StatusCode status = size_t(i) < response->resultsSize ? response->results[i].statusCode
-                                                                               : response->responseHeader.serviceResult;
-                if (status == UA_STATUSCODE_GOOD)
-                    continue;
-                auto *item = static_cast<Item *>(sentContexts.at(i));
-                qCWarning(lc) << QStringLiteral("%1 of machine %2 can't be monitored (%3)")
-                                     .arg(item->path, item->machine->name, OpcUa::statusName(status));
-                // Nothing will come for it: the record goes out without it.
-                if (item->awaitingFirst) {
-                    item->awaitingFirst = false;
-                    if (item->field == WwMachine::Field::Identification)
-                        --item->machine->awaitingIdentification;
-                    else if (item->field != WwMachine::Field::LastProgramName)
-                        --item->machine->awaitingState;
-                    queue(item->machine);
-                }
-            }
-        });
-    }
-    subscribeEvents(machine);
-}
-
 void OpcUaConnection::subscribeEvents(WwMachine *machine)
 {
     const OpcUa::NodeId notifier = machine->events.isNull() ? machine->object : machine->events;
@@ -450,8 +364,8 @@ void OpcUaConnection::subscribeEvents(WwMachine *machine)
     filter.selectClauses = select;
     filter.selectClausesSize = EventFieldCount;
 
-    m_items.push_back(
-        std::make_unique<Item>(Item { this, machine, WwMachine::Field::Events, 0, QStringLiteral("Events") }));
+    m_items.push_back(std::make_unique<Item>(
+        Item { this, machine, WwMachine::Field::Events, 0, QStringLiteral("Events"), notifier, false }));
     void *context = m_items.back().get();
     UA_MonitoredItemCreateRequest item;
     UA_MonitoredItemCreateRequest_init(&item);
@@ -550,51 +464,6 @@ void OpcUaConnection::collect(
         });
 }
 
-void OpcUaConnection::dataChangeCallback(
-    UA_Client *, UA_UInt32, void *, UA_UInt32, void *itemContext, UA_DataValue *value)
-{
-    auto *item = static_cast<Item *>(itemContext);
-    item->connection->valueChanged(item, *value);
-}
-
-void OpcUaConnection::valueChanged(Item *item, const UA_DataValue &value)
-{
-    WwMachine &machine = *item->machine;
-    UA_Variant none;
-    UA_Variant_init(&none);
-    const bool usable = value.hasValue && !(value.hasStatus && UA_StatusCode_isBad(value.status));
-    if (!machine.set(item->field, item->index, usable ? value.value : none)) {
-        if (!machine.mistyped.contains(item->path)) {
-            machine.mistyped.insert(item->path);
-            qCWarning(lc) << QStringLiteral("Skipped %1 of machine %2: a value of type %3 does not fit")
-                                 .arg(item->path, machine.name, QString::fromLatin1(value.value.type->typeName));
-        }
-    }
-    const QDateTime time = value.hasSourceTimestamp ? toDateTime(value.sourceTimestamp)
-        : value.hasServerTimestamp                  ? toDateTime(value.serverTimestamp)
-                                                    : QDateTime::currentDateTimeUtc();
-    switch (item->field) {
-    case WwMachine::Field::Identification:
-        machine.identificationChanged = true;
-        later(&machine.identificationTime, time);
-        if (item->awaitingFirst)
-            --machine.awaitingIdentification;
-        break;
-    case WwMachine::Field::LastProgramName:
-        machine.programChanged = true;
-        later(&machine.programTime, time);
-        break;
-    default:
-        machine.stateChanged = true;
-        later(&machine.stateTime, time);
-        if (item->awaitingFirst)
-            --machine.awaitingState;
-        break;
-    }
-    item->awaitingFirst = false;
-    queue(&machine);
-}
-
 void OpcUaConnection::queue(WwMachine *machine)
 {
     if (machine->queued)
@@ -654,6 +523,15 @@ void OpcUaConnection::eventArrived(WwMachine *machine, size_t count, const UA_Va
     m_events.append(ArrivedEvent { machine, time, event });
 }
 
+QDateTime OpcUaConnection::stateStamp(const QString &machine, const QDateTime &time)
+{
+    // Source time stamps after a reconnect may be older than the offline state sent when the connection went.
+    QDateTime &last = m_lastStates[machine];
+    if (!last.isValid() || time > last)
+        last = time;
+    return last;
+}
+
 void OpcUaConnection::flush()
 {
     const QString &source = m_options.source;
@@ -664,7 +542,8 @@ void OpcUaConnection::flush()
         if (machine->stateChanged && machine->awaitingState == 0) {
             machine->stateChanged = false;
             machine->online = true;
-            emit dataReceived(machine->stateTime, machine->name, source, QVariant::fromValue(machine->state));
+            emit dataReceived(stateStamp(machine->name, machine->stateTime), machine->name, source,
+                QVariant::fromValue(machine->state));
             machine->stateTime = QDateTime();
         }
         if (machine->identificationChanged && machine->awaitingIdentification == 0) {

@@ -11,6 +11,7 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 #include <QVariant>
 #include <QVector>
 
@@ -49,17 +50,34 @@ public:
     };
     using References = QVector<Reference>;
 
-    OpcUaConnection(const Options &options, const QLoggingCategory &category, QObject *parent = nullptr);
+    OpcUaConnection(const Options &options, const QLoggingCategory &category, const QLoggingCategory &library,
+        QObject *parent = nullptr);
     ~OpcUaConnection() override;
 
     void open();
     OpcUaClient &client() { return m_client; }
+    /** The first and the longest pause before the server is asked again for items it refused for want of room. */
+    void setItemBackoff(int first, int longest) { m_itemBackoff.setRange(first, longest); }
 
 signals:
     void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
 
 private:
-    struct Item;
+    /** A monitored variable: where its value goes, and how its creation went. */
+    struct Item
+    {
+        OpcUaConnection *connection;
+        WwMachine *machine;
+        WwMachine::Field field;
+        int index;
+        QString path;
+        OpcUa::NodeId node;
+        /** Whether the record waits for it; optional items that the server refuses for now don't hold it. */
+        bool mandatory = false;
+        bool awaitingFirst = true;
+        bool monitored = false;
+        int attempts = 0;
+    };
     struct ArrivedEvent
     {
         WwMachine *machine;
@@ -81,6 +99,12 @@ private:
     void walkMachine(WwMachine *machine);
     void walkState(WwMachine *machine, const OpcUa::NodeId &unit, std::function<void()> done);
     void subscribe(WwMachine *machine);
+    void createItems(const QVector<Item *> &items);
+    void sendItems(const QVector<Item *> &items);
+    void itemsCreated(const QVector<Item *> &items, const UA_CreateMonitoredItemsResponse &response);
+    void retryItems();
+    void release(Item *item);
+    QDateTime stateStamp(const QString &machine, const QDateTime &time);
     void subscribeEvents(WwMachine *machine);
 
     void browse(const UA_NodeId &node, std::function<void(const References &)> done);
@@ -111,6 +135,14 @@ private:
     /** Events in the order they arrived, sent after the records of the same iteration. */
     QVector<ArrivedEvent> m_events;
     bool m_namespaceWarned = false;
+    /** Items per create call once the server refused more than that at once; 0 while none did. */
+    int m_itemsPerCall = 0;
+    /** Items the server refused for want of resources, created again when m_itemRetry fires. */
+    QVector<Item *> m_refused;
+    QTimer m_itemRetry;
+    Backoff m_itemBackoff;
+    /** The time stamp of the last state of each machine, so that no later one is stamped earlier. */
+    QHash<QString, QDateTime> m_lastStates;
 };
 
 #endif

@@ -1,6 +1,8 @@
 #include "wwmachine.h"
 
 #include <limits>
+#include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -9,6 +11,25 @@ template <typename Record> QStringList fieldNames()
     QStringList names;
     Record::visitFields([&](const char *name, auto) { names << QString::fromLatin1(name); });
     return names;
+}
+
+template <typename T> struct IsOptional : std::false_type
+{
+};
+template <typename T> struct IsOptional<std::optional<T>> : std::true_type
+{
+};
+
+/** For each field of a record in order, whether it is always there; the fields that skip names are left out. */
+template <typename Record> QVector<bool> mandatoryFields(const char *skip = nullptr)
+{
+    QVector<bool> mandatory;
+    Record::visitFields([&](const char *name, auto member) {
+        if (skip && qstrcmp(name, skip) == 0)
+            return;
+        mandatory << !IsOptional<std::decay_t<decltype(std::declval<Record>().*member)>>::value;
+    });
+    return mandatory;
 }
 
 bool isScalarOf(const UA_Variant &value, int typeIndex)
@@ -203,6 +224,18 @@ const QStringList &WwMachine::identificationNames()
         return fields;
     }();
     return names;
+}
+
+bool WwMachine::isMandatoryFlag(int index)
+{
+    static const QVector<bool> mandatory = mandatoryFields<WwStateFlags>();
+    return mandatory.value(index);
+}
+
+bool WwMachine::isMandatoryIdentification(int index)
+{
+    static const QVector<bool> mandatory = mandatoryFields<WwIdentification>("Name");
+    return mandatory.value(index);
 }
 
 bool WwMachine::set(Field field, int index, const UA_Variant &value)

@@ -28,6 +28,9 @@ struct WwMachine
     static const QStringList &flagNames();
     static const QStringList &valueNames();
     static const QStringList &identificationNames();
+    /** Whether a flag or an identification field (by index) is one that every machine has. */
+    static bool isMandatoryFlag(int index);
+    static bool isMandatoryIdentification(int index);
 
     /**
      * Sets a field from a variable's value; an empty variant (a bad status) makes an optional field absent. False
@@ -66,6 +69,9 @@ struct WwMachine
     bool online = false;
     /** Whether the machine is in its connection's list of machines with something to send. */
     bool queued = false;
+    /** Items the server would not monitor, gathered for one warning. */
+    QStringList givenUp;
+    QString givenUpReason;
     /** Variables whose value had a type that does not fit, warned about once each. */
     QSet<QString> mistyped;
 };

@@ -95,9 +95,12 @@ private slots:
     void cleanup();
     void machinesThroughTheChain();
     void gatewayLoop();
+    void smallLimitsThroughTheChain();
+    void refusedCertificateIsLogged();
 
 private:
-    bool startServer();
+    bool startServer(const QStringList &arguments = QStringList());
+    bool startWithJsonl(IsolatedService *service, const QByteArray &config);
 
     NodeScript m_server;
     quint16 m_port = 0;
@@ -116,11 +119,22 @@ void tst_OpcUaRun::cleanup()
     m_server.stop();
 }
 
-bool tst_OpcUaRun::startServer()
+bool tst_OpcUaRun::startServer(const QStringList &arguments)
 {
     m_port = TestSupport::freePort();
-    m_server.start(ServerScript, { QStringLiteral("--port"), QString::number(m_port) });
+    m_server.start(ServerScript, QStringList { QStringLiteral("--port"), QString::number(m_port) } + arguments);
     return !m_server.next(QStringLiteral("ready"), 60000).isEmpty();
+}
+
+bool tst_OpcUaRun::startWithJsonl(IsolatedService *service, const QByteArray &config)
+{
+    for (const char *plugin : { "libopcua.so", "libjsonl.so" }) {
+        if (!QFile::copy(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/") + plugin, service->pluginDir() + "/" + plugin))
+            return false;
+    }
+    service->writeConfig(
+        QString::fromUtf8(Chain + config + "[jsonl]\nfile=/var/log/orvix/output.jsonl\n").arg(m_port).toUtf8());
+    return service->start();
 }
 
 void tst_OpcUaRun::machinesThroughTheChain()
@@ -215,6 +229,44 @@ void tst_OpcUaRun::gatewayLoop()
     }
     QCOMPARE(
         QJsonDocument(states).toJson(QJsonDocument::Compact), QJsonDocument(expected).toJson(QJsonDocument::Compact));
+    service.stop();
+}
+
+void tst_OpcUaRun::smallLimitsThroughTheChain()
+{
+    // An embedded PLC server's limits: every machine's state still arrives, without a warning.
+    QVERIFY(startServer({ QStringLiteral("--limits") }));
+    IsolatedService service;
+    QVERIFY(startWithJsonl(&service, QByteArray()));
+    const QString output = service.logDir() + QStringLiteral("/output.jsonl");
+    QTRY_VERIFY2_WITH_TIMEOUT(!ofType<StateV1>(readDatasets(output), "Saw1").isEmpty()
+            && !ofType<StateV1>(readDatasets(output), "Edge2").isEmpty()
+            && defines(readDatasets(output), "Saw1", "Saw1/State/Machine/Values/AbsoluteRunsGood"),
+        qPrintable(summary(readDatasets(output))), 30000);
+    service.stop();
+    QCOMPARE(service.logLines().filter(QStringLiteral("WARNING opcua")), QStringList());
+}
+
+void tst_OpcUaRun::refusedCertificateIsLogged()
+{
+    QTemporaryDir serverPki;
+    QVERIFY(startServer({ QStringLiteral("--secure"), QStringLiteral("--pki"), serverPki.path() }));
+    IsolatedService service;
+    QVERIFY(startWithJsonl(&service,
+        "line1\\securityMode=SignAndEncrypt\nline1\\securityPolicy=Basic256Sha256\nline1\\username=operator\n"
+        "line1\\password=secret\nline1\\pki=/var/log/orvix/pki\n"));
+    // orvix trusts the server once it has saved its certificate; the server does not trust orvix.
+    const QString rejected = service.logDir() + QStringLiteral("/pki/rejected");
+    QTRY_VERIFY_WITH_TIMEOUT(QDir(rejected).entryList(QDir::Files).size() == 1, 30000);
+    const QString file = QDir(rejected).entryList(QDir::Files).first();
+    QVERIFY(
+        QFile::rename(rejected + QLatin1Char('/') + file, service.logDir() + QStringLiteral("/pki/trusted/") + file));
+    const QString refused
+        = QStringLiteral("WARNING opcua: \"The server of line1 at opc.tcp://127.0.0.1:%1 refused orvix's "
+                         "certificate (BadSecurityChecksFailed): trust "
+                         "/var/log/orvix/pki/own/certs/cert.der on the server\"")
+              .arg(m_port);
+    QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains(refused), 30000);
     service.stop();
 }
 

@@ -85,10 +85,17 @@ private slots:
     void mistypedValueIsSkippedOnce();
     void restartedServerIsReadAgain();
     void untrustedServerThenTrusted();
+    void unconfigurableClientKeepsTrying();
+    void libraryLinesHaveACategoryOfTheirOwn();
+    void operationLimitsAreHonoured();
+    void refusedItemsAreRetriedThenGivenUp();
+    void refusedClientCertificateIsNamedOnce();
+    void timeDoesNotRunBackwardsAfterAReconnect();
 
 private:
     bool startServer(const QStringList &arguments = QStringList());
-    std::unique_ptr<OpcUaDatasource> open(QVariantMap connection);
+    std::unique_ptr<OpcUaDatasource> open(QVariantMap connection, int firstBackoff = 100, int longestBackoff = 400);
+    int channels();
 
     LogCapture m_log { QStringLiteral("opcua") };
     NodeScript m_server;
@@ -116,7 +123,13 @@ bool tst_OpcUa::startServer(const QStringList &arguments)
     return !m_server.next(QStringLiteral("ready"), 60000).isEmpty();
 }
 
-std::unique_ptr<OpcUaDatasource> tst_OpcUa::open(QVariantMap connection)
+int tst_OpcUa::channels()
+{
+    m_server.send(QJsonObject { { QStringLiteral("channels"), true } });
+    return m_server.next(QStringLiteral("ok")).value(QStringLiteral("count")).toInt(-1);
+}
+
+std::unique_ptr<OpcUaDatasource> tst_OpcUa::open(QVariantMap connection, int firstBackoff, int longestBackoff)
 {
     if (!connection.contains(QStringLiteral("url")))
         connection.insert(QStringLiteral("url"), QStringLiteral("opc.tcp://127.0.0.1:%1").arg(m_port));
@@ -124,7 +137,7 @@ std::unique_ptr<OpcUaDatasource> tst_OpcUa::open(QVariantMap connection)
         connection.insert(QStringLiteral("publishingInterval"), QStringLiteral("50"));
     connection.insert(QStringLiteral("pki"), m_pki.path());
     auto source = std::make_unique<OpcUaDatasource>();
-    source->setBackoff(100, 400);
+    source->setBackoff(firstBackoff, longestBackoff);
     QVariantMap shared;
     const QVariantMap config { { QStringLiteral("opcua"), QVariantMap { { QStringLiteral("line1"), connection } } } };
     if (!source->init(config, shared))
@@ -535,6 +548,153 @@ void tst_OpcUa::untrustedServerThenTrusted()
     QVERIFY(QFile::rename(rejected + QLatin1Char('/') + file, m_pki.path() + QStringLiteral("/trusted/") + file));
     QTRY_VERIFY_WITH_TIMEOUT(
         m_server.command(QJsonObject { { "trustRejected", true } }) && !caught<WwState>(spy, "Saw1").isEmpty(), 30000);
+}
+
+void tst_OpcUa::unconfigurableClientKeepsTrying()
+{
+    // The own certificate can't be read (here: a folder where the file belongs); once that is mended the connection
+    // goes on trying without a restart.
+    m_port = TestSupport::freePort();
+    const QString certificate = m_pki.path() + QStringLiteral("/own/certs/cert.der");
+    QVERIFY(QDir().mkpath(certificate));
+    auto source = open(QVariantMap { { "securityMode", "SignAndEncrypt" }, { "securityPolicy", "Basic256Sha256" } });
+    QVERIFY(source);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !m_log.startingWith(m_log.warning(QStringLiteral("Can't connect to line1: can't read ")).chopped(1)).isEmpty(),
+        5000);
+    QVERIFY(QDir(certificate).removeRecursively());
+    const QString unreachable
+        = m_log.warning(QStringLiteral("Can't connect to line1 at opc.tcp://127.0.0.1:%1 (").arg(m_port)).chopped(1);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_log.startingWith(unreachable).isEmpty(), 5000);
+    QVERIFY(QFile::exists(certificate));
+}
+
+void tst_OpcUa::libraryLinesHaveACategoryOfTheirOwn()
+{
+    m_log.stop();
+    m_log.start(QStringLiteral("*.debug=false\nopcua.debug=true"));
+    m_port = TestSupport::freePort();
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QTest::qWait(500);
+    QVERIFY(!m_log.ofComponent("DEBUG").isEmpty());
+    QCOMPARE(m_log.lines().filter(QStringLiteral("Iterate the EventLoop")), QStringList());
+    QCOMPARE(m_log.lines().filter(QStringLiteral("Process delayed callbacks")), QStringList());
+
+    m_log.stop();
+    m_log.start(QStringLiteral("*.debug=false\nopcua.library.debug=true"));
+    QTRY_VERIFY_WITH_TIMEOUT(!m_log.startingWith(QStringLiteral("DEBUG opcua.library: ")).isEmpty(), 5000);
+}
+
+void tst_OpcUa::operationLimitsAreHonoured()
+{
+    // An embedded PLC server: 5 nodes a browse, 10 a read, 20 monitored items a call, one subscription a session.
+    if (!startServer({ QStringLiteral("--limits") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1
+            && caught<WwIdentification>(spy, "Saw1").size() == 1 && caught<WwIdentification>(spy, "Edge2").size() == 1,
+        20000);
+    QCOMPARE(source->connections().first()->client().limits().maxMonitoredItemsPerCall, quint32(20));
+    QCOMPARE(source->connections().first()->client().limits().maxNodesPerBrowse, quint32(5));
+    QCOMPARE(source->connections().first()->client().limits().maxNodesPerRead, quint32(10));
+    QCOMPARE(source->connections().first()->client().limits().maxSubscriptionsPerSession, quint32(1));
+    // Every item fits: the first state is complete.
+    const WwState saw = caught<WwState>(spy, "Saw1").first().record;
+    QCOMPARE(saw.MachineState, quint32(WwState::Working));
+    QVERIFY(saw.Flags && saw.Values);
+    WwStateValues::visitFields(
+        [&](const char *name, auto member) { QVERIFY2((*saw.Values.*member).has_value(), name); });
+    QVERIFY(caught<WwIdentification>(spy, "Saw1").first().record.CustomerCompanyName.has_value());
+    QCOMPARE(m_log.warnings(), QStringList());
+
+    QVERIFY(m_server.command(set("Saw1", "State/Machine/Flags/Alarm", true)));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").last().record.Flags->Alarm, 5000);
+}
+
+void tst_OpcUa::refusedItemsAreRetriedThenGivenUp()
+{
+    // Room for 60 items: the events and the 16 items every machine has, then 43 of the 66 optional ones.
+    if (!startServer(
+            { QStringLiteral("--machines"), QStringLiteral("1"), QStringLiteral("--max-items"), QStringLiteral("60") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    const QString gaveUp = m_log.warning(QStringLiteral("Machine M001 of line1 goes on without ")).chopped(1);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "M001").size() == 1, 20000);
+    // The state does not wait for the items the server refused.
+    QCOMPARE(m_log.startingWith(gaveUp), QStringList());
+    const WwState state = caught<WwState>(spy, "M001").first().record;
+    QCOMPARE(state.MachineState, quint32(WwState::Working));
+    QVERIFY(state.Flags && state.Flags->FeedRuns.has_value());
+    QVERIFY(state.Values && state.Values->AbsoluteRunsGood.has_value() && !state.Values->AbsoluteRunsTotal.has_value());
+
+    QTRY_COMPARE_WITH_TIMEOUT(m_log.startingWith(gaveUp).size(), 1, 10000);
+    const QString warning = m_log.startingWith(gaveUp).first();
+    QVERIFY2(warning.endsWith(QStringLiteral(": the server refused to monitor them (BadTooManyMonitoredItems)\"")),
+        qPrintable(warning));
+    QVERIFY2(warning.contains(QStringLiteral("State/Machine/Values/AbsoluteRunsTotal, ")), qPrintable(warning));
+    QVERIFY2(warning.contains(QStringLiteral(", ManufacturerSpecific/LastProgramName:")), qPrintable(warning));
+    QCOMPARE(warning.count(QStringLiteral(", ")), 22);
+    QCOMPARE(m_log.warnings(), QStringList { warning });
+    QTest::qWait(1000);
+    QCOMPARE(m_log.warnings(), QStringList { warning });
+}
+
+void tst_OpcUa::refusedClientCertificateIsNamedOnce()
+{
+    QTemporaryDir serverPki;
+    if (!startServer({ QStringLiteral("--secure"), QStringLiteral("--pki"), serverPki.path() }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "securityMode", "SignAndEncrypt" }, { "securityPolicy", "Basic256Sha256" },
+                           { "username", "operator" }, { "password", "secret" } },
+        1000, 1000);
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    // orvix trusts the server; the server does not trust orvix yet.
+    const QString rejected = m_pki.path() + QStringLiteral("/rejected");
+    QTRY_VERIFY_WITH_TIMEOUT(QDir(rejected).entryList(QDir::Files).size() == 1, 20000);
+    const QString file = QDir(rejected).entryList(QDir::Files).first();
+    QVERIFY(QFile::rename(rejected + QLatin1Char('/') + file, m_pki.path() + QStringLiteral("/trusted/") + file));
+    const QString refused = m_log.warning(QStringLiteral(
+        "The server of line1 at opc.tcp://127.0.0.1:%1 refused orvix's certificate (BadSecurityChecksFailed): "
+        "trust %2/own/certs/cert.der on the server")
+                                              .arg(m_port)
+                                              .arg(m_pki.path()));
+    QVERIFY2(m_log.waitFor(refused, 10000), qPrintable(m_log.lines().join(QLatin1Char('\n'))));
+    // One attempt a second (two channels each: endpoints, then the secured one), not several a second.
+    const int before = channels();
+    QTest::qWait(3000);
+    const int after = channels();
+    QVERIFY2(after - before <= 10, qPrintable(QStringLiteral("%1 channels in 3 s").arg(after - before)));
+    QCOMPARE(m_log.lines().count(refused), 1);
+
+    QVERIFY(m_server.command(QJsonObject { { "trustRejected", true } }));
+    QTRY_VERIFY_WITH_TIMEOUT(!caught<WwState>(spy, "Saw1").isEmpty(), 20000);
+}
+
+void tst_OpcUa::timeDoesNotRunBackwardsAfterAReconnect()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1, 20000);
+    // The values keep their source time stamps of the server's start; the network, not the server, went.
+    QTest::qWait(200);
+    source->connections().first()->client().restart(UA_STATUSCODE_BADCONNECTIONCLOSED);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 3, 10000);
+    const auto states = caught<WwState>(spy, "Saw1");
+    QCOMPARE(states.at(1).record, WwState());
+    QVERIFY(states.at(0).timestamp < states.at(1).timestamp);
+    QVERIFY2(states.at(2).timestamp >= states.at(1).timestamp,
+        qPrintable(states.at(2).timestamp.toString(Qt::ISODateWithMs) + " < "
+            + states.at(1).timestamp.toString(Qt::ISODateWithMs)));
+    QCOMPARE(states.at(2).record, states.at(0).record);
 }
 
 QTEST_GUILESS_MAIN(tst_OpcUa)

@@ -2,12 +2,22 @@
 // describes them, written with node-opcua for the tests of orvix's OPC UA client datasource.
 //
 // Usage: NODE_PATH=<tests/nodeopcua/node_modules> node wwtestserver.js --port N [--pki DIR] [--secure]
-//            [--machines COUNT] [--rate HZ] [--no-woodworking] [--bare]
+//            [--machines COUNT] [--rate HZ] [--no-woodworking] [--bare] [--limits] [--max-items N]
+//            [--placement machines|plant|objects|none] [--clash] [--hang-browse MACHINE] [--slow-namespaces MS]
 //
 // It loads the standard, DI, IA, Machinery, ISA-95 job control, Machinery Jobs and Woodworking NodeSets of
 // node-opcua-nodesets and puts objects of WwMachineType into the Machinery Machines folder: "Saw1" (every
 // optional flag and value) and "Edge2" (the mandatory flags and a few values), or "M001"... (each like Saw1)
 // with --machines.
+//   --limits             the small limits of an embedded PLC server: MaxNodesPerBrowse 5, MaxNodesPerRead 10,
+//                        MaxMonitoredItemsPerCall 20, one subscription per session
+//   --max-items N        MaxMonitoredItemsPerSubscription N: the items beyond it are refused (BadTooManyMonitoredItems)
+//   --placement P        where the machines are: machines (the Machinery Machines folder, the default), plant
+//                        (a folder Objects/Plant/Hall2/Machines that is not the Machinery one), objects (directly
+//                        below Objects) or none (nowhere: a Woodworking server without machines)
+//   --clash              a third machine below Objects also called Saw1
+//   --hang-browse M      browse requests of machine M's object are never answered
+//   --slow-namespaces MS reads of the namespace array are answered after MS milliseconds
 // It reads one JSON object a line on standard input and answers each with one JSON line on standard output:
 //   {"set": {"machine": "Saw1", "path": "State/Machine/Flags/Alarm", "value": true}}    -> {"ok": "set"}
 //   {"setMany": [{"machine": ..., "path": ..., "value": ...}, ...]}                      -> {"ok": "setMany"}
@@ -16,7 +26,10 @@
 //   {"event": {"machine": "Saw1", "messageId": "4711", "message": "Spindle hot", "category": 3,
 //              "pathParts": ["Unit1"], "texts": {"en": "..."}, "group": "G1", "messageName": "X",
 //              "severity": 500}}                                                         -> {"ok": "event"}
+//     (also "notifier": "events" (default), "machine" or "server" for where the event is raised, and
+//      "messageIdType": "LocalizedText", "Int32" or "ByteString" for a MessageId of another type)
 //   {"trustRejected": true}                                     -> {"ok": "trustRejected", "count": N}
+//   {"channels": true}                  -> {"ok": "channels", "count": N} secure channels clients asked for so far
 //   {"quit": true}                                              -> {"ok": "quit"}, shuts down, exits 0
 // The end of standard input shuts down too.
 // Failures answer {"error": "..."}. Once it listens it prints {"ready": "<endpointUrl>", "namespaces": [...]}.
@@ -59,7 +72,10 @@ const OWN_URI = "urn:orvix:test:wwtestserver";
 // ---- command line -------------------------------------------------------------------------------------------------
 
 function parseArguments(argv) {
-    const options = { port: 0, pki: "", secure: false, machines: 0, rate: 0, woodworking: true, bare: false };
+    const options = {
+        port: 0, pki: "", secure: false, machines: 0, rate: 0, woodworking: true, bare: false, limits: false,
+        maxItems: 0, placement: "machines", clash: false, hangBrowse: "", slowNamespaces: 0,
+    };
     for (let i = 0; i < argv.length; ++i) {
         const argument = argv[i];
         const next = () => {
@@ -76,6 +92,12 @@ function parseArguments(argv) {
             case "--rate": options.rate = Number(next()); break;
             case "--no-woodworking": options.woodworking = false; break;
             case "--bare": options.bare = true; break;
+            case "--limits": options.limits = true; break;
+            case "--max-items": options.maxItems = Number(next()); break;
+            case "--placement": options.placement = next(); break;
+            case "--clash": options.clash = true; break;
+            case "--hang-browse": options.hangBrowse = next(); break;
+            case "--slow-namespaces": options.slowNamespaces = Number(next()); break;
             default: throw new Error(`unknown argument ${argument}`);
         }
     }
@@ -87,6 +109,9 @@ function parseArguments(argv) {
     }
     if (!Number.isFinite(options.rate) || options.rate < 0) {
         throw new Error("--rate needs a frequency in Hz");
+    }
+    if (!["machines", "plant", "objects", "none"].includes(options.placement)) {
+        throw new Error("--placement needs machines, plant, objects or none");
     }
     return options;
 }
@@ -338,12 +363,24 @@ function buildMachines(server, options) {
     const values = declarations(machineType, ["State", "Machine", "Values"]);
     const identification = declarations(machineType, ["Identification"]);
 
-    const names = options.machines > 0
-        ? Array.from({ length: options.machines },
+    const names = options.placement === "none" ? []
+        : options.machines > 0 ? Array.from({ length: options.machines },
             (_, i) => "M" + String(i + 1).padStart(3, "0"))
         : ["Saw1", "Edge2"];
+    let parent = machinesFolder;
+    if (options.placement === "plant") {
+        const plant = own.addFolder(addressSpace.rootFolder.objects, { browseName: "Plant" });
+        const hall = own.addFolder(plant, { browseName: "Hall2" });
+        parent = own.addFolder(hall, { browseName: "Machines" });
+    } else if (options.placement === "objects") {
+        parent = addressSpace.rootFolder.objects;
+    }
+    const placed = names.map((name) => ({ name, parent, key: name, nodeName: name }));
+    if (options.clash) {
+        placed.push({ name: "Saw1", parent: addressSpace.rootFolder.objects, key: "Saw1b", nodeName: "Saw1b" });
+    }
 
-    names.forEach((name, index) => {
+    placed.forEach(({ name, parent: organizer, key, nodeName }, index) => {
         const edge = name === "Edge2";
         const bare = options.bare && name === "Saw1";
         const ident = identificationOf(name, index);
@@ -368,8 +405,8 @@ function buildMachines(server, options) {
         }
         const machine = machineType.instantiate({
             browseName: { name, namespaceIndex: own.index },
-            nodeId: `ns=${own.index};s=${name}`,
-            organizedBy: machinesFolder,
+            nodeId: `ns=${own.index};s=${nodeName}`,
+            organizedBy: organizer,
             eventNotifier: 1,
             optionals,
         });
@@ -405,7 +442,7 @@ function buildMachines(server, options) {
                 console.warn(`wwtestserver: ${name}/${p} has no value`);
             }
         }
-        machines.set(name, { machine, events, paths, flagNodes, valueNodes });
+        machines.set(key, { machine, events, paths, flagNodes, valueNodes });
     });
     return machines;
 }
@@ -442,6 +479,16 @@ function raiseEvent(addressSpace, machines, request) {
     const eventType = addressSpace.findEventType("WwBaseEventType", woodworkingIndex);
     const texts = request.texts && typeof request.texts === "object" ? request.texts : {};
     const message = request.message !== undefined ? String(request.message) : texts.en || "";
+    const messageIdTypes = {
+        String: (text) => ({ dataType: DataType.String, value: text }),
+        LocalizedText: (text) => ({ dataType: DataType.LocalizedText, value: new LocalizedText({ locale: "en", text }) }),
+        Int32: (text) => ({ dataType: DataType.Int32, value: Number(text) }),
+        ByteString: (text) => ({ dataType: DataType.ByteString, value: Buffer.from(text) }),
+    };
+    const messageIdOf = messageIdTypes[request.messageIdType || "String"];
+    if (!messageIdOf) {
+        throw new Error(`messageIdType must be one of ${Object.keys(messageIdTypes).join(", ")}`);
+    }
     const data = {
         sourceNode: { dataType: DataType.NodeId, value: entry.machine.nodeId },
         sourceName: { dataType: DataType.String, value: entry.machine.browseName.name },
@@ -450,7 +497,7 @@ function raiseEvent(addressSpace, machines, request) {
             dataType: DataType.UInt16,
             value: toInteger(request.severity ?? 500, 1, 1000, "a severity 1 to 1000"),
         },
-        messageId: { dataType: DataType.String, value: String(request.messageId ?? "") },
+        messageId: messageIdOf(String(request.messageId ?? "")),
         eventCategory: {
             dataType: DataType.Int32, // WwEventCategoryEnumeration
             value: toInteger(request.category ?? 0, 0, 2147483647, "a category"),
@@ -474,7 +521,16 @@ function raiseEvent(addressSpace, machines, request) {
     if (request.messageName !== undefined) {
         data.messageName = { dataType: DataType.String, value: String(request.messageName) };
     }
-    entry.events.raiseEvent(eventType, data);
+    const notifiers = {
+        events: entry.events,
+        machine: entry.machine,
+        server: addressSpace.rootFolder.objects.server,
+    };
+    const notifier = notifiers[request.notifier || "events"];
+    if (!notifier) {
+        throw new Error("notifier must be events, machine or server");
+    }
+    notifier.raiseEvent(eventType, data);
 }
 
 async function trustRejected(certificateManager) {
@@ -511,7 +567,16 @@ async function main() {
     if (options.woodworking) {
         nodesetFiles.push(nodesets.isa95JobControl, nodesets.machineryJobs, nodesets.woodWorking);
     }
+    const serverCapabilities = {};
+    if (options.limits) {
+        serverCapabilities.maxSubscriptionsPerSession = 1;
+        serverCapabilities.operationLimits = { maxNodesPerBrowse: 5, maxNodesPerRead: 10, maxMonitoredItemsPerCall: 20 };
+    }
+    if (options.maxItems > 0) {
+        serverCapabilities.maxMonitoredItemsPerSubscription = options.maxItems;
+    }
     const server = new OPCUAServer({
+        serverCapabilities,
         port: options.port,
         host: "127.0.0.1",
         hostname: "127.0.0.1",
@@ -541,7 +606,35 @@ async function main() {
         throw new Error("the DI or Machinery nodeset did not load");
     }
     const machines = buildMachines(server, options);
+    if (options.hangBrowse) {
+        const hung = machines.get(options.hangBrowse);
+        if (!hung) throw new Error(`--hang-browse: no machine ${options.hangBrowse}`);
+        const browse = server._on_BrowseRequest.bind(server);
+        server._on_BrowseRequest = (message, channel) => {
+            const nodes = message.request.nodesToBrowse || [];
+            if (nodes.some((description) => description.nodeId.toString() === hung.machine.nodeId.toString())) {
+                return; // never answered
+            }
+            browse(message, channel);
+        };
+    }
+    if (options.slowNamespaces > 0) {
+        const read = server._on_ReadRequest.bind(server);
+        server._on_ReadRequest = (message, channel) => {
+            const nodes = message.request.nodesToRead || [];
+            if (nodes.some((toRead) => toRead.nodeId.toString() === "ns=0;i=2255")) {
+                setTimeout(() => read(message, channel), options.slowNamespaces);
+                return;
+            }
+            read(message, channel);
+        };
+    }
+    let channels = 0;
     await server.start();
+    for (const endpoint of server.endpoints) {
+        endpoint.on("newChannel", () => ++channels);
+        endpoint.on("openSecureChannelFailure", () => ++channels);
+    }
 
     let timer = null;
     if (options.rate > 0) {
@@ -621,6 +714,9 @@ async function main() {
         }
         if (command.trustRejected !== undefined) {
             return { ok: "trustRejected", count: await trustRejected(certificateManager) };
+        }
+        if (command.channels !== undefined) {
+            return { ok: "channels", count: channels };
         }
         if (command.quit !== undefined) {
             say({ ok: "quit" });

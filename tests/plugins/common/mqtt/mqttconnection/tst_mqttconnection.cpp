@@ -43,8 +43,6 @@ private slots:
     void init();
     void cleanup();
 
-    void reconnectDelay_data();
-    void reconnectDelay();
     void checkRefuses_data();
     void checkRefuses();
     void checkTopic_data();
@@ -80,37 +78,6 @@ void tst_MqttConnection::init()
 void tst_MqttConnection::cleanup()
 {
     m_log.stop();
-}
-
-void tst_MqttConnection::reconnectDelay_data()
-{
-    QTest::addColumn<int>("failures");
-    QTest::addColumn<int>("initial");
-    QTest::addColumn<int>("maximum");
-    QTest::addColumn<int>("base");
-    QTest::newRow("first") << 1 << 1000 << 60000 << 1000;
-    QTest::newRow("second doubles") << 2 << 1000 << 60000 << 2000;
-    QTest::newRow("sixth") << 6 << 1000 << 60000 << 32000;
-    QTest::newRow("seventh reaches the maximum") << 7 << 1000 << 60000 << 60000;
-    QTest::newRow("stays at the maximum") << 500 << 1000 << 60000 << 60000;
-    QTest::newRow("short for tests") << 3 << 100 << 300 << 300;
-}
-
-void tst_MqttConnection::reconnectDelay()
-{
-    QFETCH(int, failures);
-    QFETCH(int, initial);
-    QFETCH(int, maximum);
-    QFETCH(int, base);
-    QSet<int> seen;
-    for (int i = 0; i < 200; ++i) {
-        const int delay = MqttConnection::reconnectDelay(failures, initial, maximum);
-        // A fifth either way, never outside initial and maximum.
-        QVERIFY2(delay >= qMax(initial, base - base / 5) && delay <= qMin(maximum, base + base / 5),
-            qPrintable(QString::number(delay)));
-        seen.insert(delay);
-    }
-    QVERIFY2(seen.size() > 20, "no jitter");
 }
 
 void tst_MqttConnection::checkRefuses_data()

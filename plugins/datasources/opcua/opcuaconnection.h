@@ -15,19 +15,36 @@
 #include <QVariant>
 #include <QVector>
 
+#include <open62541/nodeids.h>
+
 #include <functional>
 #include <memory>
 #include <vector>
 
 /**
- * One OPC UA server of the opcua datasource: it finds the woodworking machines under the server's Machines folder by
- * browsing, subscribes to their state, nameplate, last program and events, and turns what arrives into the
- * datasets of the woodworking model. Browsing and subscribing start again after every reconnect.
+ * One OPC UA server of the opcua datasource: it finds the woodworking machines by browsing (the Machines folder,
+ * else a bounded search below Objects), subscribes to their state, nameplate, last program and events, and turns what
+ * arrives into the datasets of the woodworking model. Browsing and subscribing start again after every reconnect.
  */
 class OpcUaConnection : public QObject
 {
     Q_OBJECT
 public:
+    /** Which machine of which connection a name of the datasets belongs to. */
+    struct MachineName
+    {
+        /** The connection and the machine's node, as text. */
+        QString owner;
+        /** The machine for a log line: "machine Saw1 of line1". */
+        QString description;
+    };
+    /** The names given out, shared by the connections of one datasource so that no two machines share one. */
+    using MachineNames = QHash<QString, MachineName>;
+
+    /** How deep below Objects and how many objects the search for machines outside a Machines folder looks. */
+    static constexpr int MaxSearchDepth = 5;
+    static constexpr int MaxSearchNodes = 2000;
+
     struct Options
     {
         OpcUaClient::Options client;
@@ -38,6 +55,9 @@ public:
         /** Browse name to the name the datasets carry. */
         QHash<QString, QString> renames;
         int publishingInterval = 1000;
+        std::shared_ptr<MachineNames> names = std::make_shared<MachineNames>();
+        /** Milliseconds a machine's nameplate waits after its first state (0: none); see nameplateDue(). */
+        qint64 nameplateDelay = 0;
     };
 
     /** A browsed reference: the target node with its browse name, node class and type definition. */
@@ -92,12 +112,19 @@ private:
 
     void createSubscription();
     void readNamespaces();
-    void findMachinesFolder();
-    void findMachines(const OpcUa::NodeId &folder);
+    void discover();
+    void findMachines(const OpcUa::NodeId &folder, std::function<void(const References &)> done);
+    struct Search;
+    void searchObjects();
+    void searchLevel(std::shared_ptr<Search> search);
+    void machinesFound(const References &machines);
     void checkType(const OpcUa::NodeId &type, int depth, std::function<void(bool)> done);
-    void addMachine(const Reference &reference);
+    void addMachine(const Reference &reference, const QString &name);
     void walkMachine(WwMachine *machine);
-    void walkState(WwMachine *machine, const OpcUa::NodeId &unit, std::function<void()> done);
+    void walkState(WwMachine *machine, int walk, const OpcUa::NodeId &unit, std::function<void()> done);
+    void walkBrowse(WwMachine *machine, int walk, const OpcUa::NodeId &node, const QString &path,
+        std::function<void(const References &)> done);
+    void walkFailed(WwMachine *machine, int walk, const QString &path, UA_StatusCode status);
     void subscribe(WwMachine *machine);
     void createItems(const QVector<Item *> &items);
     void sendItems(const QVector<Item *> &items);
@@ -105,12 +132,18 @@ private:
     void retryItems();
     void release(Item *item);
     QDateTime stateStamp(const QString &machine, const QDateTime &time);
+    bool nameplateDue(const WwMachine &machine) const;
     void subscribeEvents(WwMachine *machine);
+    void createEventItems(WwMachine *machine, const QVector<OpcUa::NodeId> &notifiers);
 
-    void browse(const UA_NodeId &node, std::function<void(const References &)> done);
-    void browse(const UA_NodeId &node, std::function<void(const References &)> done, UA_UInt32 referenceType,
-        UA_BrowseDirection direction);
-    void collect(const UA_BrowseResult *result, References found, std::function<void(const References &)> done);
+    /** What to do when a browse fails; without one the connection starts again. */
+    using Failed = std::function<void(UA_StatusCode)>;
+    void browse(const UA_NodeId &node, std::function<void(const References &)> done, Failed failed = Failed(),
+        UA_UInt32 referenceType = UA_NS0ID_HIERARCHICALREFERENCES,
+        UA_BrowseDirection direction = UA_BROWSEDIRECTION_FORWARD);
+    void browseFailed(const Failed &failed, UA_StatusCode status);
+    void collect(
+        const UA_BrowseResult *result, References found, std::function<void(const References &)> done, Failed failed);
 
     void valueChanged(Item *item, const UA_DataValue &value);
     void eventArrived(WwMachine *machine, size_t count, const UA_Variant *fields);
@@ -135,6 +168,14 @@ private:
     /** Events in the order they arrived, sent after the records of the same iteration. */
     QVector<ArrivedEvent> m_events;
     bool m_namespaceWarned = false;
+    /** Counts the sessions, so that a timer of an earlier one finds its machines gone. */
+    int m_session = 0;
+    /** Machines left out for a name that is taken, warned about once each. */
+    QSet<QString> m_leftOut;
+    /** Each machine by its object's and its Events object's node, for the events raised at the Server object. */
+    QHash<QString, WwMachine *> m_machinesByNode;
+    /** Types of MessageId without a text form, warned about once each. */
+    QSet<QString> m_messageIdTypes;
     /** Items per create call once the server refused more than that at once; 0 while none did. */
     int m_itemsPerCall = 0;
     /** Items the server refused for want of resources, created again when m_itemRetry fires. */

@@ -29,11 +29,6 @@ void later(QDateTime *newest, const QDateTime &time)
         *newest = time;
 }
 
-QDateTime toDateTime(UA_DateTime time)
-{
-    return QDateTime::fromMSecsSinceEpoch((time - UA_DATETIME_UNIX_EPOCH) / UA_DATETIME_MSEC, Qt::UTC);
-}
-
 } // namespace
 
 void OpcUaConnection::subscribe(WwMachine *machine)
@@ -73,6 +68,7 @@ void OpcUaConnection::subscribe(WwMachine *machine)
             WwMachine::isMandatoryIdentification(i));
     add(machine->lastProgramName, WwMachine::Field::LastProgramName, 0,
         QStringLiteral("ManufacturerSpecific/LastProgramName"), false);
+    machine->hasStateItems = machine->awaitingState > 0;
     if (machine->currentState.isNull()) {
         qCWarning(lc) << QStringLiteral("Machine %1 of %2 has no State/Machine/Overview/CurrentState")
                              .arg(machine->name, m_options.client.name);
@@ -205,8 +201,8 @@ void OpcUaConnection::valueChanged(Item *item, const UA_DataValue &value)
                                  .arg(item->path, machine.name, QString::fromLatin1(value.value.type->typeName));
         }
     }
-    const QDateTime time = value.hasSourceTimestamp ? toDateTime(value.sourceTimestamp)
-        : value.hasServerTimestamp                  ? toDateTime(value.serverTimestamp)
+    const QDateTime time = value.hasSourceTimestamp ? WwMachine::toDateTime(value.sourceTimestamp)
+        : value.hasServerTimestamp                  ? WwMachine::toDateTime(value.serverTimestamp)
                                                     : QDateTime::currentDateTimeUtc();
     switch (item->field) {
     case WwMachine::Field::Identification:

@@ -148,11 +148,11 @@ bool convert(const UA_Variant &value, double *result)
 bool convert(const UA_Variant &value, QString *result)
 {
     if (isScalarOf(value, UA_TYPES_STRING)) {
-        *result = OpcUa::text(*static_cast<const UA_String *>(value.data));
+        *result = WwMachine::boundedText(*static_cast<const UA_String *>(value.data));
         return true;
     }
     if (isScalarOf(value, UA_TYPES_LOCALIZEDTEXT)) {
-        *result = OpcUa::text(static_cast<const UA_LocalizedText *>(value.data)->text);
+        *result = WwMachine::boundedText(static_cast<const UA_LocalizedText *>(value.data)->text);
         return true;
     }
     return false;
@@ -162,8 +162,7 @@ bool convert(const UA_Variant &value, QDateTime *result)
 {
     if (!isScalarOf(value, UA_TYPES_DATETIME))
         return false;
-    const UA_DateTime time = *static_cast<const UA_DateTime *>(value.data);
-    *result = QDateTime::fromMSecsSinceEpoch((time - UA_DATETIME_UNIX_EPOCH) / UA_DATETIME_MSEC, Qt::UTC);
+    *result = WwMachine::toDateTime(*static_cast<const UA_DateTime *>(value.data));
     return true;
 }
 
@@ -236,6 +235,40 @@ bool WwMachine::isMandatoryIdentification(int index)
 {
     static const QVector<bool> mandatory = mandatoryFields<WwIdentification>("Name");
     return mandatory.value(index);
+}
+
+QString WwMachine::boundedText(const UA_String &text)
+{
+    return QString::fromUtf8(reinterpret_cast<const char *>(text.data), int(qMin<size_t>(text.length, MaxTextBytes)));
+}
+
+QDateTime WwMachine::toDateTime(UA_DateTime time)
+{
+    return QDateTime::fromMSecsSinceEpoch((time - UA_DATETIME_UNIX_EPOCH) / UA_DATETIME_MSEC, Qt::UTC);
+}
+
+bool WwMachine::isNewEvent(const QByteArray &eventId)
+{
+    if (eventIds.contains(eventId))
+        return false;
+    if (eventOrder.size() >= RememberedEvents)
+        eventIds.remove(eventOrder.dequeue());
+    eventOrder.enqueue(eventId);
+    eventIds.insert(eventId);
+    return true;
+}
+
+void WwMachine::clearNodes()
+{
+    events = OpcUa::NodeId();
+    currentState = OpcUa::NodeId();
+    currentMode = OpcUa::NodeId();
+    lastProgramName = OpcUa::NodeId();
+    hasFlags = false;
+    hasValues = false;
+    flags.fill(OpcUa::NodeId());
+    values.fill(OpcUa::NodeId());
+    identificationNodes.fill(OpcUa::NodeId());
 }
 
 bool WwMachine::set(Field field, int index, const UA_Variant &value)

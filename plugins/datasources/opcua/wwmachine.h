@@ -1,10 +1,14 @@
 #ifndef ORVIX_WWMACHINE_H
 #define ORVIX_WWMACHINE_H
 
+#include "backoff.h"
 #include "opcuasupport.h"
 #include "wwtypes.h"
 
+#include <QByteArray>
 #include <QDateTime>
+#include <QElapsedTimer>
+#include <QQueue>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -37,6 +41,17 @@ struct WwMachine
      * when the value's type does not fit the field, which then stays as it was.
      */
     bool set(Field field, int index, const UA_Variant &value);
+    /** Texts from the server are cut at this many bytes, so that a broken server can't fill the memory. */
+    static constexpr int MaxTextBytes = 65536;
+    static QString boundedText(const UA_String &text);
+    static QDateTime toDateTime(UA_DateTime time);
+    /** How many EventIds each machine remembers to send each event once, whichever notifier it came through. */
+    static constexpr int RememberedEvents = 1000;
+    /** Whether an event with this EventId has not been seen yet; remembers it. */
+    bool isNewEvent(const QByteArray &eventId);
+
+    /** Forgets the nodes found by browsing, for a walk that starts again. */
+    void clearNodes();
 
     /** The name the datasets carry. */
     QString name;
@@ -65,13 +80,23 @@ struct WwMachine
     QDateTime stateTime;
     QDateTime identificationTime;
     QDateTime programTime;
+    /** Whether the machine has items of its state, and since when its first state is out. */
+    bool hasStateItems = false;
+    QElapsedTimer stateSent;
     /** Whether the chain has a state of this machine, so that losing it is reported once. */
     bool online = false;
     /** Whether the machine is in its connection's list of machines with something to send. */
     bool queued = false;
+    /** Counts the walks through the machine's nodes; what an abandoned walk receives is dropped. */
+    int walk = 0;
+    /** The pause before a walk that failed starts again, the machine on its own. */
+    Backoff retry;
     /** Items the server would not monitor, gathered for one warning. */
     QStringList givenUp;
     QString givenUpReason;
+    /** The last EventIds, oldest first, and the same as a set. */
+    QQueue<QByteArray> eventOrder;
+    QSet<QByteArray> eventIds;
     /** Variables whose value had a type that does not fit, warned about once each. */
     QSet<QString> mistyped;
 };

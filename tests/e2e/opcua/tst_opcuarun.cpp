@@ -58,6 +58,24 @@ bool defines(const QList<DatasetCodec::Dataset> &datasets, const QString &machin
     return false;
 }
 
+/** The first condition value, in the file's order, whose definition is not before it; empty when there is none. */
+QString undefinedValue(const QList<DatasetCodec::Dataset> &datasets)
+{
+    QSet<QString> defined;
+    for (const DatasetCodec::Dataset &dataset : datasets) {
+        if (dataset.data.userType() == qMetaTypeId<ConditionDefinitionsV2>()) {
+            for (const ConditionDefinitionV2 &definition : dataset.data.value<ConditionDefinitionsV2>().items)
+                defined.insert(definition.id);
+        } else if (dataset.data.userType() == qMetaTypeId<ConditionDatasV2>()) {
+            for (const ConditionDataV2 &data : dataset.data.value<ConditionDatasV2>().items) {
+                if (!defined.contains(data.id))
+                    return data.id;
+            }
+        }
+    }
+    return QString();
+}
+
 QVariant lastValue(const QList<DatasetCodec::Dataset> &datasets, const QString &machine, const QString &id)
 {
     QVariant value;
@@ -97,6 +115,9 @@ private slots:
     void gatewayLoop();
     void smallLimitsThroughTheChain();
     void refusedCertificateIsLogged();
+    void hangingMachineDoesNotHoldTheOthers();
+    void everyConditionValueIsDefinedFirst_data();
+    void everyConditionValueIsDefinedFirst();
 
 private:
     bool startServer(const QStringList &arguments = QStringList());
@@ -244,7 +265,7 @@ void tst_OpcUaRun::smallLimitsThroughTheChain()
             && defines(readDatasets(output), "Saw1", "Saw1/State/Machine/Values/AbsoluteRunsGood"),
         qPrintable(summary(readDatasets(output))), 30000);
     service.stop();
-    QCOMPARE(service.logLines().filter(QStringLiteral("WARNING opcua")), QStringList());
+    QCOMPARE(service.logLines().filter(QStringLiteral("WARNING opcua:")), QStringList());
 }
 
 void tst_OpcUaRun::refusedCertificateIsLogged()
@@ -268,6 +289,63 @@ void tst_OpcUaRun::refusedCertificateIsLogged()
               .arg(m_port);
     QTRY_VERIFY_WITH_TIMEOUT(service.logLines().contains(refused), 30000);
     service.stop();
+}
+
+void tst_OpcUaRun::hangingMachineDoesNotHoldTheOthers()
+{
+    // The server never answers a browse of Saw1: Edge2 arrives, Saw1 is named in the log with the time-out.
+    QVERIFY(startServer({ QStringLiteral("--hang-browse"), QStringLiteral("Saw1") }));
+    IsolatedService service;
+    QVERIFY(startWithJsonl(&service, "line1\\timeout=500\n"));
+    const QString output = service.logDir() + QStringLiteral("/output.jsonl");
+    QTRY_VERIFY2_WITH_TIMEOUT(
+        !ofType<StateV1>(readDatasets(output), "Edge2").isEmpty(), qPrintable(summary(readDatasets(output))), 30000);
+    const QString warning
+        = QStringLiteral("WARNING opcua: \"Browsing Saw1 of line1 failed (BadTimeout, time-out 500 ms): "
+                         "machine Saw1 is tried again in ");
+    QTRY_VERIFY_WITH_TIMEOUT(!service.logLines().filter(warning).isEmpty(), 10000);
+    service.stop();
+    QVERIFY(ofType<StateV1>(readDatasets(output), "Saw1").isEmpty());
+    QCOMPARE(service.logLines().filter(QStringLiteral("Lost the connection")), QStringList());
+}
+
+void tst_OpcUaRun::everyConditionValueIsDefinedFirst_data()
+{
+    QTest::addColumn<int>("waitTime");
+    QTest::newRow("300 ms") << 300;
+    QTest::newRow("10 s, as shipped") << 10000;
+}
+
+void tst_OpcUaRun::everyConditionValueIsDefinedFirst()
+{
+    // Limit passes one list of definitions per machine and wait time: the nameplate's must not be held back.
+    QFETCH(int, waitTime);
+    QVERIFY(startServer());
+    IsolatedService service;
+    for (const char *plugin : { "libopcua.so", "libjsonl.so" })
+        QVERIFY(QFile::copy(QStringLiteral(ORVIX_PLUGIN_BUILD_DIR "/") + plugin, service.pluginDir() + "/" + plugin));
+    service.writeConfig(QStringLiteral("[core]\nlog=\"*.debug=false\"\n[limit]\nwaitTime=%1\nkeepAliveTime=1000\n"
+                                       "[opcua]\nline1\\url=opc.tcp://127.0.0.1:%2\nline1\\publishingInterval=50\n"
+                                       "[jsonl]\nfile=/var/log/orvix/output.jsonl\n")
+                            .arg(waitTime)
+                            .arg(m_port)
+                            .toUtf8());
+    QVERIFY(service.start());
+    const QString output = service.logDir() + QStringLiteral("/output.jsonl");
+    QTRY_VERIFY2_WITH_TIMEOUT(!lastValue(readDatasets(output), "Saw1", "Saw1/Identification/Manufacturer").isNull()
+            && !lastValue(readDatasets(output), "Edge2", "Edge2/Identification/Manufacturer").isNull()
+            && !lastValue(readDatasets(output), "Saw1", "Saw1/State/Machine/Flags/MachineOn").isNull(),
+        qPrintable(summary(readDatasets(output))), 3 * waitTime + 30000);
+    // A change of values after the nameplate: still nothing undefined.
+    QVERIFY(m_server.command(QJsonObject { { "set",
+        QJsonObject { { "machine", "Saw1" }, { "path", "State/Machine/Flags/Alarm" }, { "value", true } } } }));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        lastValue(readDatasets(output), "Saw1", "Saw1/State/Machine/Flags/Alarm").toBool(), 2 * waitTime + 10000);
+    service.stop();
+    const QList<DatasetCodec::Dataset> datasets = readDatasets(output);
+    QVERIFY2(undefinedValue(datasets).isEmpty(), qPrintable(undefinedValue(datasets) + ": " + summary(datasets)));
+    QVERIFY(defines(datasets, "Saw1", "Saw1/Identification/SerialNumber"));
+    QVERIFY(defines(datasets, "Edge2", "Edge2/Identification/SerialNumber"));
 }
 
 QTEST_GUILESS_MAIN(tst_OpcUaRun)

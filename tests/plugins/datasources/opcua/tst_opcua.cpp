@@ -17,6 +17,11 @@
 
 #include <memory>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace {
 
 const QString ServerScript = QStringLiteral("tests/plugins/datasources/opcua/wwtestserver.js");
@@ -91,6 +96,19 @@ private slots:
     void refusedItemsAreRetriedThenGivenUp();
     void refusedClientCertificateIsNamedOnce();
     void timeDoesNotRunBackwardsAfterAReconnect();
+    void backoffGrowsWhileSessionsDropAtOnce();
+    void silentServerMeetsTheConnectDeadline();
+    void machinesOutsideTheMachinesFolder_data();
+    void machinesOutsideTheMachinesFolder();
+    void serverWithoutMachinesIsWarnedAbout();
+    void sameNameInOneConnectionIsNotMerged();
+    void sameNameOnTwoServersIsNotMerged();
+    void eventsFromEveryNotifierArriveOnce_data();
+    void eventsFromEveryNotifierArriveOnce();
+    void messageIdOfAnotherType();
+    void hangingMachineIsRetriedAlone();
+    void slowNamespaceReadIsATimeout();
+    void longStringsAreCut();
 
 private:
     bool startServer(const QStringList &arguments = QStringList());
@@ -135,7 +153,8 @@ std::unique_ptr<OpcUaDatasource> tst_OpcUa::open(QVariantMap connection, int fir
         connection.insert(QStringLiteral("url"), QStringLiteral("opc.tcp://127.0.0.1:%1").arg(m_port));
     if (!connection.contains(QStringLiteral("publishingInterval")))
         connection.insert(QStringLiteral("publishingInterval"), QStringLiteral("50"));
-    connection.insert(QStringLiteral("pki"), m_pki.path());
+    if (!connection.contains(QStringLiteral("pki")))
+        connection.insert(QStringLiteral("pki"), m_pki.path());
     auto source = std::make_unique<OpcUaDatasource>();
     source->setBackoff(firstBackoff, longestBackoff);
     QVariantMap shared;
@@ -555,9 +574,11 @@ void tst_OpcUa::unconfigurableClientKeepsTrying()
     // The own certificate can't be read (here: a folder where the file belongs); once that is mended the connection
     // goes on trying without a restart.
     m_port = TestSupport::freePort();
-    const QString certificate = m_pki.path() + QStringLiteral("/own/certs/cert.der");
+    QTemporaryDir pki;
+    const QString certificate = pki.path() + QStringLiteral("/own/certs/cert.der");
     QVERIFY(QDir().mkpath(certificate));
-    auto source = open(QVariantMap { { "securityMode", "SignAndEncrypt" }, { "securityPolicy", "Basic256Sha256" } });
+    auto source = open(QVariantMap {
+        { "securityMode", "SignAndEncrypt" }, { "securityPolicy", "Basic256Sha256" }, { "pki", pki.path() } });
     QVERIFY(source);
     QTRY_VERIFY_WITH_TIMEOUT(
         !m_log.startingWith(m_log.warning(QStringLiteral("Can't connect to line1: can't read ")).chopped(1)).isEmpty(),
@@ -616,7 +637,8 @@ void tst_OpcUa::operationLimitsAreHonoured()
 
 void tst_OpcUa::refusedItemsAreRetriedThenGivenUp()
 {
-    // Room for 60 items: the events and the 16 items every machine has, then 43 of the 66 optional ones.
+    // Room for 60 items: the three event items (the Server object, the machine, its Events object), the 16 items
+    // every machine has, then 41 of the 66 optional ones.
     if (!startServer(
             { QStringLiteral("--machines"), QStringLiteral("1"), QStringLiteral("--max-items"), QStringLiteral("60") }))
         QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
@@ -630,15 +652,16 @@ void tst_OpcUa::refusedItemsAreRetriedThenGivenUp()
     const WwState state = caught<WwState>(spy, "M001").first().record;
     QCOMPARE(state.MachineState, quint32(WwState::Working));
     QVERIFY(state.Flags && state.Flags->FeedRuns.has_value());
-    QVERIFY(state.Values && state.Values->AbsoluteRunsGood.has_value() && !state.Values->AbsoluteRunsTotal.has_value());
+    QVERIFY(state.Values && state.Values->RelativeProductionWaitWorkpieceTime.has_value()
+        && !state.Values->AbsoluteRunsGood.has_value());
 
     QTRY_COMPARE_WITH_TIMEOUT(m_log.startingWith(gaveUp).size(), 1, 10000);
     const QString warning = m_log.startingWith(gaveUp).first();
     QVERIFY2(warning.endsWith(QStringLiteral(": the server refused to monitor them (BadTooManyMonitoredItems)\"")),
         qPrintable(warning));
-    QVERIFY2(warning.contains(QStringLiteral("State/Machine/Values/AbsoluteRunsTotal, ")), qPrintable(warning));
+    QVERIFY2(warning.contains(QStringLiteral("State/Machine/Values/AbsoluteRunsGood, ")), qPrintable(warning));
     QVERIFY2(warning.contains(QStringLiteral(", ManufacturerSpecific/LastProgramName:")), qPrintable(warning));
-    QCOMPARE(warning.count(QStringLiteral(", ")), 22);
+    QCOMPARE(warning.count(QStringLiteral(", ")), 24);
     QCOMPARE(m_log.warnings(), QStringList { warning });
     QTest::qWait(1000);
     QCOMPARE(m_log.warnings(), QStringList { warning });
@@ -695,6 +718,245 @@ void tst_OpcUa::timeDoesNotRunBackwardsAfterAReconnect()
         qPrintable(states.at(2).timestamp.toString(Qt::ISODateWithMs) + " < "
             + states.at(1).timestamp.toString(Qt::ISODateWithMs)));
     QCOMPARE(states.at(2).record, states.at(0).record);
+}
+
+void tst_OpcUa::backoffGrowsWhileSessionsDropAtOnce()
+{
+    // A server whose sessions end right after they open: the pauses keep growing, a session resets them only after
+    // it has stayed up.
+    QTemporaryDir serverPki;
+    m_port = TestSupport::freePort();
+    OpcUaServer target;
+    QVariantMap shared;
+    QVERIFY(target.init(QVariantMap { { "opcuaServerTarget",
+                            QVariantMap { { "port", QString::number(m_port) }, { "securityPolicies", "None" },
+                                { "pki", serverPki.path() } } } },
+        shared));
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    OpcUaClient &client = source->connections().first()->client();
+    QList<qint64> connects;
+    QElapsedTimer clock;
+    clock.start();
+    connect(&client, &OpcUaClient::connected, this, [&] {
+        connects << clock.elapsed();
+        client.restart(UA_STATUSCODE_BADSESSIONCLOSED);
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(connects.size() >= 5, 15000);
+    // 100, 200, 400, 400 ms less up to a quarter, plus connecting: the last pauses are the longest.
+    const qint64 last = connects.at(4) - connects.at(3);
+    QVERIFY2(last >= 300, qPrintable(QString::number(last)));
+}
+
+void tst_OpcUa::silentServerMeetsTheConnectDeadline()
+{
+    // A socket that listens and never answers: the kernel completes the connection, nobody speaks.
+    const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
+    QVERIFY(silent >= 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    QVERIFY(::bind(silent, reinterpret_cast<sockaddr *>(&address), length) == 0 && ::listen(silent, 8) == 0
+        && ::getsockname(silent, reinterpret_cast<sockaddr *>(&address), &length) == 0);
+    m_port = ntohs(address.sin_port);
+    auto source = open(QVariantMap { { "timeout", "200" } });
+    QVERIFY(source);
+    QVERIFY(m_log.waitFor(
+        m_log.warning(QStringLiteral("Can't connect to line1 at opc.tcp://127.0.0.1:%1 (BadTimeout)").arg(m_port)),
+        5000));
+    ::close(silent);
+}
+
+void tst_OpcUa::machinesOutsideTheMachinesFolder_data()
+{
+    QTest::addColumn<QString>("placement");
+    QTest::newRow("Objects/Plant/Hall2/Machines") << "plant";
+    QTest::newRow("directly below Objects") << "objects";
+}
+
+void tst_OpcUa::machinesOutsideTheMachinesFolder()
+{
+    QFETCH(QString, placement);
+    if (!startServer({ QStringLiteral("--placement"), placement }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1, 20000);
+    QCOMPARE(caught<WwState>(spy, "Saw1").first().record.MachineState, quint32(WwState::Working));
+    QCOMPARE(m_log.warnings(), QStringList());
+}
+
+void tst_OpcUa::serverWithoutMachinesIsWarnedAbout()
+{
+    if (!startServer({ QStringLiteral("--placement"), QStringLiteral("none") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QVERIFY(m_log.waitFor(m_log.warning(QStringLiteral("line1 has no machine of WwMachineType, neither in a Machines "
+                                                       "folder nor down to 5 levels below Objects: it serves no "
+                                                       "woodworking machines")),
+        20000));
+    QTest::qWait(300);
+    QCOMPARE(m_log.warnings().size(), 1);
+}
+
+void tst_OpcUa::sameNameInOneConnectionIsNotMerged()
+{
+    // Two machines called Saw1 below Objects: one reaches the chain, the other is left out with a warning.
+    if (!startServer({ QStringLiteral("--placement"), QStringLiteral("objects"), QStringLiteral("--clash") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1, 20000);
+    const QString leftOut = m_log.warning(QStringLiteral("Left out machine Saw1 (")).chopped(1);
+    QTRY_COMPARE_WITH_TIMEOUT(m_log.startingWith(leftOut).size(), 1, 5000);
+    QVERIFY2(m_log.startingWith(leftOut).first().endsWith(
+                 QStringLiteral(" of line1: the name Saw1 is already that of machine Saw1 of line1; give it another "
+                                "with rename=Saw1=<name> in opcua/line1\"")),
+        qPrintable(m_log.startingWith(leftOut).first()));
+    QTest::qWait(500);
+    QCOMPARE(caught<WwState>(spy, "Saw1").size(), 1);
+    QCOMPARE(caught<WwIdentification>(spy, "Saw1").size(), 1);
+    QCOMPARE(m_log.warnings().size(), 1);
+}
+
+void tst_OpcUa::sameNameOnTwoServersIsNotMerged()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    const QString url = QStringLiteral("opc.tcp://127.0.0.1:%1").arg(m_port);
+    const QVariantMap line { { "url", url }, { "publishingInterval", "50" }, { "pki", m_pki.path() } };
+    QVariantMap renamed = line;
+    renamed.insert("rename", "Saw1=Saw1-hall2");
+    OpcUaDatasource source;
+    source.setBackoff(100, 400);
+    QVariantMap shared;
+    QSignalSpy spy(&source, &OpcUaDatasource::dataReceived);
+    QVERIFY(source.init(
+        QVariantMap { { "opcua", QVariantMap { { "line1", line }, { "line2", line }, { "line3", renamed } } } },
+        shared));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1
+            && caught<WwState>(spy, "Saw1-hall2").size() == 1,
+        20000);
+    QTest::qWait(500);
+    // Each name comes from one connection only; the renamed machine is a machine of its own.
+    QCOMPARE(caught<WwState>(spy, "Saw1").size(), 1);
+    QCOMPARE(caught<WwState>(spy, "Edge2").size(), 1);
+    const QStringList leftOut = m_log.startingWith(m_log.warning(QStringLiteral("Left out machine ")).chopped(1));
+    QCOMPARE(leftOut.size(), 3);
+    QCOMPARE(leftOut.filter(QStringLiteral("rename=Edge2=<name>")).size(), 2);
+    QCOMPARE(m_log.warnings().size(), 3);
+}
+
+void tst_OpcUa::eventsFromEveryNotifierArriveOnce_data()
+{
+    QTest::addColumn<QString>("notifier");
+    QTest::newRow("Events object") << "events";
+    QTest::newRow("machine object") << "machine";
+    QTest::newRow("Server object, the machine as SourceNode") << "server";
+}
+
+void tst_OpcUa::eventsFromEveryNotifierArriveOnce()
+{
+    QFETCH(QString, notifier);
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        caught<WwState>(spy, "Saw1").size() == 1 && caught<WwState>(spy, "Edge2").size() == 1, 20000);
+    QTest::qWait(300);
+    QVERIFY(m_server.command(QJsonObject { { "event",
+        QJsonObject { { "machine", "Saw1" }, { "messageId", "4711" }, { "message", "Spindle hot" }, { "category", 3 },
+            { "notifier", notifier } } } }));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwBaseEventType>(spy, "Saw1").size() == 1, 5000);
+    QTest::qWait(500);
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").size(), 1);
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").first().record.Id, QStringLiteral("4711"));
+    QVERIFY(caught<WwBaseEventType>(spy, "Edge2").isEmpty());
+}
+
+void tst_OpcUa::messageIdOfAnotherType()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Saw1").size() == 1, 20000);
+    QTest::qWait(300);
+    const auto raise = [&](const QString &type, const QString &id) {
+        return m_server.command(QJsonObject { { "event",
+            QJsonObject { { "machine", "Saw1" }, { "messageId", id }, { "message", "Door open" },
+                { "messageIdType", type } } } });
+    };
+    QVERIFY(raise("LocalizedText", "A17"));
+    QVERIFY(raise("Int32", "4711"));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwBaseEventType>(spy, "Saw1").size() == 2, 5000);
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").at(0).record.Id, QStringLiteral("A17"));
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").at(1).record.Id, QStringLiteral("4711"));
+    QVERIFY(raise("ByteString", "B1"));
+    QVERIFY(raise("ByteString", "B2"));
+    const QString warning
+        = m_log.warning(QStringLiteral("Left out the events of line1 whose MessageId is a ByteString, "
+                                       "which has no text form (first seen at machine Saw1)"));
+    QVERIFY(m_log.waitFor(warning, 5000));
+    QTest::qWait(300);
+    QCOMPARE(m_log.warnings(), QStringList { warning });
+    QCOMPARE(caught<WwBaseEventType>(spy, "Saw1").size(), 2);
+}
+
+void tst_OpcUa::hangingMachineIsRetriedAlone()
+{
+    if (!startServer({ QStringLiteral("--hang-browse"), QStringLiteral("Saw1") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "timeout", "500" } });
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    const QString warning = m_log
+                                .warning(QStringLiteral("Browsing Saw1 of line1 failed (BadTimeout, time-out 500 ms): "
+                                                        "machine Saw1 is tried again in "))
+                                .chopped(1);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_log.startingWith(warning).isEmpty(), 20000);
+    QVERIFY2(m_log.startingWith(warning).first().endsWith(QStringLiteral(" ms, the others go on\"")),
+        qPrintable(m_log.startingWith(warning).first()));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwState>(spy, "Edge2").size() == 1, 10000);
+    // The connection stays: the machine is tried on its own, and its further failures are debug lines.
+    QTest::qWait(1500);
+    QCOMPARE(m_log.startingWith(warning).size(), 1);
+    QCOMPARE(m_log.lines().filter(QStringLiteral("Lost the connection")), QStringList());
+    QCOMPARE(caught<WwState>(spy, "Edge2").size(), 1);
+}
+
+void tst_OpcUa::slowNamespaceReadIsATimeout()
+{
+    if (!startServer({ QStringLiteral("--slow-namespaces"), QStringLiteral("3000") }))
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap { { "timeout", "500" } });
+    QVERIFY(source);
+    QVERIFY(m_log.waitFor(m_log.warning(QStringLiteral("Reading the namespace array (i=2255) of line1 failed "
+                                                       "(BadTimeout, time-out 500 ms)")),
+        20000));
+    QCOMPARE(m_log.lines().filter(QStringLiteral("lacks the namespace")), QStringList());
+}
+
+void tst_OpcUa::longStringsAreCut()
+{
+    if (!startServer())
+        QSKIP("needs node-opcua (tools/install-deps.sh installs it)");
+    auto source = open(QVariantMap());
+    QVERIFY(source);
+    QSignalSpy spy(source.get(), &OpcUaDatasource::dataReceived);
+    QTRY_VERIFY_WITH_TIMEOUT(!caught<WwManufacturerSpecific>(spy, "Saw1").isEmpty(), 20000);
+    QVERIFY(m_server.command(set("Saw1", "ManufacturerSpecific/LastProgramName", QString(200000, QLatin1Char('x')))));
+    QTRY_VERIFY_WITH_TIMEOUT(caught<WwManufacturerSpecific>(spy, "Saw1").size() == 2, 5000);
+    QCOMPARE(caught<WwManufacturerSpecific>(spy, "Saw1").last().record.LastProgramName.size(), 65536);
 }
 
 QTEST_GUILESS_MAIN(tst_OpcUa)

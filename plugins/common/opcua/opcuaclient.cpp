@@ -141,11 +141,6 @@ void OpcUaClient::setStableAfter(int msecs)
     m_stable.setInterval(msecs);
 }
 
-void OpcUaClient::setConnectDeadline(int msecs)
-{
-    m_connectDeadline = msecs;
-}
-
 void OpcUaClient::setIterateInterval(int msecs)
 {
     m_iterate.setInterval(msecs);
@@ -213,7 +208,7 @@ void OpcUaClient::attempt()
         tearDown();
         return;
     }
-    m_deadline.start(m_connectDeadline > 0 ? m_connectDeadline : DeadlineInTimeouts * m_options.timeout);
+    m_deadline.start(DeadlineInTimeouts * m_options.timeout);
     m_iterate.start();
 }
 

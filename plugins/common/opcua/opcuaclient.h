@@ -103,8 +103,6 @@ public:
     void setBackoff(int first, int longest);
     /** Milliseconds a session must stay up before the back-off starts from its first pause again (60000). */
     void setStableAfter(int msecs);
-    /** Milliseconds an attempt may take to reach an active session (three times the options' timeout unless set). */
-    void setConnectDeadline(int msecs);
     /** Milliseconds between two iterations of the library (default 10). */
     void setIterateInterval(int msecs);
 
@@ -153,7 +151,6 @@ private:
     QTimer m_retry;
     QTimer m_stable;
     QTimer m_deadline;
-    int m_connectDeadline = 0;
     Limits m_limits;
     /** Secure channels closed in this attempt before a session; the library reopens one when the endpoint needs it. */
     int m_channelCloses = 0;

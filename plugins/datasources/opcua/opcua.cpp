@@ -12,7 +12,6 @@ namespace {
 
 const QString Group = QStringLiteral("opcua");
 constexpr quint64 LongestPublishingInterval = 3600000;
-constexpr qint64 NameplateMargin = 100;
 
 } // namespace
 
@@ -60,12 +59,6 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
     const QVariantMap group = config.value(Group).toMap();
     // One name, one machine, across all connections: Limit and the targets know machines by name alone.
     const auto names = std::make_shared<OpcUaConnection::MachineNames>();
-    // A nameplate waits for Limit's wait time after the machine's first state (and a tenth of a second more, for the
-    // two clocks), so that its condition definitions are not held back.
-    bool waitTimeFits = false;
-    const uint waitTime
-        = config.value(QStringLiteral("limit")).toMap().value(QStringLiteral("waitTime")).toUInt(&waitTimeFits);
-    const qint64 nameplateDelay = waitTimeFits && waitTime > 0 ? qint64(waitTime) + NameplateMargin : 0;
     for (auto entry = group.constBegin(); entry != group.constEnd(); ++entry) {
         const QString &connection = entry.key();
         if (entry.value().type() != QVariant::Map) {
@@ -93,7 +86,6 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
         options.machines = settings.list("machines");
         options.publishingInterval = int(settings.number("publishingInterval"));
         options.names = names;
-        options.nameplateDelay = nameplateDelay;
         bool renamesFit = true;
         for (const QString &pair : settings.list("rename")) {
             const int separator = pair.indexOf(QLatin1Char('='));

@@ -129,15 +129,6 @@ void OpcUaConnection::queue(WwMachine *machine)
     m_queued.append(machine);
 }
 
-bool OpcUaConnection::nameplateDue(const WwMachine &machine) const
-{
-    // Limit passes one list of condition definitions per machine and wait time and holds the next until the
-    // definitions change again: the nameplate's must come after that time, those of the state first.
-    if (m_options.nameplateDelay <= 0 || !machine.hasStateItems)
-        return true;
-    return machine.stateSent.isValid() && machine.stateSent.elapsed() >= m_options.nameplateDelay;
-}
-
 QDateTime OpcUaConnection::stateStamp(const QString &machine, const QDateTime &time)
 {
     // Source time stamps after a reconnect may be older than the offline state sent when the connection went.
@@ -150,20 +141,25 @@ QDateTime OpcUaConnection::stateStamp(const QString &machine, const QDateTime &t
 void OpcUaConnection::flush()
 {
     const QString &source = m_options.source;
-    // The state first: the chain passes on the condition definitions of the first list it sees of a machine at once,
-    // and those of the flags and values matter most.
     int waiting = 0;
     for (WwMachine *machine : qAsConst(m_queued)) {
-        if (machine->stateChanged && machine->awaitingState == 0) {
+        const bool stateDue = machine->stateChanged && machine->awaitingState == 0;
+        const bool nameplateDue = machine->identificationChanged && machine->awaitingIdentification == 0;
+        if ((stateDue || nameplateDue) && !machine->defined) {
+            // Limit passes the first list of a machine's definitions at once and holds a later one within its wait
+            // time: all of them in one list, before the first record.
+            machine->defined = true;
+            const QDateTime time = stateDue ? machine->stateTime : machine->identificationTime;
+            emit dataReceived(time, machine->name, source, QVariant::fromValue(machine->definitions(time)));
+        }
+        if (stateDue) {
             machine->stateChanged = false;
             machine->online = true;
-            if (!machine->stateSent.isValid())
-                machine->stateSent.start();
             emit dataReceived(stateStamp(machine->name, machine->stateTime), machine->name, source,
                 QVariant::fromValue(machine->state));
             machine->stateTime = QDateTime();
         }
-        if (machine->identificationChanged && machine->awaitingIdentification == 0 && nameplateDue(*machine)) {
+        if (nameplateDue) {
             machine->identificationChanged = false;
             emit dataReceived(
                 machine->identificationTime, machine->name, source, QVariant::fromValue(machine->identification));

@@ -56,8 +56,6 @@ public:
         QHash<QString, QString> renames;
         int publishingInterval = 1000;
         std::shared_ptr<MachineNames> names = std::make_shared<MachineNames>();
-        /** Milliseconds a machine's nameplate waits after its first state (0: none); see nameplateDue(). */
-        qint64 nameplateDelay = 0;
     };
 
     /** A browsed reference: the target node with its browse name, node class and type definition. */
@@ -132,7 +130,6 @@ private:
     void retryItems();
     void release(Item *item);
     QDateTime stateStamp(const QString &machine, const QDateTime &time);
-    bool nameplateDue(const WwMachine &machine) const;
     void subscribeEvents(WwMachine *machine);
     void createEventItems(WwMachine *machine, const QVector<OpcUa::NodeId> &notifiers);
 

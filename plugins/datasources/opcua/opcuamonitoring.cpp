@@ -68,7 +68,6 @@ void OpcUaConnection::subscribe(WwMachine *machine)
             WwMachine::isMandatoryIdentification(i));
     add(machine->lastProgramName, WwMachine::Field::LastProgramName, 0,
         QStringLiteral("ManufacturerSpecific/LastProgramName"), false);
-    machine->hasStateItems = machine->awaitingState > 0;
     if (machine->currentState.isNull()) {
         qCWarning(lc) << QStringLiteral("Machine %1 of %2 has no State/Machine/Overview/CurrentState")
                              .arg(machine->name, m_options.client.name);

@@ -1,5 +1,7 @@
 #include "wwmachine.h"
 
+#include "wwmodel.h"
+
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -30,6 +32,54 @@ template <typename Record> QVector<bool> mandatoryFields(const char *skip = null
         mandatory << !IsOptional<std::decay_t<decltype(std::declval<Record>().*member)>>::value;
     });
     return mandatory;
+}
+
+template <typename T> struct Plain
+{
+    using type = T;
+};
+template <typename T> struct Plain<std::optional<T>>
+{
+    using type = T;
+};
+
+/** The condition type of a field as the mapping derives it from the type of the field's value. */
+template <typename Field> qint32 conditionType()
+{
+    using T = typename Plain<Field>::type;
+    if constexpr (std::is_same_v<T, bool>)
+        return ConditionDefinitionV2::Boolean;
+    else if constexpr (std::is_floating_point_v<T>)
+        return ConditionDefinitionV2::FloatingPoint;
+    else if constexpr (std::is_integral_v<T>)
+        return ConditionDefinitionV2::Integer;
+    else
+        return ConditionDefinitionV2::Text;
+}
+
+/**
+ * A definition, as the mapping makes it (id, bare name, type, the rest default), for each field of a record that the
+ * machine's records will hold: those every machine has, and the optional ones whose node was found.
+ */
+template <typename Record>
+void appendDefinitions(QList<ConditionDefinitionV2> &items, const QString &machine, const char *path,
+    const QVector<OpcUa::NodeId> &nodes, const char *skip = nullptr)
+{
+    int index = 0;
+    Record::visitFields([&](const char *name, auto member) {
+        if (skip && qstrcmp(name, skip) == 0)
+            return;
+        using Field = std::decay_t<decltype(std::declval<Record>().*member)>;
+        const bool present = !IsOptional<Field>::value || !nodes.value(index).isNull();
+        ++index;
+        if (!present)
+            return;
+        ConditionDefinitionV2 definition;
+        definition.id = machine + QLatin1String(path) + QLatin1String(name);
+        definition.name = QString::fromLatin1(name);
+        definition.dataType = conditionType<Field>();
+        items.append(definition);
+    });
 }
 
 bool isScalarOf(const UA_Variant &value, int typeIndex)
@@ -256,6 +306,18 @@ bool WwMachine::isNewEvent(const QByteArray &eventId)
     eventOrder.enqueue(eventId);
     eventIds.insert(eventId);
     return true;
+}
+
+ConditionDefinitionsV2 WwMachine::definitions(const QDateTime &timestamp) const
+{
+    ConditionDefinitionsV2 list;
+    list.timestamp = timestamp;
+    appendDefinitions<WwIdentification>(list.items, name, WwModel::IdentificationPath, identificationNodes, "Name");
+    if (hasFlags)
+        appendDefinitions<WwStateFlags>(list.items, name, WwModel::FlagsPath, flags);
+    if (hasValues)
+        appendDefinitions<WwStateValues>(list.items, name, WwModel::ValuesPath, values);
+    return list;
 }
 
 void WwMachine::clearNodes()

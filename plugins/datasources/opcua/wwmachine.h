@@ -2,12 +2,12 @@
 #define ORVIX_WWMACHINE_H
 
 #include "backoff.h"
+#include "conditiondefinitionsv2.h"
 #include "opcuasupport.h"
 #include "wwtypes.h"
 
 #include <QByteArray>
 #include <QDateTime>
-#include <QElapsedTimer>
 #include <QQueue>
 #include <QSet>
 #include <QString>
@@ -50,6 +50,13 @@ struct WwMachine
     /** Whether an event with this EventId has not been seen yet; remembers it. */
     bool isNewEvent(const QByteArray &eventId);
 
+    /**
+     * The condition definitions of the machine's nameplate, flags and values, all in one list and equal to those the
+     * mapping makes: sent before the machine's first record, so that Limit, which holds a machine's later lists of
+     * definitions within its wait time, passes all of them at once.
+     */
+    ConditionDefinitionsV2 definitions(const QDateTime &timestamp) const;
+
     /** Forgets the nodes found by browsing, for a walk that starts again. */
     void clearNodes();
 
@@ -80,9 +87,8 @@ struct WwMachine
     QDateTime stateTime;
     QDateTime identificationTime;
     QDateTime programTime;
-    /** Whether the machine has items of its state, and since when its first state is out. */
-    bool hasStateItems = false;
-    QElapsedTimer stateSent;
+    /** Whether the machine's definitions went out in this session. */
+    bool defined = false;
     /** Whether the chain has a state of this machine, so that losing it is reported once. */
     bool online = false;
     /** Whether the machine is in its connection's list of machines with something to send. */

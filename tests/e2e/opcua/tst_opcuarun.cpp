@@ -332,15 +332,11 @@ void tst_OpcUaRun::everyConditionValueIsDefinedFirst()
                             .toUtf8());
     QVERIFY(service.start());
     const QString output = service.logDir() + QStringLiteral("/output.jsonl");
-    QTRY_VERIFY2_WITH_TIMEOUT(!lastValue(readDatasets(output), "Saw1", "Saw1/Identification/Manufacturer").isNull()
-            && !lastValue(readDatasets(output), "Edge2", "Edge2/Identification/Manufacturer").isNull()
-            && !lastValue(readDatasets(output), "Saw1", "Saw1/State/Machine/Flags/MachineOn").isNull(),
-        qPrintable(summary(readDatasets(output))), 3 * waitTime + 30000);
-    // A change of values after the nameplate: still nothing undefined.
-    QVERIFY(m_server.command(QJsonObject { { "set",
-        QJsonObject { { "machine", "Saw1" }, { "path", "State/Machine/Flags/Alarm" }, { "value", true } } } }));
-    QTRY_VERIFY_WITH_TIMEOUT(
-        lastValue(readDatasets(output), "Saw1", "Saw1/State/Machine/Flags/Alarm").toBool(), 2 * waitTime + 10000);
+    QTRY_VERIFY2_WITH_TIMEOUT(!lastValue(readDatasets(output), "Saw1", "Saw1/State/Machine/Flags/MachineOn").isNull()
+            && !lastValue(readDatasets(output), "Edge2", "Edge2/State/Machine/Flags/MachineOn").isNull(),
+        qPrintable(summary(readDatasets(output))), 30000);
+    // Whatever Limit still holds for its wait time, what it lets through has its definitions before it.
+    QTest::qWait(waitTime + 500);
     service.stop();
     const QList<DatasetCodec::Dataset> datasets = readDatasets(output);
     QVERIFY2(undefinedValue(datasets).isEmpty(), qPrintable(undefinedValue(datasets) + ": " + summary(datasets)));

@@ -735,17 +735,36 @@ void tst_OpcUa::backoffGrowsWhileSessionsDropAtOnce()
     auto source = open(QVariantMap());
     QVERIFY(source);
     OpcUaClient &client = source->connections().first()->client();
+    client.setStableAfter(300);
     QList<qint64> connects;
+    bool dropping = true;
     QElapsedTimer clock;
     clock.start();
     connect(&client, &OpcUaClient::connected, this, [&] {
         connects << clock.elapsed();
-        client.restart(UA_STATUSCODE_BADSESSIONCLOSED);
+        if (dropping)
+            client.restart(UA_STATUSCODE_BADSESSIONCLOSED);
     });
     QTRY_VERIFY_WITH_TIMEOUT(connects.size() >= 5, 15000);
     // 100, 200, 400, 400 ms less up to a quarter, plus connecting: the last pauses are the longest.
     const qint64 last = connects.at(4) - connects.at(3);
     QVERIFY2(last >= 300, qPrintable(QString::number(last)));
+
+    // A session that stays up longer than setStableAfter: the next pause is the first one again, from the loss to the
+    // next attempt.
+    dropping = false;
+    QTRY_COMPARE_WITH_TIMEOUT(connects.size(), 6, 5000);
+    QTest::qWait(500);
+    const QString lostLine = m_log.warning(QStringLiteral("Lost the connection to line1 (BadSessionClosed)"));
+    const QString attempt = m_log.debug(QStringLiteral("Connecting to line1 at opc.tcp://127.0.0.1:%1").arg(m_port));
+    const int losses = m_log.lines().count(lostLine);
+    const int attempts = m_log.lines().count(attempt);
+    client.restart(UA_STATUSCODE_BADSESSIONCLOSED);
+    QTRY_COMPARE_WITH_TIMEOUT(m_log.lines().count(lostLine), losses + 1, 10000);
+    QElapsedTimer pause;
+    pause.start();
+    QTRY_COMPARE_WITH_TIMEOUT(m_log.lines().count(attempt), attempts + 1, 5000);
+    QVERIFY2(pause.elapsed() < 250, qPrintable(QString::number(pause.elapsed())));
 }
 
 void tst_OpcUa::silentServerMeetsTheConnectDeadline()

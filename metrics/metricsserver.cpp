@@ -1,4 +1,5 @@
 #include "metricsserver.h"
+#include "metricslogging.h"
 
 #include "chainmetrics.h"
 #include "core.h"
@@ -23,8 +24,6 @@
 #include <future>
 #include <map>
 #include <sstream>
-
-Q_LOGGING_CATEGORY(lcMetrics, "metrics")
 
 namespace {
 

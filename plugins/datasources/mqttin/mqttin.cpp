@@ -1,11 +1,10 @@
 #include "mqttin.h"
+#include "mqttinlogging.h"
 
 #include "datasetcodec.h"
 
 #include <QLoggingCategory>
 #include <QSysInfo>
-
-Q_LOGGING_CATEGORY(lcMqttIn, "mqttIn")
 
 namespace {
 

@@ -1,12 +1,9 @@
 #include "opcua.h"
+#include "opcualogging.h"
 
 #include "opcuaconnection.h"
 
 #include <QLoggingCategory>
-
-Q_LOGGING_CATEGORY(lcOpcUa, "opcua")
-// open62541's own lines: its internals, off unless asked for with opcua.library.debug=true.
-Q_LOGGING_CATEGORY(lcOpcUaLibrary, "opcua.library")
 
 namespace {
 

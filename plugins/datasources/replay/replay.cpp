@@ -1,12 +1,11 @@
 #include "replay.h"
+#include "replaylogging.h"
 
 #include <QJsonValue>
 #include <QLoggingCategory>
 
 #include <cstring>
 #include <limits>
-
-Q_LOGGING_CATEGORY(lcReplay, "replay")
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "simulator.h"
+#include "simulatorlogging.h"
 
 #include "conditiondefinitionsv2.h"
 #include "simulatedmachine.h"
@@ -10,8 +11,6 @@
 
 #include <optional>
 #include <type_traits>
-
-Q_LOGGING_CATEGORY(lcSimulator, "simulator")
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "jsonl.h"
+#include "jsonllogging.h"
 
 #include "datasetcodec.h"
 
@@ -13,8 +14,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-
-Q_LOGGING_CATEGORY(lcJsonl, "jsonl")
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "mqttout.h"
+#include "mqttoutlogging.h"
 
 #include "datasetcodec.h"
 #include "mqttspool.h"
@@ -7,8 +8,6 @@
 #include <QSysInfo>
 
 #include <limits>
-
-Q_LOGGING_CATEGORY(lcMqttOut, "mqttOut")
 
 namespace {
 

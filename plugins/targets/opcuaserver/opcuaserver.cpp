@@ -1,4 +1,5 @@
 #include "opcuaserver.h"
+#include "opcuaserverlogging.h"
 
 #include "opcuaserverhost.h"
 #include "opcuasupport.h"
@@ -9,8 +10,6 @@
 
 #include <QFile>
 #include <QLoggingCategory>
-
-Q_LOGGING_CATEGORY(lcOpcUaServer, "opcuaServer")
 
 namespace {
 

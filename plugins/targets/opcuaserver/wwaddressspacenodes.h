@@ -3,12 +3,11 @@
 
 #include <QByteArray>
 #include <QDateTime>
-#include <QLoggingCategory>
 
 #include <open62541/nodeids.h>
 #include <open62541/types.h>
 
-Q_DECLARE_LOGGING_CATEGORY(lcOpcUaServer)
+#include "opcuaserverlogging.h"
 
 // Small helpers of the address space's code, for values the library takes without copying.
 

@@ -1,4 +1,5 @@
 #include "sparkplug.h"
+#include "sparkpluglogging.h"
 
 #include "mqttspool.h"
 #include "sparkplugdevice.h"
@@ -10,8 +11,6 @@
 #include <QSysInfo>
 
 #include <limits>
-
-Q_LOGGING_CATEGORY(lcSparkplug, "sparkplug")
 
 namespace {
 

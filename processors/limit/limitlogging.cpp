@@ -1,3 +1,0 @@
-#include "limitlogging.h"
-
-Q_LOGGING_CATEGORY(lcLimit, "limit")

@@ -1,3 +1,0 @@
-#include "mmtoopcuamapperlogging.h"
-
-Q_LOGGING_CATEGORY(lcMmToOpcUaMapper, "mmtoopcuamapper")

@@ -1,8 +1,0 @@
-#ifndef ORVIX_MMTOOPCUAMAPPERLOGGING_H
-#define ORVIX_MMTOOPCUAMAPPERLOGGING_H
-
-#include <QLoggingCategory>
-
-Q_DECLARE_LOGGING_CATEGORY(lcMmToOpcUaMapper)
-
-#endif

@@ -1,3 +1,0 @@
-#include "opcuatommmapperlogging.h"
-
-Q_LOGGING_CATEGORY(lcOpcUaToMMMapper, "opcuatommmapper")

@@ -1,8 +1,0 @@
-#ifndef ORVIX_OPCUATOMMMAPPERLOGGING_H
-#define ORVIX_OPCUATOMMMAPPERLOGGING_H
-
-#include <QLoggingCategory>
-
-Q_DECLARE_LOGGING_CATEGORY(lcOpcUaToMMMapper)
-
-#endif

@@ -1,3 +1,0 @@
-#include "unitoverwritelogging.h"
-
-Q_LOGGING_CATEGORY(lcUnitOverwrite, "unitOverwrite")

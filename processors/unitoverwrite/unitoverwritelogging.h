@@ -1,8 +1,0 @@
-#ifndef ORVIX_UNITOVERWRITELOGGING_H
-#define ORVIX_UNITOVERWRITELOGGING_H
-
-#include <QLoggingCategory>
-
-Q_DECLARE_LOGGING_CATEGORY(lcUnitOverwrite)
-
-#endif

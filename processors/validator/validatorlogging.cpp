@@ -1,3 +1,0 @@
-#include "validatorlogging.h"
-
-Q_LOGGING_CATEGORY(lcValidator, "validator")

@@ -1,3 +1,0 @@
-#include "xmloverwritelogging.h"
-
-Q_LOGGING_CATEGORY(lcXmlOverwrite, "xmlOverwrite")

@@ -1,8 +1,0 @@
-#ifndef ORVIX_XMLOVERWRITELOGGING_H
-#define ORVIX_XMLOVERWRITELOGGING_H
-
-#include <QLoggingCategory>
-
-Q_DECLARE_LOGGING_CATEGORY(lcXmlOverwrite)
-
-#endif

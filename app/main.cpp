@@ -11,6 +11,7 @@ int main(int argc, char *argv[])
         return 0;
     }
 
+    ServiceStart::pinTimeZone();
     QCoreApplication app(argc, argv);
     ServiceStart::nameApplication();
     ServiceStart::createCore(app);

@@ -5,7 +5,19 @@
 #include "watchdog.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QTimer>
+
+#include <ctime>
+
+void ServiceStart::pinTimeZone(const QString &zoneFile)
+{
+    if (qEnvironmentVariableIsSet("TZ") || !QFileInfo(zoneFile).isFile())
+        return;
+    // The leading colon names a file; Qt reads ":/etc/localtime" as the system's zone, as it does an unset TZ.
+    qputenv("TZ", ":" + QFile::encodeName(zoneFile));
+    tzset();
+}
 
 void ServiceStart::nameApplication()
 {

@@ -10,6 +10,13 @@ class QCoreApplication;
 class ServiceStart
 {
 public:
+    /**
+     * Points TZ at zoneFile when TZ is unset and the file exists, before anything reads the time zone. With TZ unset
+     * the C library looks at /etc/localtime again (a stat) at every conversion to or from local time; with TZ naming
+     * the file it reads the zone once. A change of the system's time zone then takes effect at the next start.
+     */
+    static void pinTimeZone(const QString &zoneFile = QStringLiteral("/etc/localtime"));
+
     /** Names the application: organisation "Brennick", application "orvix", version "dev". */
     static void nameApplication();
 

@@ -1,6 +1,7 @@
 #include "datasetcodec.h"
 
 #include "jsondom.h"
+#include "namecache.h"
 #include "recordreaders.h"
 #include "typeregistry.h"
 
@@ -33,6 +34,25 @@ template <typename Object> bool readEnvelopeString(const Object &object, const c
     *out = value.toString();
     if (out->isNull())
         *out = QLatin1String("");
+    return true;
+}
+
+/**
+ * The same from the parsed line, the text shared with the earlier datasets of this thread that named the same machine
+ * or source: a name is made once, not once per dataset, and the processors' look-ups by name compare pointers.
+ */
+bool readEnvelopeString(const DomObject &object, const char *key, QString *out, QString *error)
+{
+    const DomValue value = object.value(QLatin1String(key));
+    if (value.isUndefined() || value.isNull()) {
+        *out = QString();
+        return true;
+    }
+    if (!value.isString())
+        return fail(error, QStringLiteral("\"%1\" must be a string or null").arg(QLatin1String(key)));
+    thread_local NameCache names;
+    const std::string_view utf8 = value.utf8();
+    *out = names.intern(utf8.data(), int(utf8.size()));
     return true;
 }
 

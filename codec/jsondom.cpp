@@ -135,12 +135,16 @@ int DomArray::size() const
     return size;
 }
 
-DomObject::DomObject(simdjson::dom::object object)
+const QVarLengthArray<DomObject::Field, 40> &DomObject::fields() const
 {
-    for (auto it = object.begin(), end = object.end(); it != end; ++it) {
+    if (m_gathered || !m_valid)
+        return m_fields;
+    m_gathered = true;
+    for (auto it = m_object.begin(), end = m_object.end(); it != end; ++it) {
         m_fields.append({ it.key_c_str(), it.key_length(), it.value() });
         m_keyMarks |= keyMark(it.key_c_str(), it.key_length());
     }
+    return m_fields;
 }
 
 DomObject::const_iterator DomObject::search(QLatin1String key) const
@@ -156,6 +160,27 @@ DomObject::const_iterator DomObject::search(QLatin1String key) const
         }
     }
     return constEnd();
+}
+
+void FieldKeys::add(const char *key, size_t size)
+{
+    m_keys.emplace_back(key, size);
+    rebuild();
+}
+
+void FieldKeys::rebuild()
+{
+    size_t size = 2;
+    while (size < 2 * m_keys.size())
+        size *= 2;
+    m_slots.assign(size, -1);
+    const size_t mask = size - 1;
+    for (size_t index = 0; index < m_keys.size(); ++index) {
+        size_t slot = hash(m_keys[index].data(), m_keys[index].size()) & mask;
+        while (m_slots[slot] >= 0)
+            slot = (slot + 1) & mask;
+        m_slots[slot] = int(index);
+    }
 }
 
 } // namespace CodecDetail

@@ -15,7 +15,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace CodecDetail {
 
@@ -57,10 +59,11 @@ public:
     /** The same value as Qt's reader gives it. */
     QJsonValue toJsonValue() const;
 
+    /** Whether Qt's reader holds this number as an integer, and which: toVariant() gives a qlonglong then. */
+    bool integer(qint64 *value) const;
+
 private:
     bool is(simdjson::dom::element_type type) const { return m_defined && m_element.type() == type; }
-    /** Whether Qt's reader holds this number as an integer, and which. */
-    bool integer(qint64 *value) const;
 
     simdjson::dom::element m_element;
     bool m_defined = false;
@@ -109,9 +112,10 @@ private:
 };
 
 /**
- * The keys of an object, gathered once into a flat table. Looking a key up starts after the last one found, because
- * the records' readers ask for their fields in the order the writer put them; a key that is not there is mostly known
- * to be missing from a summary of the keys' lengths and last characters, without comparing it with each.
+ * The keys of an object, gathered into a flat table when first asked for. Looking a key up starts after the last one
+ * found, because the records' readers ask for their fields in the order the writer put them; a key that is not there
+ * is mostly known to be missing from a summary of the keys' lengths and last characters, without comparing it with
+ * each. The record readers walk the object itself instead (forEachField), once, without the table.
  */
 class DomObject
 {
@@ -124,7 +128,11 @@ class DomObject
 
 public:
     DomObject() = default;
-    explicit DomObject(simdjson::dom::object object);
+    explicit DomObject(simdjson::dom::object object)
+        : m_object(object)
+        , m_valid(true)
+    {
+    }
 
     class const_iterator
     {
@@ -147,17 +155,18 @@ public:
         const Field *m_field;
     };
 
-    const_iterator constBegin() const { return const_iterator(m_fields.constData()); }
-    const_iterator constEnd() const { return const_iterator(m_fields.constData() + m_fields.size()); }
+    const_iterator constBegin() const { return const_iterator(fields().constData()); }
+    const_iterator constEnd() const { return const_iterator(fields().constData() + m_fields.size()); }
     const_iterator constFind(QLatin1String key) const
     {
+        const QVarLengthArray<Field, 40> &all = fields();
         if (!(m_keyMarks & keyMark(key.data(), size_t(key.size()))))
             return constEnd();
         // Mostly the key after the last one found.
-        if (m_next < m_fields.size()) {
-            const Field &field = m_fields[m_next];
+        if (m_next < all.size()) {
+            const Field &field = all[m_next];
             if (field.size == quint32(key.size()) && std::memcmp(field.key, key.data(), field.size) == 0) {
-                m_next = m_next + 1 == m_fields.size() ? 0 : m_next + 1;
+                m_next = m_next + 1 == all.size() ? 0 : m_next + 1;
                 return const_iterator(&field);
             }
         }
@@ -169,18 +178,73 @@ public:
         return it == constEnd() ? DomValue() : it.value();
     }
 
+    /** Calls visit(key, size, value) for every field of the object, in its order. */
+    template <typename Visitor> void forEachField(Visitor &&visit) const
+    {
+        if (!m_valid)
+            return;
+        for (auto it = m_object.begin(), end = m_object.end(); it != end; ++it)
+            visit(it.key_c_str(), size_t(it.key_length()), DomValue(it.value()));
+    }
+
 private:
+    const QVarLengthArray<Field, 40> &fields() const;
     const_iterator search(QLatin1String key) const;
     static quint64 keyMark(const char *key, size_t size)
     {
         return size == 0 ? 1 : quint64(1) << ((size * 7 + uchar(key[size - 1])) & 63);
     }
 
+    simdjson::dom::object m_object;
     // A value that is not an object reads as an empty one, as in Qt.
-    QVarLengthArray<Field, 40> m_fields;
+    bool m_valid = false;
+    mutable bool m_gathered = false;
+    mutable QVarLengthArray<Field, 40> m_fields;
     // One bit per key, from keyMark(): a key whose bit is clear is not in the object.
-    quint64 m_keyMarks = 0;
+    mutable quint64 m_keyMarks = 0;
     mutable int m_next = 0;
+};
+
+/**
+ * The keys of a record type's fields, each with its index, found from a key's bytes with one hash: a condition value's
+ * field has two keys, its own and the one of its type (the field name followed by "Type"). Built once per type.
+ */
+class FieldKeys
+{
+public:
+    /** Adds a key; its index is the number of keys added before it. */
+    void add(const char *key, size_t size);
+    /** The index of the key, or -1. */
+    int find(const char *key, size_t size) const
+    {
+        const size_t mask = m_slots.size() - 1;
+        for (size_t slot = hash(key, size) & mask;; slot = (slot + 1) & mask) {
+            const int index = m_slots[slot];
+            if (index < 0)
+                return -1;
+            const std::string &known = m_keys[size_t(index)];
+            if (known.size() == size && std::memcmp(known.data(), key, size) == 0)
+                return index;
+        }
+    }
+    int count() const { return int(m_keys.size()); }
+
+private:
+    /** From the length and four characters: the field names of one record differ there. */
+    static size_t hash(const char *key, size_t size)
+    {
+        if (size == 0)
+            return 0;
+        size_t h = size;
+        for (size_t at : { size_t(0), size - 1, size / 2, size / 3 })
+            h = h * 131 + uchar(key[at]);
+        return h ^ (h >> 7);
+    }
+    void rebuild();
+
+    std::vector<std::string> m_keys;
+    // Open addressing over at least twice as many slots as keys: -1 free, otherwise a key's index.
+    std::vector<int> m_slots { -1, -1 };
 };
 
 /** How a strictly checked line is to be read. */

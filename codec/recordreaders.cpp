@@ -201,19 +201,26 @@ bool readVariant(const Object &object, const char *field, const char *record, QV
     const auto valueIt = object.constFind(QLatin1String(field));
     if (valueIt == object.constEnd())
         return true;
-    const auto json = valueIt.value();
     QVarLengthArray<char, 64> typeKey;
     typeKey.append(field, int(qstrlen(field)));
     typeKey.append("Type", 4);
-    const QLatin1String typeField(typeKey.constData(), typeKey.size());
-    const auto typeIt = object.constFind(typeField);
+    // Undefined when the object has no such key.
+    const auto type = object.value(QLatin1String(typeKey.constData(), typeKey.size()));
+    return readVariantOf(valueIt.value(), type, field, record, out, error);
+}
 
-    if (typeIt == object.constEnd()) {
+template <typename Json>
+bool readVariantOf(
+    const Json &json, const Json &type, const char *field, const char *record, QVariant *out, QString *error)
+{
+    if (json.isUndefined())
+        return true;
+    if (type.isUndefined()) {
         if (json.isBool()) {
             *out = json.toBool();
         } else if (json.isDouble()) {
-            const QVariant exact = json.toVariant();
-            *out = exact.userType() == QMetaType::LongLong ? exact : QVariant(json.toDouble());
+            qint64 whole = 0;
+            *out = wholeNumber(json, &whole) ? QVariant(qlonglong(whole)) : QVariant(json.toDouble());
         } else if (json.isString()) {
             *out = json.toString();
         } else if (json.isNull()) {
@@ -225,21 +232,22 @@ bool readVariant(const Object &object, const char *field, const char *record, QV
         return true;
     }
 
-    if (!typeIt.value().isString()) {
+    const QString typeField = QLatin1String(field) + QLatin1String("Type");
+    if (!type.isString()) {
         *error = QStringLiteral("field \"%1\" of %2 must be a string").arg(typeField, QLatin1String(record));
         return false;
     }
-    const QString typeName = typeIt.value().toString();
-    const int type = QMetaType::type(typeName.toLatin1().constData());
-    if (type == QMetaType::UnknownType) {
+    const QString typeName = type.toString();
+    const int typeId = QMetaType::type(typeName.toLatin1().constData());
+    if (typeId == QMetaType::UnknownType) {
         *error = QStringLiteral("field \"%1\" of %2 names the unknown type \"%3\"")
                      .arg(typeField, QLatin1String(record), typeName);
         return false;
     }
-    if (const auto read = typedReader<std::decay_t<decltype(json)>>(type))
+    if (const auto read = typedReader<Json>(typeId))
         return read(json, out, field, record, error);
     QVariant value = json.toVariant();
-    if (!value.convert(type)) {
+    if (!value.convert(typeId)) {
         *error = fieldProblem(field, record, QStringLiteral("cannot be read as %1").arg(typeName));
         return false;
     }
@@ -255,5 +263,7 @@ template bool readDateTime(const QJsonValue &, QDateTime *, const char *, const 
 template bool readDateTime(const DomValue &, QDateTime *, const char *, const char *, QString *);
 template bool readVariant(const QJsonObject &, const char *, const char *, QVariant *, QString *);
 template bool readVariant(const DomObject &, const char *, const char *, QVariant *, QString *);
+template bool readVariantOf(const QJsonValue &, const QJsonValue &, const char *, const char *, QVariant *, QString *);
+template bool readVariantOf(const DomValue &, const DomValue &, const char *, const char *, QVariant *, QString *);
 
 } // namespace CodecDetail

@@ -16,7 +16,9 @@
 #include <QVariant>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <string>
 #include <vector>
 
 namespace CodecDetail {
@@ -45,7 +47,27 @@ bool readDateTime(const Json &json, QDateTime *out, const char *field, const cha
 template <typename Object>
 bool readVariant(const Object &object, const char *field, const char *record, QVariant *out, QString *error);
 
+/** The same from the two values, each undefined when its key is not there. */
+template <typename Json>
+bool readVariantOf(
+    const Json &json, const Json &type, const char *field, const char *record, QVariant *out, QString *error);
+
+/** Whether Qt's reader holds the number as an integer, and which. */
+inline bool wholeNumber(const QJsonValue &json, qint64 *value)
+{
+    const QVariant exact = json.toVariant();
+    if (exact.userType() != QMetaType::LongLong)
+        return false;
+    *value = exact.toLongLong();
+    return true;
+}
+inline bool wholeNumber(const DomValue &json, qint64 *value)
+{
+    return json.integer(value);
+}
+
 template <typename Record, typename Object> bool readRecord(const Object &object, Record *out, QString *error);
+template <typename Record> bool readRecord(const DomObject &object, Record *out, QString *error);
 
 template <typename T, typename Json>
 bool readInteger(const Json &json, T *out, const char *field, const char *record, QString *error)
@@ -60,9 +82,8 @@ bool readInteger(const Json &json, T *out, const char *field, const char *record
         else if (!text.startsWith(QLatin1Char('-')))
             wide = text.toULongLong(&ok, 10);
     } else if (json.isDouble()) {
-        const QVariant exact = json.toVariant();
-        if (exact.userType() == QMetaType::LongLong) {
-            const qint64 value = exact.toLongLong();
+        qint64 value = 0;
+        if (wholeNumber(json, &value)) {
             ok = std::is_signed_v<T> || value >= 0;
             wide = Wide(value);
         } else {
@@ -191,6 +212,26 @@ template <typename Record> const std::vector<QLatin1String> &fieldKeys()
     return keys;
 }
 
+/** Reads one field of a record that is not a condition value from its JSON value, which is there. */
+template <typename Record, typename Field, typename Json>
+bool readField(const Json &json, Field *out, const char *name, QString *error)
+{
+    if constexpr (IsOptional<Field>::value) {
+        using Value = typename Field::value_type;
+        // Numbers and flags have no null form, so for them null reads as absent.
+        constexpr bool hasNullForm = std::is_same_v<Value, QString> || std::is_same_v<Value, QDateTime>;
+        if (!hasNullForm && json.isNull())
+            return true;
+        Value value {};
+        if (!readValue(json, &value, name, recordName<Record>, error))
+            return false;
+        *out = std::move(value);
+        return true;
+    } else {
+        return readValue(json, out, name, recordName<Record>, error);
+    }
+}
+
 template <typename Record, typename Object> bool readRecord(const Object &object, Record *out, QString *error)
 {
     // Filled into a copy, so that a failure leaves nothing half done; missing keys keep the defaults.
@@ -207,25 +248,63 @@ template <typename Record, typename Object> bool readRecord(const Object &object
             ok = readVariant(object, name, recordName<Record>, &(record.*member), error);
         } else {
             const auto it = object.constFind(key);
-            if (it == object.constEnd())
-                return;
-            if constexpr (IsOptional<Field>::value) {
-                using Value = typename Field::value_type;
-                // Numbers and flags have no null form, so for them null reads as absent.
-                constexpr bool hasNullForm = std::is_same_v<Value, QString> || std::is_same_v<Value, QDateTime>;
-                if (!hasNullForm && it.value().isNull())
-                    return;
-                Value value {};
-                ok = readValue(it.value(), &value, name, recordName<Record>, error);
-                if (ok)
-                    record.*member = value;
-            } else {
-                ok = readValue(it.value(), &(record.*member), name, recordName<Record>, error);
-            }
+            if (it != object.constEnd())
+                ok = readField<Record>(it.value(), &(record.*member), name, error);
         }
     });
     if (ok)
-        *out = record;
+        *out = std::move(record);
+    return ok;
+}
+
+/**
+ * A record's keys for the parsed line: each field's key in the order of visitFields, a condition value's followed by
+ * its type key. Built once per record type.
+ */
+template <typename Record> const FieldKeys &parsedKeys()
+{
+    static const FieldKeys keys = [] {
+        FieldKeys table;
+        Record::visitFields([&](const char *name, auto member) {
+            table.add(name, std::strlen(name));
+            using Field = std::decay_t<decltype(std::declval<Record>().*member)>;
+            if constexpr (std::is_same_v<Field, QVariant>)
+                table.add((std::string(name) + "Type").data(), std::strlen(name) + 4);
+        });
+        return table;
+    }();
+    return keys;
+}
+
+/**
+ * Reads a record from the parsed line as the general reader does, with the same result and the same first problem:
+ * the object's fields are walked once and each key found by its hash, instead of each field's key looked for.
+ */
+template <typename Record> bool readRecord(const DomObject &object, Record *out, QString *error)
+{
+    const FieldKeys &keys = parsedKeys<Record>();
+    QVarLengthArray<DomValue, 64> values(keys.count());
+    object.forEachField([&](const char *key, size_t size, const DomValue &value) {
+        const int index = keys.find(key, size);
+        if (index >= 0)
+            values[index] = value;
+    });
+    Record record {};
+    bool ok = true;
+    int index = 0;
+    Record::visitFields([&](const char *name, auto member) {
+        using Field = std::decay_t<decltype(record.*member)>;
+        const int at = index;
+        index += std::is_same_v<Field, QVariant> ? 2 : 1;
+        if (!ok)
+            return;
+        if constexpr (std::is_same_v<Field, QVariant>)
+            ok = readVariantOf(values[at], values[at + 1], name, recordName<Record>, &(record.*member), error);
+        else if (!values[at].isUndefined())
+            ok = readField<Record>(values[at], &(record.*member), name, error);
+    });
+    if (ok)
+        *out = std::move(record);
     return ok;
 }
 

@@ -37,7 +37,7 @@ template <typename Record> void Registry::add()
     const TypeEntry entry = entryFor<Record>();
     byId.insert(qMetaTypeId<Record>(), entry);
     byName.insert(QLatin1String(entry.name), entry);
-    byNameBytes.insert(QByteArray(entry.name), entry);
+    byNameBytes.emplace(std::string_view(entry.name), entry);
 }
 
 const Registry &registry()

@@ -13,6 +13,9 @@
 #include <QString>
 #include <QVariant>
 
+#include <string_view>
+#include <unordered_map>
+
 namespace CodecDetail {
 
 /** One known type: its name in the JSON form, and how its value is written and read. */
@@ -36,8 +39,9 @@ struct Registry
 {
     QHash<int, TypeEntry> byId;
     QHash<QString, TypeEntry> byName;
-    // The same by the name's bytes, which the parsed line has without a text made of them.
-    QHash<QByteArray, TypeEntry> byNameBytes;
+    // The same by the name's bytes, which the parsed line has without a text made of them; the names are the
+    // record types' own, which live as long as the program.
+    std::unordered_map<std::string_view, TypeEntry> byNameBytes;
 
     template <typename Record> void add();
 
@@ -49,9 +53,8 @@ struct Registry
     }
     const TypeEntry *find(const DomValue &name) const
     {
-        const std::string_view bytes = name.utf8();
-        const auto it = byNameBytes.constFind(QByteArray::fromRawData(bytes.data(), int(bytes.size())));
-        return it == byNameBytes.constEnd() ? nullptr : &it.value();
+        const auto it = byNameBytes.find(name.utf8());
+        return it == byNameBytes.end() ? nullptr : &it->second;
     }
 };
 

@@ -14,7 +14,7 @@ packages=(
     libmosquitto-dev mosquitto openssl
     libprotobuf-c-dev protobuf-c-compiler
     libsimdjson-dev
-    util-linux mount
+    util-linux mount tzdata
     libsystemd-dev
     prometheus-cpp-dev prometheus
     debhelper lintian systemd

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -237,9 +238,8 @@ bool Replay::readDataset(qint64 *pause)
             continue;
         }
         ++m_datasetsThisPass;
-        m_pending = dataset;
-        m_pending.machine = m_names.intern(m_pending.machine);
-        m_pending.source = m_names.intern(m_pending.source);
+        // The codec hands out one shared text per machine and source name.
+        m_pending = std::move(dataset);
         // The first dataset goes out at once; the interval is the pause between two.
         *pause = !delay.isUndefined() ? qint64(delay.toDouble()) : m_sent == 0 ? 0 : m_interval;
         return true;

@@ -3,7 +3,6 @@
 
 #include "datasetcodec.h"
 #include "idatasource.h"
-#include "namecache.h"
 #include "settingsgroup.h"
 
 #include <QDateTime>
@@ -66,9 +65,6 @@ private:
     qint64 m_sent = 0;
     qint64 m_datasetsThisPass = 0;
     DatasetCodec::Dataset m_pending;
-    // The machine and source names of a recording repeat: the datasets share their texts, which the processors then
-    // compare without looking at their characters.
-    NameCache m_names;
 };
 
 #endif

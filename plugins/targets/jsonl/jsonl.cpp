@@ -140,14 +140,19 @@ int Jsonl::writeWholeLines(int *error)
     const bool regular = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     const qint64 offset = regular ? qint64(info.st_size) : 0;
     const qint64 size = m_batch.size();
+    const char *const batch = m_batch.constData();
+    // The end of the line that starts at from, its line feed included; every line of the batch ends in one.
+    const auto lineEnd = [batch, size](qint64 from) {
+        return qint64(static_cast<const char *>(std::memchr(batch + from, '\n', size_t(size - from))) - batch) + 1;
+    };
     qint64 written = 0;
     while (written < size) {
         // The first line always; more while they fit in the page of the file that it starts in.
-        qint64 end = m_batch.indexOf('\n', int(written)) + 1;
+        qint64 end = lineEnd(written);
         if (regular) {
             const qint64 room = PageBytes - (offset + written) % PageBytes;
             while (end < size) {
-                const qint64 next = m_batch.indexOf('\n', int(end)) + 1;
+                const qint64 next = lineEnd(end);
                 if (next - written > room)
                     break;
                 end = next;
@@ -156,7 +161,7 @@ int Jsonl::writeWholeLines(int *error)
             end = size;
         }
         while (written < end) {
-            const ssize_t count = ::write(fd, m_batch.constData() + written, size_t(end - written));
+            const ssize_t count = ::write(fd, batch + written, size_t(end - written));
             if (count > 0) {
                 written += count;
             } else if (count < 0 && errno == EINTR) {

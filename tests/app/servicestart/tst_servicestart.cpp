@@ -6,6 +6,8 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <ctime>
+
 class tst_ServiceStart : public QObject
 {
     Q_OBJECT
@@ -13,7 +15,29 @@ class tst_ServiceStart : public QObject
 private slots:
     void namesTheApplication();
     void finishedCoreEndsTheEventLoop();
+    void timeZonePinnedToTheZoneFile();
+    void timeZoneOfTheEnvironmentKept();
+    void timeZoneLeftUnsetWithoutZoneFile();
+    void cleanup();
 };
+
+namespace {
+
+// A zone that is never UTC, whatever zone the machine running the tests has: one hour ahead in January.
+const char BerlinZone[] = "/usr/share/zoneinfo/Europe/Berlin";
+
+int januaryOffset()
+{
+    return QDateTime(QDate(2024, 1, 15), QTime(12, 0), Qt::LocalTime).offsetFromUtc();
+}
+
+} // namespace
+
+void tst_ServiceStart::cleanup()
+{
+    qunsetenv("TZ");
+    tzset();
+}
 
 void tst_ServiceStart::namesTheApplication()
 {
@@ -46,6 +70,36 @@ void tst_ServiceStart::finishedCoreEndsTheEventLoop()
     QVERIFY(ran);
     delete core;
     qunsetenv("ORVIX_PLUGINPATH");
+}
+
+void tst_ServiceStart::timeZonePinnedToTheZoneFile()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString zoneFile = dir.filePath(QStringLiteral("localtime"));
+    QVERIFY(QFile::copy(QString::fromLatin1(BerlinZone), zoneFile));
+    qunsetenv("TZ");
+    ServiceStart::pinTimeZone(zoneFile);
+    QCOMPARE(qgetenv("TZ"), ":" + QFile::encodeName(zoneFile));
+    // Local time follows the file the variable names, so the service keeps the zone the machine is set to.
+    QCOMPARE(januaryOffset(), 3600);
+}
+
+void tst_ServiceStart::timeZoneOfTheEnvironmentKept()
+{
+    qputenv("TZ", "UTC0");
+    ServiceStart::pinTimeZone(QString::fromLatin1(BerlinZone));
+    QCOMPARE(qgetenv("TZ"), QByteArray("UTC0"));
+    QCOMPARE(januaryOffset(), 0);
+}
+
+void tst_ServiceStart::timeZoneLeftUnsetWithoutZoneFile()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    qunsetenv("TZ");
+    ServiceStart::pinTimeZone(dir.filePath(QStringLiteral("missing")));
+    QVERIFY(!qEnvironmentVariableIsSet("TZ"));
 }
 
 QTEST_GUILESS_MAIN(tst_ServiceStart)

@@ -193,6 +193,7 @@ private slots:
     void strictReaderReadsAsQt();
     void extraKeyReadsAsQt_data();
     void extraKeyReadsAsQt();
+    void decodedNamesShareTheirText();
 };
 
 void tst_DatasetCodec::knowsEveryType()
@@ -959,6 +960,38 @@ void tst_DatasetCodec::extraKeyReadsAsQt()
     QCOMPARE(extra.type(), expected.type());
     QCOMPARE(extra, expected);
     QCOMPARE(extra.toVariant().userType(), expected.toVariant().userType());
+}
+
+void tst_DatasetCodec::decodedNamesShareTheirText()
+{
+    const auto decode = [](const QByteArray &machine, const QByteArray &source) {
+        DatasetCodec::Dataset dataset;
+        QString error;
+        const bool ok = DatasetCodec::decodeLine(R"({"timestamp":null,"machine":)" + machine + R"(,"source":)" + source
+                + R"(,"type":"StateV1","data":{"state":2}})",
+            &dataset, &error);
+        return ok ? dataset : DatasetCodec::Dataset { QDateTime(), QStringLiteral("failed: ") + error, {}, {} };
+    };
+    // A machine's datasets share one text for its name and one for its source, so that a name is made once.
+    const DatasetCodec::Dataset first = decode(R"("m1")", R"("opcua")");
+    const DatasetCodec::Dataset second = decode(R"("m1")", R"("opcua")");
+    QCOMPARE(first.machine, QStringLiteral("m1"));
+    QVERIFY(second.machine.isSharedWith(first.machine));
+    QVERIFY(second.source.isSharedWith(first.source));
+    const DatasetCodec::Dataset saw = decode(R"("S\u00e4ge \/ 1")", R"("s")");
+    QCOMPARE(saw.machine, QString::fromUtf8("S\xc3\xa4ge / 1"));
+    QVERIFY(decode(R"("S\u00e4ge \/ 1")", R"("s")").machine.isSharedWith(saw.machine));
+    // Empty and null stay apart.
+    const DatasetCodec::Dataset empty = decode(R"("")", "null");
+    QVERIFY(empty.machine.isEmpty() && !empty.machine.isNull());
+    QVERIFY(empty.source.isNull());
+    // More names than the shared texts have room for: each still reads as itself, whatever it displaced.
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 6000; ++i) {
+            const QByteArray name = "machine-" + QByteArray::number(i);
+            QCOMPARE(decode('"' + name + '"', R"("s")").machine, QString::fromLatin1(name));
+        }
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_DatasetCodec)

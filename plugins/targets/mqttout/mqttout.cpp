@@ -104,10 +104,7 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
                              .arg(options.host + QLatin1Char(':') + QString::number(options.port), options.clientId,
                                  folder)
                              .arg(m_spool->count());
-    // What an earlier run left is at least as old as this start.
-    m_clock.start();
-    if (m_spool->count() > 0)
-        m_appendTimes.emplace_back(m_spool->headSequence(), 0);
+    m_spoolAge.start(*m_spool);
     m_connection.setOptions(options);
     m_connection.setStatusTopic(statusTopic);
     m_connection.setReconnectDelays(m_initialDelay, m_maximumDelay);
@@ -136,30 +133,17 @@ QList<IMetricsProvider::Value> MqttOut::metricsValues() const
 {
     if (!m_spool)
         return {};
-    // Entries whose records have all left the spool are forgotten; the first one left holds the oldest record.
-    const quint64 head = m_spool->headSequence();
-    while (!m_appendTimes.empty()
-        && (m_spool->count() == 0 || (m_appendTimes.size() > 1 && m_appendTimes[1].first <= head)))
-        m_appendTimes.pop_front();
-    const double oldestAge = m_appendTimes.empty() ? 0 : (m_clock.elapsed() - m_appendTimes.front().second) / 1000.0;
-
     Value records { "orvix_mqttout_spool_records", "Datasets in mqttOut's spool that the broker does not have yet.",
         false, double(m_spool->count()), {} };
     Value bytes { "orvix_mqttout_spool_bytes", "Bytes of those datasets in the spool's files.", false,
         double(m_spool->bytes()), {} };
     Value age { "orvix_mqttout_spool_oldest_age_seconds",
-        "Seconds the oldest dataset in the spool has waited, 0 when it is empty.", false, oldestAge, {} };
+        "Seconds the oldest dataset in the spool has waited, 0 when it is empty.", false,
+        m_spoolAge.oldestSeconds(*m_spool), {} };
     Value dropped { "orvix_mqttout_dropped_total",
         "Datasets mqttOut dropped: unusable, not writable to the spool or pushed out of a full one.", true,
         double(m_dropped), {} };
     return { records, bytes, age, dropped };
-}
-
-void MqttOut::noteAppended()
-{
-    const qint64 now = m_clock.elapsed();
-    if (m_appendTimes.empty() || now - m_appendTimes.back().second >= 1000)
-        m_appendTimes.emplace_back(m_spool->nextSequence() - 1, now);
 }
 
 void MqttOut::setReconnectDelays(int initialMs, int maximumMs)
@@ -205,7 +189,7 @@ void MqttOut::processData(
         return;
     }
     m_spoolError.clear();
-    noteAppended();
+    m_spoolAge.appended(*m_spool);
     if (dropped > 0) {
         // Said once when dropping starts; the count follows when the spool has room again.
         if (m_droppedWhileFull == 0)

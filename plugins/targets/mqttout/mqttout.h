@@ -5,10 +5,10 @@
 #include "itarget.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
+#include "spoolage.h"
 
 #include <QByteArray>
 #include <QDateTime>
-#include <QElapsedTimer>
 #include <QHash>
 #include <QObject>
 #include <QSet>
@@ -17,9 +17,7 @@
 #include <QVariant>
 #include <QVector>
 
-#include <deque>
 #include <memory>
-#include <utility>
 
 class MqttSpool;
 
@@ -71,7 +69,6 @@ private:
     void reportSpoolRoom();
     void confirm(int mid, int reasonCode);
     void connectionLost();
-    void noteAppended();
 
     MqttConnection m_connection;
     std::unique_ptr<MqttSpool> m_spool;
@@ -90,9 +87,7 @@ private:
     qint64 m_droppedWhileFull = 0;
     // Datasets that will never reach the broker: unusable, unwritable or pushed out of a full spool.
     quint64 m_dropped = 0;
-    // When records were appended, one entry a second at most: the first sequence of each second and its time.
-    mutable std::deque<std::pair<quint64, qint64>> m_appendTimes;
-    QElapsedTimer m_clock;
+    mutable SpoolAge m_spoolAge;
 };
 
 #endif

@@ -142,6 +142,7 @@ bool Sparkplug::init(const QVariantMap &config, QVariantMap &)
     m_store = std::move(store);
     m_spool = std::move(spool);
     m_spoolMaxBytes = qint64(maxBytes);
+    m_spoolAge.start(*m_spool);
     // The devices an earlier run knew are born again with their aliases, so that what waits in the spool still fits.
     for (const QString &machine : m_store->machines())
         deviceFor(machine);
@@ -164,6 +165,44 @@ bool Sparkplug::init(const QVariantMap &config, QVariantMap &)
 QString Sparkplug::name() const
 {
     return QStringLiteral("sparkplug");
+}
+
+QList<IMetricsProvider::Connection> Sparkplug::metricsConnections() const
+{
+    if (!m_spool)
+        return {};
+    Connection connection;
+    connection.name = m_connection.address();
+    connection.up = m_connection.isConnected();
+    connection.starting = !connection.up && m_connection.failures() <= 1;
+    connection.reconnects = m_connection.reconnects();
+    return { connection };
+}
+
+QList<IMetricsProvider::Value> Sparkplug::metricsValues() const
+{
+    if (!m_spool)
+        return {};
+    Value records { "orvix_sparkplug_spool_records",
+        "Device messages in sparkplug's spool that the broker does not have yet.", false, double(m_spool->count()),
+        {} };
+    Value bytes { "orvix_sparkplug_spool_bytes", "Bytes of those messages in the spool's files.", false,
+        double(m_spool->bytes()), {} };
+    Value age { "orvix_sparkplug_spool_oldest_age_seconds",
+        "Seconds the oldest message in the spool has waited, 0 when it is empty.", false,
+        m_spoolAge.oldestSeconds(*m_spool), {} };
+    Value dropped { "orvix_sparkplug_dropped_total",
+        "Messages sparkplug dropped: not writable to the spool, pushed out of a full one or refused on the way.", true,
+        double(m_dropped), {} };
+    Value sent { "orvix_sparkplug_messages_sent_total",
+        "Sparkplug messages handed to the broker: births, data and deaths, live and as history.", true, double(m_sent),
+        {} };
+    Value born { "orvix_sparkplug_born",
+        "1 while the edge node is born and publishes live, 0 while it waits for the broker or the primary host.", false,
+        m_born ? 1.0 : 0.0, {} };
+    Value devices { "orvix_sparkplug_devices", "Machines the edge node has as its devices.", false,
+        double(m_deviceOrder.size()), {} };
+    return { records, bytes, age, dropped, sent, born, devices };
 }
 
 void Sparkplug::setReconnectDelays(int initialMs, int maximumMs)
@@ -243,15 +282,18 @@ void Sparkplug::queue(const QByteArray &topic, const QByteArray &payload, const 
         if (error != m_spoolError)
             qCWarning(lcSparkplug) << QStringLiteral("Dropped a message of %1: %2").arg(machine, error);
         m_spoolError = error;
+        ++m_dropped;
         return;
     }
     m_spoolError.clear();
+    m_spoolAge.appended(*m_spool);
     if (dropped > 0) {
         if (m_droppedWhileFull == 0)
             qCWarning(lcSparkplug) << QStringLiteral("Spool %1 is full: dropping the oldest messages until the broker "
                                                      "takes them again")
                                           .arg(m_spool->folder());
         m_droppedWhileFull += dropped;
+        m_dropped += quint64(dropped);
     }
     pump();
 }
@@ -378,8 +420,10 @@ bool Sparkplug::publishNow(const QByteArray &topic, const QByteArray &payload)
     int mid = 0;
     bool confirmed = false;
     QString error;
-    return m_connection.publish(topic, payload, DataQos, false, &mid, &confirmed, &error)
-        == MqttConnection::Publish::Sent;
+    if (m_connection.publish(topic, payload, DataQos, false, &mid, &confirmed, &error) != MqttConnection::Publish::Sent)
+        return false;
+    ++m_sent;
+    return true;
 }
 
 quint32 Sparkplug::nextSeq()
@@ -421,6 +465,7 @@ void Sparkplug::pump()
                 qCWarning(lcSparkplug) << QStringLiteral("Dropped the message on %1: not a Sparkplug B payload")
                                               .arg(QString::fromUtf8(record.topic));
                 m_spool->acknowledge(record.sequence);
+                ++m_dropped;
                 continue;
             }
             nextSeq();
@@ -439,8 +484,10 @@ void Sparkplug::pump()
             qCWarning(lcSparkplug)
                 << QStringLiteral("Dropped the message on %1: %2").arg(QString::fromUtf8(record.topic), error);
             m_spool->acknowledge(record.sequence);
+            ++m_dropped;
         } else if (confirmed) {
             m_spool->acknowledge(record.sequence);
+            ++m_sent;
             reportSpoolRoom();
         } else {
             m_inFlight.insert(mid, record.sequence);
@@ -457,6 +504,7 @@ void Sparkplug::confirm(int mid, int)
     const quint64 sequence = found.value();
     m_inFlight.erase(found);
     m_spool->acknowledge(sequence);
+    ++m_sent;
     reportSpoolRoom();
     pump();
 }

@@ -1,11 +1,13 @@
 #ifndef ORVIX_SPARKPLUG_H
 #define ORVIX_SPARKPLUG_H
 
+#include "imetricsprovider.h"
 #include "itarget.h"
 #include "mqttconnection.h"
 #include "mqttsettings.h"
 #include "sparkplugdevice.h"
 #include "sparkplugpayload.h"
+#include "spoolage.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -26,10 +28,10 @@ class SparkplugStore;
  * spool first, so what the broker could not take is sent after the reconnect, flagged historical, behind the new
  * births.
  */
-class Sparkplug : public QObject, public ITarget
+class Sparkplug : public QObject, public ITarget, public IMetricsProvider
 {
     Q_OBJECT
-    Q_INTERFACES(ITarget)
+    Q_INTERFACES(ITarget IMetricsProvider)
 public:
     /** Every key of the group sparkplug, in the order its sample.ini documents them. */
     static const QVector<SettingKey> &settings();
@@ -49,6 +51,11 @@ public:
     qint64 spooled() const;
     /** Whether the node has sent its births in the current connection and publishes live. */
     bool isBorn() const { return m_born; }
+
+    /** The broker connection, for /metrics and /health. */
+    QList<Connection> metricsConnections() const override;
+    /** The spool's messages, bytes and oldest message's age, the messages sent and dropped, the node's births. */
+    QList<Value> metricsValues() const override;
 
 public slots:
     /** Updates the machine's device and queues its DBIRTH, DDATA or DDEATH as the dataset requires. */
@@ -105,6 +112,11 @@ private:
     QString m_spoolError;
     qint64 m_spoolMaxBytes = 0;
     qint64 m_droppedWhileFull = 0;
+    // Messages that will never reach the broker: unwritable, pushed out of a full spool or refused by the library.
+    quint64 m_dropped = 0;
+    // Messages handed to the broker: births, data and deaths, live and historical.
+    quint64 m_sent = 0;
+    mutable SpoolAge m_spoolAge;
 };
 
 #endif

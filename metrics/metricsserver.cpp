@@ -119,8 +119,14 @@ void MetricsServer::start()
     init.user_data = this;
     init.configuration_options = options;
     char error[256] = {};
+    mg_error_data errorData {};
+    errorData.text = error;
+    errorData.text_buffer_size = sizeof(error);
+#if CIVETWEB_VERSION_MAJOR == 1 && CIVETWEB_VERSION_MINOR < 16
+    // Up to 1.15 (Debian 12) civetweb writes the error code through a pointer; from 1.16 (Debian 13) it holds it.
     unsigned code = 0;
-    mg_error_data errorData { &code, error, sizeof(error) };
+    errorData.code = &code;
+#endif
     m_context = mg_start2(&init, &errorData);
     if (!m_context) {
         qCWarning(lcMetrics) << QStringLiteral("Cannot serve /metrics and /health on %1: %2. The service runs on "

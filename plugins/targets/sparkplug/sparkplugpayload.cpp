@@ -19,6 +19,15 @@ constexpr size_t NotificationColumnCount = 5;
 
 constexpr quint8 SeqTag = (3 << 3) | 0; // field 3, varint
 
+// A metric with the defaults of the schema. protoc-c's initialiser macro for it leaves a member of its value union to
+// the compiler, which Debian 13's warns about; the generated C function sets the same defaults.
+Org__Eclipse__Tahu__Protobuf__Payload__Metric blankMetric()
+{
+    Org__Eclipse__Tahu__Protobuf__Payload__Metric metric;
+    org__eclipse__tahu__protobuf__payload__metric__init(&metric);
+    return metric;
+}
+
 char *text(const QByteArray &bytes)
 {
     // protobuf-c takes strings as char * but only reads them while packing.
@@ -29,7 +38,7 @@ char *text(const QByteArray &bytes)
 
 void SparkplugPayload::nodeBirth(quint64 now, quint32 bdSeq, QByteArray *out)
 {
-    m_metrics.assign(2, ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__INIT);
+    m_metrics.assign(2, blankMetric());
     Metric &sequence = m_metrics[0];
     sequence.name = const_cast<char *>(BdSeqName);
     sequence.has_datatype = true;
@@ -51,7 +60,7 @@ void SparkplugPayload::nodeBirth(quint64 now, quint32 bdSeq, QByteArray *out)
 
 void SparkplugPayload::nodeDeath(quint64 now, quint32 bdSeq, QByteArray *out)
 {
-    m_metrics.assign(1, ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__INIT);
+    m_metrics.assign(1, blankMetric());
     Metric &sequence = m_metrics[0];
     sequence.name = const_cast<char *>(BdSeqName);
     sequence.has_datatype = true;
@@ -136,7 +145,7 @@ bool SparkplugPayload::rebirthRequested(const QByteArray &payload, bool *request
 
 void SparkplugPayload::fill(Metric *metric, const SparkplugDevice &device, int index, bool birth, quint64 now)
 {
-    *metric = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__INIT;
+    org__eclipse__tahu__protobuf__payload__metric__init(metric);
     const SparkplugMetric &source = device.metrics().at(index);
     if (birth) {
         metric->name = text(source.name);

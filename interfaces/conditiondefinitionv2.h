@@ -6,6 +6,9 @@
 #include <QMetaType>
 #include <QString>
 
+#include <optional>
+#include <type_traits>
+
 /** Describes one condition value of a machine; its values come as ConditionDataV2 with the same id. */
 struct ConditionDefinitionV2
 {
@@ -74,6 +77,48 @@ inline QDebug operator<<(QDebug debug, const ConditionDefinitionV2 &record)
 {
     return orvix::debugRecord(debug, record, "ConditionDefinitionV2");
 }
+
+namespace orvix {
+template <typename T> struct PlainField
+{
+    using type = T;
+};
+template <typename T> struct PlainField<std::optional<T>>
+{
+    using type = T;
+};
+
+/**
+ * The condition type of a record field, derived from the type of its value. The mapper and the datasources that
+ * announce their definitions in advance must agree on it, so it is stated once, here.
+ */
+template <typename Field> constexpr qint32 conditionTypeOf()
+{
+    using T = typename PlainField<Field>::type;
+    if constexpr (std::is_same_v<T, bool>)
+        return ConditionDefinitionV2::Boolean;
+    else if constexpr (std::is_floating_point_v<T>)
+        return ConditionDefinitionV2::FloatingPoint;
+    else if constexpr (std::is_integral_v<T>)
+        return ConditionDefinitionV2::Integer;
+    else
+        return ConditionDefinitionV2::Text;
+}
+
+/**
+ * The definition the mapping makes of a record field: the id is the machine's name, the field's path and its name;
+ * the name is the field's own; the type is that of its value; the rest keeps its default.
+ */
+template <typename Field>
+ConditionDefinitionV2 fieldDefinition(const QString &machine, const char *path, const char *name)
+{
+    ConditionDefinitionV2 definition;
+    definition.id = machine + QLatin1String(path) + QLatin1String(name);
+    definition.name = QString::fromLatin1(name);
+    definition.dataType = conditionTypeOf<Field>();
+    return definition;
+}
+} // namespace orvix
 
 Q_DECLARE_METATYPE(ConditionDefinitionV2)
 

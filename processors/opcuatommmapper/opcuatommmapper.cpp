@@ -71,29 +71,6 @@ struct ConditionItem
 
 template <typename Record, typename Field> Field fieldType(Field Record::*);
 
-template <typename T> struct PlainType
-{
-    using type = T;
-};
-
-template <typename T> struct PlainType<std::optional<T>>
-{
-    using type = T;
-};
-
-template <typename Field> constexpr qint32 conditionType()
-{
-    using T = typename PlainType<Field>::type;
-    if constexpr (std::is_same_v<T, bool>)
-        return ConditionDefinitionV2::Boolean;
-    else if constexpr (std::is_floating_point_v<T>)
-        return ConditionDefinitionV2::FloatingPoint;
-    else if constexpr (std::is_integral_v<T>)
-        return ConditionDefinitionV2::Integer;
-    else
-        return ConditionDefinitionV2::Text;
-}
-
 /** Whether a record field becomes a condition: all but the name under which the datasource knows the machine. */
 template <typename Member> bool isCondition([[maybe_unused]] Member member)
 {
@@ -157,7 +134,7 @@ template <typename Record> void appendItems(QVector<ConditionItem> &items, QLati
         if (!isCondition(member))
             return;
         const QString bareName = QString::fromLatin1(name);
-        items.append({ bareName, idPart + bareName, conditionType<decltype(fieldType(member))>() });
+        items.append({ bareName, idPart + bareName, orvix::conditionTypeOf<decltype(fieldType(member))>() });
     });
 }
 

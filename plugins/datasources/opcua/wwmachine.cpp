@@ -34,29 +34,6 @@ template <typename Record> QVector<bool> mandatoryFields(const char *skip = null
     return mandatory;
 }
 
-template <typename T> struct Plain
-{
-    using type = T;
-};
-template <typename T> struct Plain<std::optional<T>>
-{
-    using type = T;
-};
-
-/** The condition type of a field as the mapping derives it from the type of the field's value. */
-template <typename Field> qint32 conditionType()
-{
-    using T = typename Plain<Field>::type;
-    if constexpr (std::is_same_v<T, bool>)
-        return ConditionDefinitionV2::Boolean;
-    else if constexpr (std::is_floating_point_v<T>)
-        return ConditionDefinitionV2::FloatingPoint;
-    else if constexpr (std::is_integral_v<T>)
-        return ConditionDefinitionV2::Integer;
-    else
-        return ConditionDefinitionV2::Text;
-}
-
 /**
  * A definition, as the mapping makes it (id, bare name, type, the rest default), for each field of a record that the
  * machine's records will hold: those every machine has, and the optional ones whose node was found.
@@ -74,11 +51,7 @@ void appendDefinitions(QList<ConditionDefinitionV2> &items, const QString &machi
         ++index;
         if (!present)
             return;
-        ConditionDefinitionV2 definition;
-        definition.id = machine + QLatin1String(path) + QLatin1String(name);
-        definition.name = QString::fromLatin1(name);
-        definition.dataType = conditionType<Field>();
-        items.append(definition);
+        items.append(orvix::fieldDefinition<Field>(machine, path, name));
     });
 }
 

@@ -28,30 +28,6 @@ template <typename T> bool isPresent(const std::optional<T> &field)
     return field.has_value();
 }
 
-template <typename T> struct Plain
-{
-    using type = T;
-};
-
-template <typename T> struct Plain<std::optional<T>>
-{
-    using type = T;
-};
-
-/** The condition type of a field as the mapping derives it: by the type of the field's value. */
-template <typename Field> qint32 conditionType()
-{
-    using T = typename Plain<Field>::type;
-    if constexpr (std::is_same_v<T, bool>)
-        return ConditionDefinitionV2::Boolean;
-    else if constexpr (std::is_floating_point_v<T>)
-        return ConditionDefinitionV2::FloatingPoint;
-    else if constexpr (std::is_integral_v<T>)
-        return ConditionDefinitionV2::Integer;
-    else
-        return ConditionDefinitionV2::Text;
-}
-
 /** A definition for each present field of a record, as the mapping makes it: id, bare name, type, the rest default. */
 template <typename Record>
 void appendDefinitions(
@@ -66,11 +42,7 @@ void appendDefinitions(
         }
         if (!isPresent(record.*member))
             return;
-        ConditionDefinitionV2 definition;
-        definition.id = machine + QLatin1String(path) + QLatin1String(name);
-        definition.name = QString::fromLatin1(name);
-        definition.dataType = conditionType<Field>();
-        items.append(definition);
+        items.append(orvix::fieldDefinition<Field>(machine, path, name));
     });
 }
 

@@ -197,6 +197,16 @@ QString MqttConnection::address() const
     return QStringLiteral("%1:%2").arg(m_options.host).arg(m_options.port);
 }
 
+IMetricsProvider::Connection MqttConnection::metrics() const
+{
+    IMetricsProvider::Connection connection;
+    connection.name = address();
+    connection.up = m_connected;
+    connection.starting = !m_connected && m_backoff.failures() <= 1;
+    connection.reconnects = m_reconnects;
+    return connection;
+}
+
 MqttConnection::Publish MqttConnection::publish(
     const QByteArray &topic, const QByteArray &payload, int qos, bool retain, int *mid, bool *confirmed, QString *error)
 {

@@ -13,6 +13,7 @@
 #include <QVector>
 
 #include "backoff.h"
+#include "imetricsprovider.h"
 
 class QSocketNotifier;
 struct mosquitto;
@@ -93,10 +94,11 @@ public:
     bool isConnected() const { return m_connected; }
     /** "host:port", the name of the broker in log lines. */
     QString address() const;
-    /** Attempts that failed or connections lost since the last successful connect: 0 or 1 is its first back-off. */
-    int failures() const { return m_backoff.failures(); }
-    /** How often the connection was made again after it had been up. */
-    quint64 reconnects() const { return m_reconnects; }
+    /**
+     * The connection as /metrics and /health show it: up, or still starting while in its first attempt or first
+     * back-off, and how often it was made again after it had been up.
+     */
+    IMetricsProvider::Connection metrics() const;
 
     /**
      * Publishes a message. When the library confirms the message during this very call (QoS 0 is confirmed as soon

@@ -83,12 +83,7 @@ QList<IMetricsProvider::Connection> MqttIn::metricsConnections() const
 {
     if (!m_initialised)
         return {};
-    Connection connection;
-    connection.name = m_connection.address();
-    connection.up = m_connection.isConnected();
-    connection.starting = !connection.up && m_connection.failures() <= 1;
-    connection.reconnects = m_connection.reconnects();
-    return { connection };
+    return { m_connection.metrics() };
 }
 
 void MqttIn::setReconnectDelays(int initialMs, int maximumMs)

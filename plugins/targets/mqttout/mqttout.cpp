@@ -121,12 +121,7 @@ QList<IMetricsProvider::Connection> MqttOut::metricsConnections() const
 {
     if (!m_spool)
         return {};
-    Connection connection;
-    connection.name = m_connection.address();
-    connection.up = m_connection.isConnected();
-    connection.starting = !connection.up && m_connection.failures() <= 1;
-    connection.reconnects = m_connection.reconnects();
-    return { connection };
+    return { m_connection.metrics() };
 }
 
 QList<IMetricsProvider::Value> MqttOut::metricsValues() const

@@ -171,12 +171,7 @@ QList<IMetricsProvider::Connection> Sparkplug::metricsConnections() const
 {
     if (!m_spool)
         return {};
-    Connection connection;
-    connection.name = m_connection.address();
-    connection.up = m_connection.isConnected();
-    connection.starting = !connection.up && m_connection.failures() <= 1;
-    connection.reconnects = m_connection.reconnects();
-    return { connection };
+    return { m_connection.metrics() };
 }
 
 QList<IMetricsProvider::Value> Sparkplug::metricsValues() const

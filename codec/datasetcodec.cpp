@@ -8,7 +8,9 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QJsonValue>
+#include <QVector>
 
+#include <cstring>
 #include <utility>
 
 using namespace CodecDetail;
@@ -125,6 +127,100 @@ bool decodeWithQt(
     return true;
 }
 
+/**
+ * The last line decoded of each machine: machines send the same record again and again, and a line that equals an
+ * earlier one but for its time stamp is the same dataset with another time stamp, read without parsing it again.
+ * Only lines in the writer's own form, which starts with the time stamp in UTC with milliseconds, are kept, each
+ * under the bytes that follow the time stamp (the machine's name among them), in a fixed number of slots and up to
+ * a fixed number of bytes in all; any other line is decoded as always.
+ */
+class RepeatedLines
+{
+public:
+    /**
+     * Where the bytes after the time stamp's text start in a line of the writer's form, with the time stamp, or -1.
+     * The time stamp's characters are digits and separators only, so the quote after them ends it in every such line.
+     */
+    static int restOf(const QByteArray &line, QDateTime *timestamp)
+    {
+        static const char Prefix[] = "{\"timestamp\":\"";
+        constexpr int PrefixSize = sizeof Prefix - 1;
+        constexpr int Rest = PrefixSize + TimestampSize;
+        if (line.size() <= Rest || line.size() > MaxLineBytes || line.at(Rest) != '"'
+            || std::memcmp(line.constData(), Prefix, PrefixSize) != 0)
+            return -1;
+        *timestamp = writerUtcDateTime(line.constData() + PrefixSize, TimestampSize);
+        return timestamp->isValid() ? Rest : -1;
+    }
+
+    /** The dataset of an earlier line equal to this one after rest, with this line's time stamp; false if none. */
+    bool find(const QByteArray &line, int rest, const QDateTime &timestamp, QLatin1String extraKey,
+        DatasetCodec::Dataset *out, QJsonValue *extra) const
+    {
+        if (m_slots.isEmpty())
+            return false;
+        const Slot &slot = m_slots.at(slotOf(line, rest));
+        const int size = line.size() - rest;
+        if (slot.rest.size() != size || slot.extraKey.size() != extraKey.size()
+            || std::memcmp(slot.extraKey.constData(), extraKey.data(), size_t(extraKey.size())) != 0
+            || std::memcmp(slot.rest.constData(), line.constData() + rest, size_t(size)) != 0)
+            return false;
+        *out = slot.dataset;
+        out->timestamp = timestamp;
+        if (extra)
+            *extra = slot.extra;
+        return true;
+    }
+
+    /** Keeps the dataset that the line decoded to, in place of the one of the same slot. */
+    void keep(const QByteArray &line, int rest, QLatin1String extraKey, const DatasetCodec::Dataset &dataset,
+        const QJsonValue &extra)
+    {
+        if (m_slots.isEmpty())
+            m_slots.resize(Slots);
+        Slot &slot = m_slots[slotOf(line, rest)];
+        const int size = line.size() - rest;
+        if (m_bytes - slot.rest.capacity() + size > MaxBytes)
+            return;
+        m_bytes -= slot.rest.capacity();
+        // The slot's bytes are reused: a machine's changed record allocates nothing once its slot is big enough.
+        slot.rest.resize(size);
+        std::memcpy(slot.rest.data(), line.constData() + rest, size_t(size));
+        m_bytes += slot.rest.capacity();
+        slot.extraKey = QByteArray(extraKey.data(), extraKey.size());
+        slot.dataset = dataset;
+        slot.extra = extra;
+    }
+
+private:
+    struct Slot
+    {
+        QByteArray rest;
+        QByteArray extraKey;
+        DatasetCodec::Dataset dataset;
+        QJsonValue extra;
+    };
+
+    static constexpr int TimestampSize = 24;
+    static constexpr int MaxLineBytes = 4096;
+    static constexpr qint64 MaxBytes = 8 * 1024 * 1024;
+    static constexpr int Slots = 8192;
+    // The bytes after the time stamp that choose the slot: the machine's name is among them.
+    static constexpr int SlotKeyBytes = 64;
+
+    static int slotOf(const QByteArray &line, int rest)
+    {
+        const int size = qMin(SlotKeyBytes, line.size() - rest);
+        uint hash = uint(size);
+        for (int i = 0; i < size; ++i)
+            hash = hash * 31 + uchar(line.at(rest + i));
+        return int((hash ^ (hash >> 13)) & (Slots - 1));
+    }
+
+    QVector<Slot> m_slots;
+    qint64 m_bytes = 0;
+};
+
 } // namespace
 
 QJsonObject DatasetCodec::encode(
@@ -183,6 +279,11 @@ bool DatasetCodec::decodeLine(const QByteArray &line, Dataset *out, QString *err
 bool DatasetCodec::decodeLine(
     const QByteArray &line, Dataset *out, QString *error, QLatin1String extraKey, QJsonValue *extra)
 {
+    thread_local RepeatedLines repeated;
+    QDateTime timestamp;
+    const int rest = RepeatedLines::restOf(line, &timestamp);
+    if (rest >= 0 && repeated.find(line, rest, timestamp, extraKey, out, extra))
+        return true;
     if (line.trimmed().isEmpty())
         return fail(error, QStringLiteral("the line is empty"));
     QString problem;
@@ -190,16 +291,23 @@ bool DatasetCodec::decodeLine(
     const StrictLine strict = parseStrictLine(line, &root, &problem);
     if (strict == StrictLine::Refused)
         return fail(error, problem);
+    Dataset dataset;
+    QJsonValue extraValue(QJsonValue::Undefined);
     // The strict check has parsed the line already; read from that, unless Qt's reader could see it otherwise.
     if (strict == StrictLine::Parsed && root.is_object()) {
         const DomObject object = DomValue(root).toObject();
-        if (!decodeObject(object, out, error))
+        if (!decodeObject(object, &dataset, error))
             return false;
-        if (extra)
-            *extra = object.value(extraKey).toJsonValue();
-        return true;
+        extraValue = object.value(extraKey).toJsonValue();
+    } else if (!decodeWithQt(line, &dataset, error, extraKey, &extraValue)) {
+        return false;
     }
-    return decodeWithQt(line, out, error, extraKey, extra);
+    if (rest >= 0)
+        repeated.keep(line, rest, extraKey, dataset, extraValue);
+    *out = std::move(dataset);
+    if (extra)
+        *extra = extraValue;
+    return true;
 }
 
 QStringList DatasetCodec::typeNames()

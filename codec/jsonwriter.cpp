@@ -1,7 +1,5 @@
 #include "jsonwriter.h"
 
-#include <cstdio>
-
 namespace CodecDetail {
 
 QString dateTimeText(const QDateTime &dateTime)
@@ -30,15 +28,36 @@ bool appendDateTimeText(QByteArray &out, const QDateTime &dateTime)
     // Four digits are all that ISO 8601 without an agreed expansion, and so every reader, can take.
     if (date.year() < 1 || date.year() > 9999)
         return false;
+    // The digits written straight, as "%04d-%02d-%02dT%02d:%02d:%02d.%03d" would give them, then Z or the offset.
     char text[32];
-    int length = std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", date.year(), date.month(),
-        date.day(), time.hour(), time.minute(), time.second(), time.msec());
+    int length = 0;
+    const auto digits = [&text, &length](int value, int count) {
+        for (int i = count - 1; i >= 0; --i, value /= 10)
+            text[length + i] = char('0' + value % 10);
+        length += count;
+    };
+    const auto put = [&text, &length](char c) { text[length++] = c; };
+    digits(date.year(), 4);
+    put('-');
+    digits(date.month(), 2);
+    put('-');
+    digits(date.day(), 2);
+    put('T');
+    digits(time.hour(), 2);
+    put(':');
+    digits(time.minute(), 2);
+    put(':');
+    digits(time.second(), 2);
+    put('.');
+    digits(time.msec(), 3);
     if (utc) {
-        text[length++] = 'Z';
+        put('Z');
     } else {
         const int minutes = qAbs(offset) / 60;
-        length += std::snprintf(
-            text + length, sizeof text - length, "%c%02d:%02d", offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
+        put(offset < 0 ? '-' : '+');
+        digits(minutes / 60, 2);
+        put(':');
+        digits(minutes % 60, 2);
     }
     out.append(text, length);
     return true;

@@ -12,10 +12,12 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QVarLengthArray>
 #include <QVariant>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace CodecDetail {
 
@@ -79,7 +81,24 @@ public:
             null();
             return;
         }
-        rawString(value.toUtf8());
+        // Nearly every text is ASCII that needs no escape: written straight from its characters, without a UTF-8
+        // copy made first.
+        const QChar *text = value.constData();
+        const int size = value.size();
+        for (int i = 0; i < size; ++i) {
+            const ushort c = text[i].unicode();
+            if (c < 0x20 || c >= 0x80 || c == '"' || c == '\\') {
+                rawString(value.toUtf8());
+                return;
+            }
+        }
+        const int at = m_out.size();
+        m_out.resize(at + size + 2);
+        char *out = m_out.data() + at;
+        *out++ = '"';
+        for (int i = 0; i < size; ++i)
+            *out++ = char(text[i].unicode());
+        *out = '"';
     }
 
     /** Writes a Latin-1 text such as a type name; it needs no conversion. */
@@ -113,13 +132,18 @@ public:
 
     void key(const char *name, bool *first, const char *suffix = "")
     {
+        // The keys are the field names: put together on the stack and appended at once.
+        const size_t nameSize = std::strlen(name);
+        const size_t suffixSize = std::strlen(suffix);
+        QVarLengthArray<char, 96> text;
         if (!*first)
-            m_out += ',';
+            text.append(',');
         *first = false;
-        m_out += '"';
-        m_out += name;
-        m_out += suffix;
-        m_out += "\":";
+        text.append('"');
+        text.append(name, int(nameSize));
+        text.append(suffix, int(suffixSize));
+        text.append("\":", 2);
+        m_out.append(text.constData(), text.size());
     }
 
     void key(const QString &name, bool *first)

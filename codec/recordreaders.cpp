@@ -71,6 +71,11 @@ QDateTime dateTimeOf(const QJsonValue &json)
     return dateTimeFromText(json.toString());
 }
 
+QDateTime writerUtcDateTime(const char *text, int size)
+{
+    return utcDateTime(text, size);
+}
+
 QDateTime dateTimeOf(const DomValue &json)
 {
     // Straight from the line's bytes, without a text made first.

@@ -30,6 +30,12 @@ QString nestedProblem(const char *field, const char *record, const QString &inne
 /** A date-time as ISO 8601 with milliseconds reads it (Qt::ISODateWithMs); invalid when it is none. */
 QDateTime dateTimeFromText(const QString &text);
 
+/**
+ * The date-time of text in the one form the writer gives a date-time in UTC (24 characters, milliseconds and Z), as
+ * dateTimeFromText() reads it; invalid for any other text.
+ */
+QDateTime writerUtcDateTime(const char *text, int size);
+
 /** The date-time of a JSON string, as dateTimeFromText() reads its text; invalid for anything else. */
 QDateTime dateTimeOf(const QJsonValue &json);
 QDateTime dateTimeOf(const DomValue &json);
@@ -284,10 +290,14 @@ template <typename Record> bool readRecord(const DomObject &object, Record *out,
 {
     const FieldKeys &keys = parsedKeys<Record>();
     QVarLengthArray<DomValue, 64> values(keys.count());
+    // The writer puts the keys in the order of the fields: mostly the next key is the one after the last found.
+    int next = 0;
     object.forEachField([&](const char *key, size_t size, const DomValue &value) {
-        const int index = keys.find(key, size);
-        if (index >= 0)
+        const int index = keys.is(next, key, size) ? next : keys.find(key, size);
+        if (index >= 0) {
             values[index] = value;
+            next = index + 1;
+        }
     });
     Record record {};
     bool ok = true;

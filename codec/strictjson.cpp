@@ -112,7 +112,7 @@ bool repeatsKeyWithin(simdjson::dom::element element, bool *unclear)
                     table[slot] = quint8(++index);
                     break;
                 }
-                if (sizes[taken - 1] == size && std::memcmp(keys[taken - 1], key, size) == 0)
+                if (sizes[taken - 1] == size && CodecDetail::sameBytes(keys[taken - 1], key, size))
                     return true;
             }
             const simdjson::dom::element value = it.value();

@@ -15,6 +15,8 @@ namespace {
 // otherwise hang for minutes.
 constexpr int HandshakeTimeoutMs = 10000;
 constexpr int MiscIntervalMs = 1000;
+// Packets read in one turn of the event loop at most, so that timers and other sockets still get their turns.
+constexpr int MaxPacketsPerTurn = 256;
 // Reason codes of MQTT 5 start at 0x80 for failures; below that the callbacks carry the library's own codes.
 constexpr int FirstFailureReason = 0x80;
 
@@ -337,7 +339,17 @@ void MqttConnection::attempt()
     connect(m_readNotifier, &QSocketNotifier::activated, this, [this] {
         if (!m_mosq)
             return;
-        int rc = mosquitto_loop_read(m_mosq, 1);
+        // Every packet the socket holds, up to a bound, in this turn of the event loop: a turn (and its poll) per
+        // packet costs more than the packet. The library reads until a read would block, which it leaves in errno.
+        int rc = MOSQ_ERR_SUCCESS;
+        for (int packet = 0; packet < MaxPacketsPerTurn && rc == MOSQ_ERR_SUCCESS && m_mosq && !m_lost; ++packet) {
+            errno = 0;
+            rc = mosquitto_loop_read(m_mosq, 1);
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                break;
+        }
+        if (!m_mosq)
+            return;
         // What the callbacks queued (acknowledgements answered with the next messages) goes out now, not a turn later.
         if (rc == MOSQ_ERR_SUCCESS && !m_lost && mosquitto_want_write(m_mosq))
             rc = mosquitto_loop_write(m_mosq, 1);

@@ -109,17 +109,28 @@ void MqttIn::machineRequest(QString machine, QVariant request)
 
 void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
 {
-    const QString topicText = QString::fromUtf8(topic);
     if (payload.size() > m_maxPayload) {
         qCWarning(lcMqttIn) << QStringLiteral("Dropped the message on %1: %2 bytes, more than maxPayload %3")
-                                   .arg(topicText)
+                                   .arg(QString::fromUtf8(topic))
                                    .arg(payload.size())
                                    .arg(m_maxPayload);
         return;
     }
     // An empty message is how MQTT clears a retained one; there is nothing to decode.
     if (payload.trimmed().isEmpty()) {
-        qCDebug(lcMqttIn) << QStringLiteral("Ignored the empty message on %1").arg(topicText);
+        qCDebug(lcMqttIn) << QStringLiteral("Ignored the empty message on %1").arg(QString::fromUtf8(topic));
+        return;
+    }
+    // Most messages are one line: decoded as they are, without a list of lines or a copy of one.
+    const int lineFeed = payload.indexOf('\n');
+    if (lineFeed < 0 || (payload.indexOf('\n', lineFeed + 1) < 0 && payload.mid(lineFeed + 1).trimmed().isEmpty())) {
+        DatasetCodec::Dataset dataset;
+        QString error;
+        if (!DatasetCodec::decodeLine(lineFeed < 0 ? payload : payload.left(lineFeed), &dataset, &error)) {
+            qCWarning(lcMqttIn) << QStringLiteral("Dropped the message on %1: %2").arg(QString::fromUtf8(topic), error);
+            return;
+        }
+        send(topic, dataset);
         return;
     }
     const QList<QByteArray> lines = payload.split('\n');
@@ -137,19 +148,24 @@ void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
         if (!DatasetCodec::decodeLine(line, &dataset, &error)) {
             // The message is one unit: half of it would leave the machine's data inconsistent.
             qCWarning(lcMqttIn) << QStringLiteral("Dropped the message on %1: %2")
-                                       .arg(topicText,
+                                       .arg(QString::fromUtf8(topic),
                                            nonEmpty > 1 ? QStringLiteral("line %1: %2").arg(lineNumber).arg(error)
                                                         : error);
             return;
         }
         datasets.append(dataset);
     }
-    const QString topicMachine = topicText.section(QLatin1Char('/'), 1, 1);
-    for (const DatasetCodec::Dataset &dataset : qAsConst(datasets)) {
-        emit dataReceived(dataset.timestamp.isValid() ? dataset.timestamp : QDateTime::currentDateTime(),
-            m_names.intern(dataset.machine.isEmpty() ? topicMachine : dataset.machine),
-            m_names.intern(dataset.source.isEmpty() ? topicText : dataset.source), dataset.data);
-    }
+    for (const DatasetCodec::Dataset &dataset : qAsConst(datasets))
+        send(topic, dataset);
+}
+
+void MqttIn::send(const QByteArray &topic, const DatasetCodec::Dataset &dataset)
+{
+    // The topic's texts only for a dataset that names no machine or source.
+    const auto topicText = [&topic] { return QString::fromUtf8(topic); };
+    emit dataReceived(dataset.timestamp.isValid() ? dataset.timestamp : QDateTime::currentDateTime(),
+        m_names.intern(dataset.machine.isEmpty() ? topicText().section(QLatin1Char('/'), 1, 1) : dataset.machine),
+        m_names.intern(dataset.source.isEmpty() ? topicText() : dataset.source), dataset.data);
 }
 
 #include "moc_mqttin.cpp"

@@ -1,6 +1,7 @@
 #ifndef ORVIX_MQTTIN_H
 #define ORVIX_MQTTIN_H
 
+#include "datasetcodec.h"
 #include "idatasource.h"
 #include "imetricsprovider.h"
 #include "mqttconnection.h"
@@ -43,7 +44,8 @@ public:
 
 signals:
     /** One dataset of a message, in the order of the message's lines. */
-    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+    // By const reference, with the same normalised signature: emitting copies none of the four.
+    void dataReceived(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 public slots:
     /** Publishes the request as JSON to "orvix/request/" and the machine. */
@@ -51,6 +53,8 @@ public slots:
 
 private:
     void receive(const QByteArray &topic, const QByteArray &payload);
+    /** Emits a dataset of the message on topic; a machine or source it does not name is taken from the topic. */
+    void send(const QByteArray &topic, const DatasetCodec::Dataset &dataset);
 
     MqttConnection m_connection;
     bool m_initialised = false;

@@ -33,7 +33,8 @@ public:
     QString name() const override;
 
 signals:
-    void dataReceived(QDateTime timestamp, QString machine, QString source, QVariant data);
+    // By const reference, with the same normalised signature: emitting copies none of the four.
+    void dataReceived(const QDateTime &timestamp, const QString &machine, const QString &source, const QVariant &data);
 
 private:
     void sendPending();

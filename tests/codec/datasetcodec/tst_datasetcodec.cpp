@@ -194,6 +194,7 @@ private slots:
     void extraKeyReadsAsQt_data();
     void extraKeyReadsAsQt();
     void decodedNamesShareTheirText();
+    void repeatedLineReadsAsItself();
 };
 
 void tst_DatasetCodec::knowsEveryType()
@@ -992,6 +993,50 @@ void tst_DatasetCodec::decodedNamesShareTheirText()
             QCOMPARE(decode('"' + name + '"', R"("s")").machine, QString::fromLatin1(name));
         }
     }
+}
+
+void tst_DatasetCodec::repeatedLineReadsAsItself()
+{
+    const auto line
+        = [](const QByteArray &timestamp, const QByteArray &state, const QByteArray &extra = "") -> QByteArray {
+        return R"({"timestamp":")" + timestamp + R"(","machine":"m1","source":"s","type":"StateV1","data":{"state":)"
+            + state + "}" + extra + "}";
+    };
+    const auto stateOf
+        = [](const DatasetCodec::Dataset &dataset) { return qvariant_cast<StateV1>(dataset.data).state; };
+    DatasetCodec::Dataset dataset;
+    QString error;
+    QJsonValue delay;
+    QVERIFY(DatasetCodec::decodeLine(
+        line("2024-03-04T06:00:01.000Z", "2", R"(,"delayMs":5)"), &dataset, &error, QLatin1String("delayMs"), &delay));
+    // A machine's line that repeats but for its time stamp reads as the same dataset with its own time stamp.
+    QVERIFY(DatasetCodec::decodeLine(
+        line("2024-03-04T06:00:02.500Z", "2", R"(,"delayMs":5)"), &dataset, &error, QLatin1String("delayMs"), &delay));
+    QCOMPARE(dataset.timestamp, QDateTime(QDate(2024, 3, 4), QTime(6, 0, 2, 500), Qt::UTC));
+    QCOMPARE(dataset.machine, QStringLiteral("m1"));
+    QCOMPARE(stateOf(dataset), 2);
+    QCOMPARE(delay, QJsonValue(5));
+    // Asked for another extra key, the same line has none.
+    QVERIFY(DatasetCodec::decodeLine(
+        line("2024-03-04T06:00:03.000Z", "2", R"(,"delayMs":5)"), &dataset, &error, QLatin1String("pause"), &delay));
+    QVERIFY(delay.isUndefined());
+    // One byte more or different after the time stamp is another record.
+    QVERIFY(DatasetCodec::decodeLine(line("2024-03-04T06:00:04.000Z", "3"), &dataset, &error));
+    QCOMPARE(stateOf(dataset), 3);
+    QVERIFY(DatasetCodec::decodeLine(line("2024-03-04T06:00:05.000Z", "33"), &dataset, &error));
+    QCOMPARE(stateOf(dataset), 33);
+    // A time stamp that is no date-time is refused as ever, repeated line or not.
+    QVERIFY(!DatasetCodec::decodeLine(line("2024-13-04T06:00:06.000Z", "33"), &dataset, &error));
+    QCOMPARE(error, QStringLiteral("\"timestamp\" must be an ISO 8601 date-time or null"));
+    // A shorter time stamp whose line has a quote where the writer's form ends its time stamp: the line made of a
+    // time stamp of the writer's length and the same bytes after it is no JSON, and is refused.
+    const QByteArray shortStamp = R"({"timestamp":"2024-03-04T06:00:07Z","a":"","machine":"m2","source":"s",)"
+                                  R"("type":"StateV1","data":{"state":2}})";
+    QCOMPARE(shortStamp.at(38), '"');
+    QVERIFY2(DatasetCodec::decodeLine(shortStamp, &dataset, &error), qPrintable(error));
+    const QByteArray madeUp = shortStamp.left(14) + "2024-03-04T06:00:08.000Z" + shortStamp.mid(38);
+    QVERIFY(!DatasetCodec::decodeLine(madeUp, &dataset, &error));
+    QVERIFY2(error.startsWith(QStringLiteral("the line is not valid JSON")), qPrintable(error));
 }
 
 QTEST_GUILESS_MAIN(tst_DatasetCodec)

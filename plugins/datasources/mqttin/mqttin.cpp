@@ -6,6 +6,8 @@
 #include <QLoggingCategory>
 #include <QSysInfo>
 
+#include <cstring>
+
 namespace {
 
 const QString Group = QStringLiteral("mqttIn");
@@ -122,8 +124,12 @@ void MqttIn::receive(const QByteArray &topic, const QByteArray &payload)
         return;
     }
     // Most messages are one line: decoded as they are, without a list of lines or a copy of one.
-    const int lineFeed = payload.indexOf('\n');
-    if (lineFeed < 0 || (payload.indexOf('\n', lineFeed + 1) < 0 && payload.mid(lineFeed + 1).trimmed().isEmpty())) {
+    const char *const bytes = payload.constData();
+    const auto *const first = static_cast<const char *>(std::memchr(bytes, '\n', size_t(payload.size())));
+    const int lineFeed = first ? int(first - bytes) : -1;
+    if (lineFeed < 0
+        || (!std::memchr(first + 1, '\n', size_t(payload.size() - lineFeed - 1))
+            && payload.mid(lineFeed + 1).trimmed().isEmpty())) {
         DatasetCodec::Dataset dataset;
         QString error;
         if (!DatasetCodec::decodeLine(lineFeed < 0 ? payload : payload.left(lineFeed), &dataset, &error)) {

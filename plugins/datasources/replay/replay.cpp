@@ -38,16 +38,17 @@ QByteArray trimmedView(const QByteArray &text)
 
 } // namespace
 
-const QVector<SettingKey> &Replay::settings()
+const SettingsTable<Replay::Options> &Replay::settings()
 {
     // Milliseconds up to the longest pause a timer takes.
-    static const QVector<SettingKey> table {
-        SettingKey::path("file", "", "JSON-lines file to replay, one dataset per line in the form of codec/README.md."),
-        SettingKey::duration("interval", "0", 0, MaxPause,
+    static const SettingsTable<Options> table {
+        SettingKey::path("file", &Options::file, "",
+            "JSON-lines file to replay, one dataset per line in the form of codec/README.md."),
+        SettingKey::duration("interval", &Options::interval, "0", 0, MaxPause,
             "Milliseconds between two datasets; 0 sends them as fast as the chain takes them, up to 256 per turn "
             "of the event loop. A line's delayMs overrides it."),
-        SettingKey::boolean("loop", "false", "true starts again at the first line after the last."),
-        SettingKey::whole("maxLineBytes", "1048576", 1024, 268435456,
+        SettingKey::boolean("loop", &Options::loop, "false", "true starts again at the first line after the last."),
+        SettingKey::whole("maxLineBytes", &Options::maxLineBytes, "1048576", 1024, 268435456,
             "Longest line read, in bytes; a longer one is skipped with a warning, without being held in memory."),
     };
     return table;
@@ -64,11 +65,12 @@ Replay::Replay(QObject *parent)
 
 bool Replay::init(const QVariantMap &config, QVariantMap &)
 {
-    const SettingsGroup settings(config.value(Group).toMap(), Replay::settings(), lcReplay());
-    const QString path = settings.text("file");
-    m_interval = int(settings.number("interval"));
-    m_loop = settings.flag("loop");
-    m_maxLineBytes = qint64(settings.number("maxLineBytes"));
+    Options options;
+    settings().read(config.value(Group).toMap(), lcReplay(), &options);
+    const QString &path = options.file;
+    m_interval = options.interval;
+    m_loop = options.loop;
+    m_maxLineBytes = options.maxLineBytes;
     if (path.isEmpty()) {
         qCWarning(lcReplay) << QStringLiteral("No file to replay: set file in the group replay");
         return false;

@@ -3,7 +3,7 @@
 
 #include "datasetcodec.h"
 #include "idatasource.h"
-#include "settingsgroup.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -22,8 +22,17 @@ class Replay : public QObject, public IDatasource
     Q_OBJECT
     Q_INTERFACES(IDatasource)
 public:
+    /** What the group replay says. */
+    struct Options
+    {
+        QString file;
+        int interval = 0;
+        bool loop = false;
+        qint64 maxLineBytes = 0;
+    };
+
     /** Every key of the group replay, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit Replay(QObject *parent = nullptr);
 

@@ -61,15 +61,17 @@ ConditionDefinitionsV2 Simulator::definitionsOf(
     return definitions;
 }
 
-const QVector<SettingKey> &Simulator::settings()
+const SettingsTable<Simulator::Options> &Simulator::settings()
 {
-    static const QVector<SettingKey> table {
-        SettingKey::whole("machines", "2", 1, MaxMachines, "Number of simulated machines, from 1 to 1000."),
-        SettingKey::string("prefix", "sim", "Machine names: this prefix followed by 1, 2, 3 ..."),
-        SettingKey::duration("interval", "1000", 1, std::numeric_limits<int>::max(),
+    static const SettingsTable<Options> table {
+        SettingKey::whole(
+            "machines", &Options::machines, "2", 1, MaxMachines, "Number of simulated machines, from 1 to 1000."),
+        SettingKey::string("prefix", &Options::prefix, "sim", "Machine names: this prefix followed by 1, 2, 3 ..."),
+        SettingKey::duration("interval", &Options::interval, "1000", 1, std::numeric_limits<int>::max(),
             "Milliseconds between two state records of a machine; each moves its day on by as much."),
-        SettingKey::whole("seed", "", 0, SettingKey::Unbounded,
-            "A whole number makes every run the same; empty draws a new seed at each start and logs it."),
+        SettingKey::whole("seed", &Options::seed, "", 0, SettingKey::Unbounded,
+            "A whole number makes every run the same; empty draws a new seed at each start and logs it.")
+            .emptyMeans("a new one"),
     };
     return table;
 }
@@ -85,12 +87,12 @@ Simulator::~Simulator() = default;
 
 bool Simulator::init(const QVariantMap &config, QVariantMap &)
 {
-    const SettingsGroup settings(config.value(Group).toMap(), Simulator::settings(), lcSimulator());
-    const int machines = int(settings.number("machines"));
-    const QString prefix = settings.text("prefix");
-    m_interval = int(settings.number("interval"));
-    if (!settings.optionalNumber("seed", QStringLiteral("a new one"), &m_seed))
-        m_seed = QRandomGenerator::global()->generate64();
+    Options options;
+    settings().read(config.value(Group).toMap(), lcSimulator(), &options);
+    const int machines = options.machines;
+    const QString &prefix = options.prefix;
+    m_interval = options.interval;
+    m_seed = options.seed ? *options.seed : QRandomGenerator::global()->generate64();
 
     m_machines.clear();
     for (int index = 0; index < machines; ++index)

@@ -2,7 +2,7 @@
 #define ORVIX_SIMULATOR_H
 
 #include "idatasource.h"
-#include "settingsgroup.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class SimulatedMachine;
@@ -35,8 +36,18 @@ class Simulator : public QObject, public IDatasource
     Q_OBJECT
     Q_INTERFACES(IDatasource)
 public:
+    /** What the group simulator says. */
+    struct Options
+    {
+        int machines = 0;
+        QString prefix;
+        int interval = 0;
+        /** None draws a new seed. */
+        std::optional<quint64> seed;
+    };
+
     /** Every key of the group simulator, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit Simulator(QObject *parent = nullptr);
     ~Simulator() override;

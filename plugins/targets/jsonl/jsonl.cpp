@@ -26,11 +26,11 @@ constexpr qint64 PageBytes = 4096;
 
 } // namespace
 
-const QVector<SettingKey> &Jsonl::settings()
+const SettingsTable<Jsonl::Options> &Jsonl::settings()
 {
-    static const QVector<SettingKey> table {
-        SettingKey::path(
-            "file", "", "File the datasets are appended to, one JSON line each; empty or - writes to standard output."),
+    static const SettingsTable<Options> table {
+        SettingKey::path("file", &Options::file, "",
+            "File the datasets are appended to, one JSON line each; empty or - writes to standard output."),
     };
     return table;
 }
@@ -42,8 +42,9 @@ Jsonl::Jsonl(QObject *parent)
 
 bool Jsonl::init(const QVariantMap &config, QVariantMap &)
 {
-    const SettingsGroup settings(config.value(Group).toMap(), Jsonl::settings(), lcJsonl());
-    const QString path = settings.text("file");
+    Options options;
+    settings().read(config.value(Group).toMap(), lcJsonl(), &options);
+    const QString &path = options.file;
     if (path.isEmpty() || path == QLatin1String("-")) {
         m_target = StandardOutput;
         // The console log shares standard output; it writes whole lines too, so the two never mix within a line.

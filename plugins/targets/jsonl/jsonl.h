@@ -2,7 +2,7 @@
 #define ORVIX_JSONL_H
 
 #include "itarget.h"
-#include "settingsgroup.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -21,8 +21,14 @@ class Jsonl : public QObject, public ITarget
     Q_OBJECT
     Q_INTERFACES(ITarget)
 public:
+    /** What the group jsonl says. */
+    struct Options
+    {
+        QString file;
+    };
+
     /** Every key of the group jsonl, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit Jsonl(QObject *parent = nullptr);
     /** Writes the lines not yet written. */

@@ -132,7 +132,7 @@ void tst_Replay::metadata()
 
 void tst_Replay::sampleIniDocumentsEverySetting()
 {
-    PluginChecks::checkSampleIni("datasources/replay", "replay", Replay::settings());
+    PluginChecks::checkSampleIni("datasources/replay", "replay", Replay::settings().keys());
 }
 
 void tst_Replay::readmeQuotesSampleIni()
@@ -142,7 +142,7 @@ void tst_Replay::readmeQuotesSampleIni()
 
 void tst_Replay::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("datasources/replay", Replay::settings());
+    PluginChecks::checkReadmeKeyTable("datasources/replay", Replay::settings().keys());
 }
 
 void tst_Replay::sendsEveryLineInFileOrder()

@@ -128,7 +128,7 @@ void tst_Simulator::metadata()
 
 void tst_Simulator::sampleIniDocumentsEverySetting()
 {
-    PluginChecks::checkSampleIni("datasources/simulator", "simulator", Simulator::settings());
+    PluginChecks::checkSampleIni("datasources/simulator", "simulator", Simulator::settings().keys());
 }
 
 void tst_Simulator::readmeQuotesSampleIni()
@@ -138,7 +138,7 @@ void tst_Simulator::readmeQuotesSampleIni()
 
 void tst_Simulator::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("datasources/simulator", Simulator::settings());
+    PluginChecks::checkReadmeKeyTable("datasources/simulator", Simulator::settings().keys());
 }
 
 void tst_Simulator::defaultSettings()

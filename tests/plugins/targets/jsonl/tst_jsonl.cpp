@@ -126,7 +126,7 @@ void tst_Jsonl::metadata()
 
 void tst_Jsonl::sampleIniDocumentsEverySetting()
 {
-    PluginChecks::checkSampleIni("targets/jsonl", "jsonl", Jsonl::settings());
+    PluginChecks::checkSampleIni("targets/jsonl", "jsonl", Jsonl::settings().keys());
 }
 
 void tst_Jsonl::readmeQuotesSampleIni()
@@ -136,7 +136,7 @@ void tst_Jsonl::readmeQuotesSampleIni()
 
 void tst_Jsonl::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("targets/jsonl", Jsonl::settings());
+    PluginChecks::checkReadmeKeyTable("targets/jsonl", Jsonl::settings().keys());
 }
 
 void tst_Jsonl::writesTheLinesOfATurnTogether()

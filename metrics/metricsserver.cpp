@@ -8,6 +8,7 @@
 #include "itarget.h"
 #include "messagehandler.h"
 #include "processstats.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -32,7 +33,22 @@ using prometheus::MetricFamily;
 using prometheus::MetricType;
 using Labels = std::vector<ClientMetric::Label>;
 
-const char *const DefaultListen = "127.0.0.1:9464";
+/** What the group metrics says. */
+struct Options
+{
+    QString listen;
+};
+
+const SettingsTable<Options> &settings()
+{
+    static const SettingsTable<Options> table {
+        SettingKey::trimmed("listen", &Options::listen, "127.0.0.1:9464",
+            "Address of the HTTP endpoints /metrics and /health, as address:port, [IPv6]:port or port alone; empty "
+            "turns both off."),
+    };
+    return table;
+}
+
 const char *const TextFormat = "text/plain; version=0.0.4; charset=utf-8";
 
 MetricFamily family(const char *name, const char *help, MetricType type)
@@ -82,8 +98,9 @@ MetricsServer::MetricsServer(Core *core, QObject *parent)
     : QObject(parent)
     , m_core(core)
 {
-    const QVariant listen = core->config().value(QStringLiteral("metrics")).toMap().value(QStringLiteral("listen"));
-    m_listen = listen.isValid() ? listen.toString().trimmed() : QString::fromLatin1(DefaultListen);
+    Options options;
+    settings().read(core->config().value(QStringLiteral("metrics")).toMap(), lcMetrics(), &options);
+    m_listen = options.listen;
     if (m_listen.isEmpty())
         return;
     m_chain = new ChainMetrics(this);

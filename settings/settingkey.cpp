@@ -6,54 +6,6 @@
 
 #include <cmath>
 
-namespace {
-
-SettingKey row(const char *name, SettingKey::Type type, const char *defaultValue, const char *meaning,
-    quint64 minimum = 0, quint64 maximum = SettingKey::Unbounded)
-{
-    return SettingKey { name, type, defaultValue, meaning, minimum, maximum };
-}
-
-} // namespace
-
-SettingKey SettingKey::string(const char *name, const char *defaultValue, const char *meaning)
-{
-    return row(name, Type::String, defaultValue, meaning);
-}
-
-SettingKey SettingKey::path(const char *name, const char *defaultValue, const char *meaning)
-{
-    return row(name, Type::Path, defaultValue, meaning);
-}
-
-SettingKey SettingKey::list(const char *name, const char *defaultValue, const char *meaning)
-{
-    return row(name, Type::List, defaultValue, meaning);
-}
-
-SettingKey SettingKey::boolean(const char *name, const char *defaultValue, const char *meaning)
-{
-    return row(name, Type::Bool, defaultValue, meaning);
-}
-
-SettingKey SettingKey::whole(
-    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
-{
-    return row(name, Type::Unsigned, defaultValue, meaning, minimum, maximum);
-}
-
-SettingKey SettingKey::real(
-    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
-{
-    return row(name, Type::Double, defaultValue, meaning, minimum, maximum);
-}
-
-SettingKey SettingKey::duration(
-    const char *name, const char *defaultValue, quint64 minimum, quint64 maximum, const char *meaning)
-{
-    return row(name, Type::Duration, defaultValue, meaning, minimum, maximum);
-}
-
 bool SettingKey::parse(const QString &text, QVariant *value) const
 {
     switch (type) {

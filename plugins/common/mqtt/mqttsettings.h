@@ -2,28 +2,22 @@
 #define ORVIX_MQTTSETTINGS_H
 
 #include "mqttconnection.h"
-#include "settingsgroup.h"
+#include "settingstable.h"
 
 #include <QString>
-#include <QVector>
 
 /**
- * The INI group of an MQTT plugin read through the plugin's settings table, whose first rows are the keys of the
- * connection that every MQTT plugin shares.
+ * The keys of the broker connection that every MQTT plugin shares: the first rows of each plugin's settings table,
+ * filling the MqttConnection::Options that the plugin's options derive from.
  */
-class MqttSettings : public SettingsGroup
-{
-public:
-    using SettingsGroup::SettingsGroup;
+namespace MqttSettings {
 
-    /**
-     * The keys that every MQTT plugin shares, from host to keepAlive, the first rows of each plugin's table;
-     * clientIdMeaning tells what an empty client id stands for.
-     */
-    static QVector<SettingKey> connectionKeys(const char *clientIdMeaning);
+/** The keys from host to keepAlive; clientIdMeaning tells what an empty client id stands for. */
+SettingsTable<MqttConnection::Options> connectionKeys(const char *clientIdMeaning);
 
-    /** The keys of connectionKeys() read into options; the client id falls back to defaultClientId. */
-    bool connectionOptions(const QString &defaultClientId, MqttConnection::Options *options, QString *error) const;
-};
+/** Completes options read through connectionKeys(): an empty client id becomes defaultClientId; then checks them. */
+bool complete(const QString &defaultClientId, MqttConnection::Options *options, QString *error);
+
+} // namespace MqttSettings
 
 #endif

@@ -14,16 +14,20 @@ const QString Group = QStringLiteral("mqttIn");
 
 } // namespace
 
-const QVector<SettingKey> &MqttIn::settings()
+const SettingsTable<MqttIn::Options> &MqttIn::settings()
 {
-    static const QVector<SettingKey> table
-        = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name and -in.")
-        + QVector<SettingKey> {
-              SettingKey::list("topics", "orvix/in/#", "Topic filters subscribed to, separated by commas."),
-              SettingKey::whole("qos", "1", 0, 1, "QoS of the subscriptions and of the published requests, 0 or 1."),
-              SettingKey::whole("maxPayload", "262144", 1, 268435455,
-                  "Bytes a message may have; a larger one is dropped with a warning."),
-          };
+    static const SettingsTable<Options> table(
+        MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name and -in."),
+        {
+            SettingKey::list(
+                "topics", &Options::topics, "orvix/in/#", "Topic filters subscribed to, separated by commas."),
+            SettingKey::whole(
+                "qos", &Options::qos, "1", 0, 1, "QoS of the subscriptions and of the published requests, 0 or 1.")
+                .strict(),
+            SettingKey::whole("maxPayload", &Options::maxPayload, "262144", 1, 268435455,
+                "Bytes a message may have; a larger one is dropped with a warning.")
+                .strict(),
+        });
     return table;
 }
 
@@ -41,15 +45,11 @@ MqttIn::~MqttIn()
 
 bool MqttIn::init(const QVariantMap &config, QVariantMap &)
 {
-    const MqttSettings settings(config.value(Group).toMap(), MqttIn::settings(), lcMqttIn());
-    MqttConnection::Options options;
-    quint64 qos = 1;
-    quint64 maxPayload = 0;
+    Options options;
     QString error;
-    bool usable
-        = settings.connectionOptions(QStringLiteral("orvix-%1-in").arg(QSysInfo::machineHostName()), &options, &error)
-        && settings.number("qos", &qos, &error) && settings.number("maxPayload", &maxPayload, &error);
-    const QStringList topics = settings.list("topics");
+    bool usable = settings().read(config.value(Group).toMap(), lcMqttIn(), &options, &error)
+        && MqttSettings::complete(QStringLiteral("orvix-%1-in").arg(QSysInfo::machineHostName()), &options, &error);
+    const QStringList &topics = options.topics;
     if (usable && topics.isEmpty()) {
         error = QStringLiteral("topics is empty");
         usable = false;
@@ -64,8 +64,8 @@ bool MqttIn::init(const QVariantMap &config, QVariantMap &)
         qCWarning(lcMqttIn) << QStringLiteral("Can't use the settings: %1").arg(error);
         return false;
     }
-    m_qos = int(qos);
-    m_maxPayload = qint64(maxPayload);
+    m_qos = options.qos;
+    m_maxPayload = options.maxPayload;
     qCInfo(lcMqttIn) << QStringLiteral("Subscribing to %1 at %2 as %3")
                             .arg(topics.join(QStringLiteral(", ")),
                                 options.host + QLatin1Char(':') + QString::number(options.port), options.clientId);

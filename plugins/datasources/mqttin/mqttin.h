@@ -12,6 +12,7 @@
 #include <QDateTime>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <QVector>
 
@@ -25,8 +26,16 @@ class MqttIn : public QObject, public IDatasource, public IMetricsProvider
     Q_OBJECT
     Q_INTERFACES(IDatasource IMetricsProvider)
 public:
+    /** What the group mqttIn says: the broker connection and the subscriptions. */
+    struct Options : MqttConnection::Options
+    {
+        QStringList topics;
+        int qos = 1;
+        qint64 maxPayload = 0;
+    };
+
     /** Every key of the group mqttIn, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit MqttIn(QObject *parent = nullptr);
     ~MqttIn() override;

@@ -12,27 +12,29 @@ constexpr quint64 LongestPublishingInterval = 3600000;
 
 } // namespace
 
-const QVector<SettingKey> &OpcUaDatasource::settings()
+const SettingsTable<OpcUaDatasource::ConnectionOptions> &OpcUaDatasource::settings()
 {
-    static const QVector<SettingKey> table {
-        SettingKey::string("url", "opc.tcp://localhost:4840", "Endpoint of the OPC UA server."),
-        SettingKey::string("securityMode", "None", "None, Sign or SignAndEncrypt."),
-        SettingKey::string("securityPolicy", "None",
+    using Options = ConnectionOptions;
+    static const SettingsTable<Options> table {
+        SettingKey::string("url", &Options::url, "opc.tcp://localhost:4840", "Endpoint of the OPC UA server.")
+            .required(),
+        SettingKey::string("securityMode", &Options::securityMode, "None", "None, Sign or SignAndEncrypt."),
+        SettingKey::string("securityPolicy", &Options::securityPolicy, "None",
             "None, Basic256Sha256, Aes128_Sha256_RsaOaep or Aes256_Sha256_RsaPss; None exactly when securityMode is "
             "None."),
-        SettingKey::string("username", "", "User name of the login; empty logs in anonymously."),
-        SettingKey::string("password", "", "Password of username."),
-        SettingKey::path("pki", "/var/lib/orvix/pki/opcua",
+        SettingKey::string("username", &Options::username, "", "User name of the login; empty logs in anonymously."),
+        SettingKey::string("password", &Options::password, "", "Password of username."),
+        SettingKey::path("pki", &Options::pki, "/var/lib/orvix/pki/opcua",
             "Folder of the client certificate (own/, made at first start) and of the server certificates (trusted/, "
             "rejected/); used with a securityMode other than None."),
-        SettingKey::list("machines", "",
+        SettingKey::list("machines", &Options::machines, "",
             "Browse names of the machines to read, separated by commas; empty reads every "
             "machine of the server."),
-        SettingKey::list("rename", "",
+        SettingKey::list("rename", &Options::rename, "",
             "Names the datasets carry instead of the browse names, as browseName=name pairs separated by commas."),
-        SettingKey::duration("publishingInterval", "1000", 10, LongestPublishingInterval,
+        SettingKey::duration("publishingInterval", &Options::publishingInterval, "1000", 10, LongestPublishingInterval,
             "Milliseconds between two notifications of the server; changes within one arrive together."),
-        SettingKey::duration("timeout", "5000", 100, LongestPublishingInterval,
+        SettingKey::duration("timeout", &Options::timeout, "5000", 100, LongestPublishingInterval,
             "Milliseconds a request may take before the connection counts as lost."),
     };
     return table;
@@ -65,26 +67,21 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
             continue;
         }
         const QVariantMap keys = entry.value().toMap();
-        const SettingsGroup settings(keys, OpcUaDatasource::settings(), lcOpcUa());
-        if (settings.text("url").isEmpty() || !keys.contains(QStringLiteral("url"))) {
-            qCWarning(lcOpcUa) << QStringLiteral("Skipped the connection %1: it has no url").arg(connection);
+        ConnectionOptions written;
+        QString error;
+        if (!settings().read(keys, lcOpcUa(), &written, &error)) {
+            qCWarning(lcOpcUa) << QStringLiteral("Skipped the connection %1: %2").arg(connection, error);
             continue;
         }
         OpcUaConnection::Options options;
         options.source = Group + QLatin1Char('/') + connection;
+        options.client = written;
         options.client.name = connection;
-        options.client.url = settings.text("url");
-        options.client.securityMode = settings.text("securityMode");
-        options.client.securityPolicy = settings.text("securityPolicy");
-        options.client.username = settings.text("username");
-        options.client.password = settings.text("password");
-        options.client.pki = settings.text("pki");
-        options.client.timeout = int(settings.number("timeout"));
-        options.machines = settings.list("machines");
-        options.publishingInterval = int(settings.number("publishingInterval"));
+        options.machines = written.machines;
+        options.publishingInterval = written.publishingInterval;
         options.names = names;
         bool renamesFit = true;
-        for (const QString &pair : settings.list("rename")) {
+        for (const QString &pair : qAsConst(written.rename)) {
             const int separator = pair.indexOf(QLatin1Char('='));
             if (separator <= 0 || separator == pair.size() - 1) {
                 renamesFit = false;
@@ -95,7 +92,6 @@ bool OpcUaDatasource::init(const QVariantMap &config, QVariantMap &)
             }
             options.renames.insert(pair.left(separator).trimmed(), pair.mid(separator + 1).trimmed());
         }
-        QString error;
         if (!renamesFit)
             continue;
         if (!OpcUaClient::check(options.client, &error)) {

@@ -3,7 +3,8 @@
 
 #include "idatasource.h"
 #include "imetricsprovider.h"
-#include "settingsgroup.h"
+#include "opcuaclient.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -24,8 +25,17 @@ class OpcUaDatasource : public QObject, public IDatasource, public IMetricsProvi
     Q_OBJECT
     Q_INTERFACES(IDatasource IMetricsProvider)
 public:
+    /** What a connection's group opcua/<connection> says: the client's options and what to read. */
+    struct ConnectionOptions : OpcUaClient::Options
+    {
+        QStringList machines;
+        /** browseName=name pairs. */
+        QStringList rename;
+        int publishingInterval = 1000;
+    };
+
     /** Every key of a connection's group opcua/<connection>, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<ConnectionOptions> &settings();
 
     explicit OpcUaDatasource(QObject *parent = nullptr);
     ~OpcUaDatasource() override;

@@ -21,23 +21,26 @@ const QLatin1String Placeholders[] = { QLatin1String("{machine}"), QLatin1String
 
 } // namespace
 
-const QVector<SettingKey> &MqttOut::settings()
+const SettingsTable<MqttOut::Options> &MqttOut::settings()
 {
-    static const QVector<SettingKey> table
-        = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name.")
-        + QVector<SettingKey> {
-              SettingKey::whole("qos", "1", 0, 1,
-                  "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
-                  "connection."),
-              SettingKey::string("topic", "orvix/{machine}/{type}",
-                  "Topic of each dataset; {machine}, {source} and {type} are replaced."),
-              SettingKey::list(
-                  "retainTypes", "StateV1", "Dataset types published with the retain flag, separated by commas."),
-              SettingKey::path(
-                  "spool", "/var/lib/orvix/spool/mqttOut", "Folder of the on-disk queue of datasets on their way."),
-              SettingKey::whole("spoolMaxBytes", "67108864", 65536, quint64(std::numeric_limits<qint64>::max()),
-                  "Bytes the spool may hold; past that the oldest datasets are dropped."),
-          };
+    static const SettingsTable<Options> table(
+        MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by the host name."),
+        {
+            SettingKey::whole("qos", &Options::qos, "1", 0, 1,
+                "1: a dataset leaves the spool when the broker acknowledged it; 0: when it was written to the "
+                "connection.")
+                .strict(),
+            SettingKey::trimmed("topic", &Options::topic, "orvix/{machine}/{type}",
+                "Topic of each dataset; {machine}, {source} and {type} are replaced."),
+            SettingKey::list("retainTypes", &Options::retainTypes, "StateV1",
+                "Dataset types published with the retain flag, separated by commas."),
+            SettingKey::path("spool", &Options::spool, "/var/lib/orvix/spool/mqttOut",
+                "Folder of the on-disk queue of datasets on their way."),
+            SettingKey::whole("spoolMaxBytes", &Options::spoolMaxBytes, "67108864", 65536,
+                quint64(std::numeric_limits<qint64>::max()),
+                "Bytes the spool may hold; past that the oldest datasets are dropped.")
+                .strict(),
+        });
     return table;
 }
 
@@ -60,15 +63,13 @@ MqttOut::~MqttOut()
 
 bool MqttOut::init(const QVariantMap &config, QVariantMap &)
 {
-    const MqttSettings settings(config.value(Group).toMap(), MqttOut::settings(), lcMqttOut());
-    MqttConnection::Options options;
-    quint64 qos = 1;
-    quint64 maxBytes = 0;
+    Options options;
     QString error;
-    bool usable = settings.connectionOptions(QStringLiteral("orvix-") + QSysInfo::machineHostName(), &options, &error)
-        && settings.number("qos", &qos, &error) && settings.number("spoolMaxBytes", &maxBytes, &error);
-    const QString folder = settings.text("spool");
-    m_topic = settings.text("topic").trimmed();
+    bool usable = settings().read(config.value(Group).toMap(), lcMqttOut(), &options, &error)
+        && MqttSettings::complete(QStringLiteral("orvix-") + QSysInfo::machineHostName(), &options, &error);
+    const QString &folder = options.spool;
+    const qint64 maxBytes = options.spoolMaxBytes;
+    m_topic = options.topic;
     const QByteArray statusTopic
         = QStringLiteral("orvix/status/%1").arg(MqttConnection::topicLevel(options.clientId)).toUtf8();
     if (usable && folder.isEmpty()) {
@@ -89,12 +90,11 @@ bool MqttOut::init(const QVariantMap &config, QVariantMap &)
         qCWarning(lcMqttOut) << QStringLiteral("Can't use the settings: %1").arg(error);
         return false;
     }
-    m_qos = int(qos);
-    const QStringList retainTypes = settings.list("retainTypes");
-    m_retainTypes = QSet<QString>(retainTypes.begin(), retainTypes.end());
+    m_qos = options.qos;
+    m_retainTypes = QSet<QString>(options.retainTypes.begin(), options.retainTypes.end());
 
-    m_spool = std::make_unique<MqttSpool>(folder, qint64(maxBytes), lcMqttOut());
-    m_spoolMaxBytes = qint64(maxBytes);
+    m_spool = std::make_unique<MqttSpool>(folder, maxBytes, lcMqttOut());
+    m_spoolMaxBytes = maxBytes;
     if (!m_spool->open(&error)) {
         qCWarning(lcMqttOut) << QStringLiteral("Can't use the spool %1: %2").arg(folder, error);
         m_spool.reset();

@@ -31,8 +31,18 @@ class MqttOut : public QObject, public ITarget, public IMetricsProvider
     Q_OBJECT
     Q_INTERFACES(ITarget IMetricsProvider)
 public:
+    /** What the group mqttOut says: the broker connection, the topics and the spool. */
+    struct Options : MqttConnection::Options
+    {
+        int qos = 1;
+        QString topic;
+        QStringList retainTypes;
+        QString spool;
+        qint64 spoolMaxBytes = 0;
+    };
+
     /** Every key of the group mqttOut, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit MqttOut(QObject *parent = nullptr);
     ~MqttOut() override;

@@ -3,7 +3,6 @@
 
 #include "opcuaserverhost.h"
 #include "opcuasupport.h"
-#include "settingsgroup.h"
 #include "settingvalue.h"
 #include "wwaddressspace.h"
 #include "wwtypes.h"
@@ -32,23 +31,27 @@ bool readUsers(const QStringList &entries, const QString &where, QHash<QString, 
 
 } // namespace
 
-const QVector<SettingKey> &OpcUaServer::settings()
+const SettingsTable<OpcUaServer::Options> &OpcUaServer::settings()
 {
-    static const QVector<SettingKey> table {
-        SettingKey::whole("port", "4840", 1, 65535, "TCP port the server listens on, on every interface."),
-        SettingKey::string(
-            "endpointPath", "", "Path after host and port in the endpoint URL, e.g. /orvix; empty for none."),
-        SettingKey::list("securityPolicies", "",
+    static const SettingsTable<Options> table {
+        SettingKey::whole(
+            "port", &Options::port, "4840", 1, 65535, "TCP port the server listens on, on every interface.")
+            .strict(),
+        SettingKey::trimmed("endpointPath", &Options::endpointPath, "",
+            "Path after host and port in the endpoint URL, e.g. /orvix; empty for none."),
+        SettingKey::list("securityPolicies", &Options::securityPolicies, "",
             "Security policies offered, separated by commas; empty offers None, Basic256Sha256, Aes128_Sha256_RsaOaep "
             "and Aes256_Sha256_RsaPss."),
-        SettingKey::list("securityModes", "",
+        SettingKey::list("securityModes", &Options::securityModes, "",
             "Security modes offered with them, separated by commas; empty offers None, Sign and SignAndEncrypt. None "
             "goes with the policy None only."),
-        SettingKey::list("users", "", "Logins as user:password, separated by commas; empty for none."),
-        SettingKey::path("passwordFile", "", "File of further logins, one user:password a line; empty for none."),
-        SettingKey::boolean("allowAnonymous", "",
-            "true lets clients in without a login; empty means true without logins and false with them."),
-        SettingKey::path("pki", "/var/lib/orvix/opcuaServer/pki",
+        SettingKey::list("users", &Options::users, "", "Logins as user:password, separated by commas; empty for none."),
+        SettingKey::path("passwordFile", &Options::passwordFile, "",
+            "File of further logins, one user:password a line; empty for none."),
+        SettingKey::boolean("allowAnonymous", &Options::allowAnonymous, "",
+            "true lets clients in without a login; empty means true without logins and false with them.")
+            .strict(),
+        SettingKey::path("pki", &Options::pki, "/var/lib/orvix/opcuaServer/pki",
             "Folder of the own certificate (own/), trusted client certificates (trusted/) and refused ones "
             "(rejected/)."),
     };
@@ -72,20 +75,18 @@ OpcUaServer::~OpcUaServer()
 
 bool OpcUaServer::init(const QVariantMap &config, QVariantMap &shared)
 {
-    const QVariantMap group = config.value(Group).toMap();
-    const SettingsGroup settings(group, OpcUaServer::settings(), lcOpcUaServer());
-    OpcUaServerHost::Options options;
+    Options written;
     QString error;
-    quint64 port = 0;
-    bool usable = settings.number("port", &port, &error);
-    options.port = quint16(port);
-    options.endpointPath = settings.text("endpointPath").trimmed();
+    bool usable = settings().read(config.value(Group).toMap(), lcOpcUaServer(), &written, &error);
+    OpcUaServerHost::Options options;
+    options.port = written.port;
+    options.endpointPath = written.endpointPath;
     if (usable && !options.endpointPath.isEmpty() && !options.endpointPath.startsWith(QLatin1Char('/')))
         options.endpointPath.prepend(QLatin1Char('/'));
-    options.securityPolicies = settings.list("securityPolicies");
+    options.securityPolicies = written.securityPolicies;
     if (options.securityPolicies.isEmpty())
         options.securityPolicies = OpcUa::policyNames();
-    options.securityModes = settings.list("securityModes");
+    options.securityModes = written.securityModes;
     if (options.securityModes.isEmpty())
         options.securityModes = OpcUa::modeNames();
     for (const QString &policy : qAsConst(options.securityPolicies)) {
@@ -102,8 +103,8 @@ bool OpcUaServer::init(const QVariantMap &config, QVariantMap &shared)
             usable = false;
         }
     }
-    usable = usable && readUsers(settings.list("users"), QStringLiteral("users"), &options.users, &error);
-    const QString passwordFile = settings.text("passwordFile");
+    usable = usable && readUsers(written.users, QStringLiteral("users"), &options.users, &error);
+    const QString &passwordFile = written.passwordFile;
     if (usable && !passwordFile.isEmpty()) {
         QFile file(passwordFile);
         if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
@@ -119,17 +120,12 @@ bool OpcUaServer::init(const QVariantMap &config, QVariantMap &shared)
             usable = readUsers(lines, QStringLiteral("passwordFile"), &options.users, &error);
         }
     }
-    const QString anonymous = settings.rawText("allowAnonymous").trimmed();
-    options.allowAnonymous = options.users.isEmpty();
-    if (usable && !anonymous.isEmpty() && !SettingValue::parseBool(anonymous, &options.allowAnonymous)) {
-        error = QStringLiteral("allowAnonymous must be true or false, not \"%1\"").arg(anonymous);
-        usable = false;
-    }
+    options.allowAnonymous = written.allowAnonymous.value_or(options.users.isEmpty());
     if (usable && !options.allowAnonymous && options.users.isEmpty()) {
         error = QStringLiteral("allowAnonymous is false and no users are configured, so nobody could log in");
         usable = false;
     }
-    options.pki = settings.text("pki");
+    options.pki = written.pki;
     if (!usable) {
         qCWarning(lcOpcUaServer) << QStringLiteral("Can't use the settings: %1").arg(error);
         return false;

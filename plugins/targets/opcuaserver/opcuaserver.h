@@ -3,7 +3,7 @@
 
 #include "itarget.h"
 #include "mmtoopcuamapper.h"
-#include "settingkey.h"
+#include "settingstable.h"
 
 #include <QDateTime>
 #include <QObject>
@@ -12,6 +12,7 @@
 #include <QVector>
 
 #include <memory>
+#include <optional>
 
 class OpcUaServerHost;
 class WwAddressSpace;
@@ -26,8 +27,23 @@ class OpcUaServer : public QObject, public ITarget
     Q_OBJECT
     Q_INTERFACES(ITarget)
 public:
+    /** What the group opcuaServerTarget says. */
+    struct Options
+    {
+        quint16 port = 0;
+        QString endpointPath;
+        QStringList securityPolicies;
+        QStringList securityModes;
+        /** user:password entries. */
+        QStringList users;
+        QString passwordFile;
+        /** None: anonymous clients are let in exactly when there are no logins. */
+        std::optional<bool> allowAnonymous;
+        QString pki;
+    };
+
     /** Every key of the group opcuaServerTarget, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit OpcUaServer(QObject *parent = nullptr);
     ~OpcUaServer() override;

@@ -44,24 +44,27 @@ quint64 now()
 
 } // namespace
 
-const QVector<SettingKey> &Sparkplug::settings()
+const SettingsTable<Sparkplug::Options> &Sparkplug::settings()
 {
-    static const QVector<SettingKey> table
-        = MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by edgeNodeId.")
-        + QVector<SettingKey> {
-              SettingKey::string(
-                  "groupId", "orvix", "Sparkplug group id: the second level of every topic of the node."),
-              SettingKey::string("edgeNodeId", "", "Sparkplug edge node id; empty means the host name."),
-              SettingKey::string("primaryHostId", "",
-                  "Host application whose STATE must say online before the node sends its births; empty waits for "
-                  "none."),
-              SettingKey::path("state", "/var/lib/orvix/state/sparkplug",
-                  "Folder where the node keeps its bdSeq and the aliases of its devices' metrics."),
-              SettingKey::path("spool", "/var/lib/orvix/spool/sparkplug",
-                  "Folder of the on-disk queue of device messages on their way."),
-              SettingKey::whole("spoolMaxBytes", "67108864", 65536, quint64(std::numeric_limits<qint64>::max()),
-                  "Bytes the spool may hold; past that the oldest messages are dropped."),
-          };
+    static const SettingsTable<Options> table(
+        MqttSettings::connectionKeys("Client id at the broker; empty means orvix- followed by edgeNodeId."),
+        {
+            SettingKey::trimmed("groupId", &Options::groupId, "orvix",
+                "Sparkplug group id: the second level of every topic of the node."),
+            SettingKey::trimmed(
+                "edgeNodeId", &Options::edgeNodeId, "", "Sparkplug edge node id; empty means the host name."),
+            SettingKey::trimmed("primaryHostId", &Options::primaryHostId, "",
+                "Host application whose STATE must say online before the node sends its births; empty waits for "
+                "none."),
+            SettingKey::path("state", &Options::state, "/var/lib/orvix/state/sparkplug",
+                "Folder where the node keeps its bdSeq and the aliases of its devices' metrics."),
+            SettingKey::path("spool", &Options::spool, "/var/lib/orvix/spool/sparkplug",
+                "Folder of the on-disk queue of device messages on their way."),
+            SettingKey::whole("spoolMaxBytes", &Options::spoolMaxBytes, "67108864", 65536,
+                quint64(std::numeric_limits<qint64>::max()),
+                "Bytes the spool may hold; past that the oldest messages are dropped.")
+                .strict(),
+        });
     return table;
 }
 
@@ -85,19 +88,18 @@ Sparkplug::~Sparkplug()
 
 bool Sparkplug::init(const QVariantMap &config, QVariantMap &)
 {
-    const MqttSettings settings(config.value(Group).toMap(), Sparkplug::settings(), lcSparkplug());
-    const QString groupId = settings.text("groupId").trimmed();
-    QString edgeNodeId = settings.text("edgeNodeId").trimmed();
-    if (edgeNodeId.isEmpty())
-        edgeNodeId = QSysInfo::machineHostName();
-    m_hostId = settings.text("primaryHostId").trimmed();
-    MqttConnection::Options options;
-    quint64 maxBytes = 0;
+    Options options;
     QString error;
-    bool usable = settings.connectionOptions(QStringLiteral("orvix-") + edgeNodeId, &options, &error)
-        && settings.number("spoolMaxBytes", &maxBytes, &error);
-    const QString spoolFolder = settings.text("spool");
-    const QString stateFolder = settings.text("state");
+    bool usable = settings().read(config.value(Group).toMap(), lcSparkplug(), &options, &error);
+    if (options.edgeNodeId.isEmpty())
+        options.edgeNodeId = QSysInfo::machineHostName();
+    usable = usable && MqttSettings::complete(QStringLiteral("orvix-") + options.edgeNodeId, &options, &error);
+    const QString &groupId = options.groupId;
+    const QString &edgeNodeId = options.edgeNodeId;
+    m_hostId = options.primaryHostId;
+    const qint64 maxBytes = options.spoolMaxBytes;
+    const QString &spoolFolder = options.spool;
+    const QString &stateFolder = options.state;
     const auto refuse = [&usable, &error](const QString &sentence) {
         if (usable)
             error = sentence;
@@ -134,14 +136,14 @@ bool Sparkplug::init(const QVariantMap &config, QVariantMap &)
         qCWarning(lcSparkplug) << QStringLiteral("Can't use the state folder %1: %2").arg(stateFolder, error);
         return false;
     }
-    auto spool = std::make_unique<MqttSpool>(spoolFolder, qint64(maxBytes), lcSparkplug());
+    auto spool = std::make_unique<MqttSpool>(spoolFolder, maxBytes, lcSparkplug());
     if (!spool->open(&error)) {
         qCWarning(lcSparkplug) << QStringLiteral("Can't use the spool %1: %2").arg(spoolFolder, error);
         return false;
     }
     m_store = std::move(store);
     m_spool = std::move(spool);
-    m_spoolMaxBytes = qint64(maxBytes);
+    m_spoolMaxBytes = maxBytes;
     m_spoolAge.start(*m_spool);
     // The devices an earlier run knew are born again with their aliases, so that what waits in the spool still fits.
     for (const QString &machine : m_store->machines())

@@ -33,8 +33,19 @@ class Sparkplug : public QObject, public ITarget, public IMetricsProvider
     Q_OBJECT
     Q_INTERFACES(ITarget IMetricsProvider)
 public:
+    /** What the group sparkplug says: the broker connection, the node's ids and its folders. */
+    struct Options : MqttConnection::Options
+    {
+        QString groupId;
+        QString edgeNodeId;
+        QString primaryHostId;
+        QString state;
+        QString spool;
+        qint64 spoolMaxBytes = 0;
+    };
+
     /** Every key of the group sparkplug, in the order its sample.ini documents them. */
-    static const QVector<SettingKey> &settings();
+    static const SettingsTable<Options> &settings();
 
     explicit Sparkplug(QObject *parent = nullptr);
     /** Publishes NDEATH and disconnects. */

@@ -90,6 +90,7 @@ private slots:
     void requiredKeyMustBeWritten_data();
     void requiredKeyMustBeWritten();
     void baseRowsComeFirst();
+    void rowOfABaseAmongTheOthers();
 
 private:
     LogCapture m_log { QStringLiteral("component") };
@@ -318,6 +319,19 @@ void tst_SettingsTable::baseRowsComeFirst()
     QCOMPARE(options.tls, true);
     QCOMPARE(options.count, 3);
     QCOMPARE(options.topics, QStringList { "a" });
+}
+
+void tst_SettingsTable::rowOfABaseAmongTheOthers()
+{
+    // &Options::host points into Connection, which Options derives from.
+    const SettingsTable<Options> mixed {
+        SettingKey::whole("count", &Options::count, "2", 1, 10, "How many."),
+        SettingKey::trimmed("host", &Options::host, "localhost", "Host."),
+    };
+    Options options;
+    QVERIFY(mixed.read(QVariantMap { { "host", " broker " } }, lcComponent(), &options));
+    QCOMPARE(options.count, 2);
+    QCOMPARE(options.host, QStringLiteral("broker"));
 }
 
 QTEST_GUILESS_MAIN(tst_SettingsTable)

@@ -101,7 +101,7 @@ void tst_MqttIn::metadata()
 void tst_MqttIn::sampleIniDocumentsEverySetting()
 {
     // QSettings reads each default as written, the filter orvix/in/# too.
-    PluginChecks::checkSampleIni("datasources/mqttin", "mqttIn", MqttIn::settings());
+    PluginChecks::checkSampleIni("datasources/mqttin", "mqttIn", MqttIn::settings().keys());
 }
 
 void tst_MqttIn::readmeQuotesSampleIni()
@@ -111,7 +111,7 @@ void tst_MqttIn::readmeQuotesSampleIni()
 
 void tst_MqttIn::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("datasources/mqttin", MqttIn::settings());
+    PluginChecks::checkReadmeKeyTable("datasources/mqttin", MqttIn::settings().keys());
 }
 
 void tst_MqttIn::initRefuses_data()

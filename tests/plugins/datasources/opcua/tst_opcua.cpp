@@ -172,12 +172,12 @@ void tst_OpcUa::pluginLibrary()
 void tst_OpcUa::sampleIniHoldsEveryKey()
 {
     PluginChecks::checkSampleIni(
-        QStringLiteral("datasources/opcua"), QStringLiteral("opcua/line1"), OpcUaDatasource::settings());
+        QStringLiteral("datasources/opcua"), QStringLiteral("opcua/line1"), OpcUaDatasource::settings().keys());
 }
 
 void tst_OpcUa::readmeDocumentsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable(QStringLiteral("datasources/opcua"), OpcUaDatasource::settings());
+    PluginChecks::checkReadmeKeyTable(QStringLiteral("datasources/opcua"), OpcUaDatasource::settings().keys());
 }
 
 void tst_OpcUa::readmeQuotesSampleIni()

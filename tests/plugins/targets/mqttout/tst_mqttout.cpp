@@ -165,7 +165,7 @@ void tst_MqttOut::metadata()
 
 void tst_MqttOut::sampleIniDocumentsEverySetting()
 {
-    PluginChecks::checkSampleIni("targets/mqttout", "mqttOut", MqttOut::settings());
+    PluginChecks::checkSampleIni("targets/mqttout", "mqttOut", MqttOut::settings().keys());
 }
 
 void tst_MqttOut::readmeQuotesSampleIni()
@@ -175,7 +175,7 @@ void tst_MqttOut::readmeQuotesSampleIni()
 
 void tst_MqttOut::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("targets/mqttout", MqttOut::settings());
+    PluginChecks::checkReadmeKeyTable("targets/mqttout", MqttOut::settings().keys());
 }
 
 void tst_MqttOut::initRefuses_data()

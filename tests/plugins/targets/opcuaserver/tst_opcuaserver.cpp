@@ -238,12 +238,12 @@ void TestOpcUaServer::library()
 void TestOpcUaServer::sampleIni()
 {
     PluginChecks::checkSampleIni(
-        QStringLiteral("targets/opcuaserver"), QStringLiteral("opcuaServerTarget"), OpcUaServer::settings());
+        QStringLiteral("targets/opcuaserver"), QStringLiteral("opcuaServerTarget"), OpcUaServer::settings().keys());
 }
 
 void TestOpcUaServer::readmeKeyTable()
 {
-    PluginChecks::checkReadmeKeyTable(QStringLiteral("targets/opcuaserver"), OpcUaServer::settings());
+    PluginChecks::checkReadmeKeyTable(QStringLiteral("targets/opcuaserver"), OpcUaServer::settings().keys());
 }
 
 void TestOpcUaServer::readmeQuotesSampleIni()

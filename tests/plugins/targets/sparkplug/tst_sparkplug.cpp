@@ -236,7 +236,7 @@ void tst_Sparkplug::metadata()
 
 void tst_Sparkplug::sampleIniDocumentsEverySetting()
 {
-    PluginChecks::checkSampleIni("targets/sparkplug", "sparkplug", Sparkplug::settings());
+    PluginChecks::checkSampleIni("targets/sparkplug", "sparkplug", Sparkplug::settings().keys());
 }
 
 void tst_Sparkplug::readmeQuotesSampleIni()
@@ -246,7 +246,7 @@ void tst_Sparkplug::readmeQuotesSampleIni()
 
 void tst_Sparkplug::readmeListsEveryKey()
 {
-    PluginChecks::checkReadmeKeyTable("targets/sparkplug", Sparkplug::settings());
+    PluginChecks::checkReadmeKeyTable("targets/sparkplug", Sparkplug::settings().keys());
 }
 
 void tst_Sparkplug::initRefuses_data()

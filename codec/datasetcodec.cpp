@@ -161,8 +161,8 @@ public:
             return false;
         const Slot &slot = m_slots.at(slotOf(line, rest));
         const int size = line.size() - rest;
-        if (slot.rest.size() != size || slot.extraKey.size() != extraKey.size()
-            || std::memcmp(slot.extraKey.constData(), extraKey.data(), size_t(extraKey.size())) != 0
+        // QLatin1String's comparison, since memcmp may not be handed the null pointer of an empty key.
+        if (slot.rest.size() != size || QLatin1String(slot.extraKey) != extraKey
             || std::memcmp(slot.rest.constData(), line.constData() + rest, size_t(size)) != 0)
             return false;
         *out = slot.dataset;

@@ -154,7 +154,7 @@ DomObject::const_iterator DomObject::search(QLatin1String key) const
     const int count = m_fields.size();
     for (int step = 0, at = m_next; step < count; ++step, at = at + 1 == count ? 0 : at + 1) {
         const Field &field = m_fields.at(at);
-        if (field.size == size && std::memcmp(field.key, key.data(), size) == 0) {
+        if (field.size == size && (size == 0 || std::memcmp(field.key, key.data(), size) == 0)) {
             m_next = at + 1 == count ? 0 : at + 1;
             return const_iterator(&field);
         }

@@ -175,7 +175,11 @@ public:
     };
 
     const_iterator constBegin() const { return const_iterator(fields().constData()); }
-    const_iterator constEnd() const { return const_iterator(fields().constData() + m_fields.size()); }
+    const_iterator constEnd() const
+    {
+        const QVarLengthArray<Field, 40> &all = fields();
+        return const_iterator(all.constData() + all.size());
+    }
     const_iterator constFind(QLatin1String key) const
     {
         const QVarLengthArray<Field, 40> &all = fields();
@@ -184,7 +188,9 @@ public:
         // Mostly the key after the last one found.
         if (m_next < all.size()) {
             const Field &field = all[m_next];
-            if (field.size == quint32(key.size()) && std::memcmp(field.key, key.data(), field.size) == 0) {
+            // An empty key may come without characters, a null pointer that memcmp must not see.
+            if (field.size == quint32(key.size())
+                && (field.size == 0 || std::memcmp(field.key, key.data(), field.size) == 0)) {
                 m_next = m_next + 1 == all.size() ? 0 : m_next + 1;
                 return const_iterator(&field);
             }

@@ -3,7 +3,7 @@
 # The package under a real systemd, as root on a Debian machine (systemd as PID 1 is not needed there): boots a
 # Debian 12 root with systemd-nspawn, installs the orvix package in it and checks what the unit promises:
 #   - the service becomes active (running) as Type=notify, so orvix sent READY=1, and runs as user orvix;
-#   - the packaged WatchdogSec (30 s); with a drop-in of a 4 s watchdog the service keeps running far past it and
+#   - the packaged WatchdogSec (30 s) and TimeoutAbortSec (15 s); with a drop-in of a 4 s watchdog the service keeps running far past it and
 #     systemd records its pings (WatchdogTimestamp moves);
 #   - an event loop that stops (kill -STOP of the main process) is a watchdog timeout: systemd kills the service and
 #     starts it again (NRestarts goes up, a new main process becomes ready).
@@ -101,7 +101,9 @@ pid=$(show MainPID)
 user=$(inside stat -c %U "/proc/$pid")
 [ "$user" = orvix ] || fail "orvix runs as $user"
 [ "$(show WatchdogUSec)" = 30s ] || fail "WatchdogUSec is $(show WatchdogUSec), not the packaged 30s"
-echo "active (running) as Type=notify, main PID $pid as user $user, WatchdogUSec=$(show WatchdogUSec)"
+[ "$(show TimeoutAbortUSec)" = 15s ] || fail "TimeoutAbortUSec is $(show TimeoutAbortUSec), not the packaged 15s"
+echo "active (running) as Type=notify, main PID $pid as user $user, WatchdogUSec=$(show WatchdogUSec)," \
+    "TimeoutAbortUSec=$(show TimeoutAbortUSec)"
 
 echo "-- watchdog pings"
 mkdir -p "$root/etc/systemd/system/orvix.service.d"
